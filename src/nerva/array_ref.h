@@ -26,8 +26,15 @@ class ArrayRef {
   template <size_t N>
   constexpr ArrayRef(const T (&array)[N]) : data_(array), length_(N) {}
   // The list must outlive the view: fine for a call argument, not for a variable.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winit-list-lifetime"
+#endif
   constexpr ArrayRef(const std::initializer_list<T>& list)
       : data_(list.begin() == list.end() ? nullptr : list.begin()), length_(list.size()) {}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
   constexpr const T* begin() const { return data_; }
   constexpr const T* end() const { return data_ + length_; }
