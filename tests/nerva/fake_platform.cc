@@ -10,8 +10,9 @@ Buffer FakeAllocate(std::shared_ptr<ISessionImpl>, MemoryFlags, long size, void*
 
 NERVA_STATIC_REGISTER {
   FakeModule::singleton().AddAllocatorImpl(
-      "MakeBuffer", MakeFunctionWrapper<Buffer, std::shared_ptr<ISessionImpl>, MemoryFlags, long,
-                                        void*>("MakeBuffer", FakeAllocate));
+      "MakeBuffer",
+      MakeFunctionWrapper<Buffer, std::shared_ptr<ISessionImpl>, MemoryFlags, long, void*>(
+          "MakeBuffer", FakeAllocate));
 };
 
 }  // namespace
