@@ -1,0 +1,11 @@
+#pragma once
+
+#include "linvo/matrix.h"
+
+namespace linvo {
+
+// Element-wise a - b, with broadcasting; result shape BroadcastShape(a, b), type TypePromote(a, b).
+Matrix Sub(const Matrix& a, const Matrix& b);
+void Sub(const Matrix& a, const Matrix& b, Matrix& out);
+
+}  // namespace linvo
