@@ -1,0 +1,80 @@
+#include "nerva/platform/cpu/queue_impl.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "nerva/platform/cpu/module.h"
+#include "nerva/platform/cpu/session_impl.h"
+
+namespace nerva::cpu {
+namespace {
+
+Event CompleteEvent() {
+  return MakeEvent<EventImpl>();
+}
+
+// Overlap-safe copy; zero bytes copy nothing.
+void MoveBytes(void* dst, const void* src, long size) {
+  if (size > 0) std::memmove(dst, src, static_cast<size_t>(size));
+}
+
+}  // namespace
+
+QueueImpl::QueueImpl(std::weak_ptr<SessionImpl> session) : session_(std::move(session)) {
+  if (session_.expired()) throw std::invalid_argument("Null session error.");
+}
+
+std::shared_ptr<SessionImpl> QueueImpl::LockSession() const {
+  auto session = session_.lock();
+  if (!session) throw std::runtime_error("CPU session has been expired!");
+  return session;
+}
+
+Event QueueImpl::Enqueue(const Kernel& kernel) {
+  auto* cpu_kernel = dynamic_cast<KernelImpl*>(kernel.get());
+  if (cpu_kernel == nullptr) throw std::runtime_error("Enqueue invalid CPU kernel!");
+  cpu_kernel->Run();
+  return CompleteEvent();
+}
+
+// Earlier work is always complete, so there is nothing to wait for.
+Event QueueImpl::Enqueue(const Kernel& kernel, const std::vector<Event>& /*wait_list*/) {
+  return Enqueue(kernel);
+}
+
+Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size) {
+  if (dst == nullptr) throw std::runtime_error("CopyDeviceToHost fail, unexpected null dest");
+  MoveBytes(dst, src.UnsafeGetPtr(), size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size) {
+  if (src == nullptr) throw std::runtime_error("CopyHostToDevice fail, unexpected null src");
+  MoveBytes(dst.UnsafeGetPtr(), src, size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) {
+  MoveBytes(dst.UnsafeGetPtr(), src.UnsafeGetPtr(), size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::FillBuffer(Buffer /*dst*/, const void* /*pattern*/, unsigned long /*pattern_size*/,
+                            long /*offset*/, long /*size*/) {
+  return CompleteEvent();
+}
+
+std::string QueueImpl::GetPlatform() const {
+  return LockSession()->platform();
+}
+
+Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& params) {
+  LockSession();  // kernels are made only while the session lives
+  const auto* creator = CpuModule::singleton().FindKernel(name);
+  if (creator == nullptr) throw std::runtime_error("CPU not support kernel: " + name);
+  std::shared_ptr<KernelImpl> kernel = creator->Call(params);
+  if (!kernel->Verify()) throw std::runtime_error("CPU kernel \"" + name + "\" verify fail.");
+  return Kernel(kernel);
+}
+
+}  // namespace nerva::cpu
