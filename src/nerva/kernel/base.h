@@ -1,7 +1,9 @@
 #pragma once
 
 // Front-ends of the general operators: each Create forwards its arguments,
-// unchanged, to the queue's platform under the operator's registry name.
+// unchanged, to the queue's platform under the operator's registry name. This header
+// holds the layout and creation operators and the matrix product, and includes the
+// other general families.
 
 #include <cstdint>
 #include <memory>
@@ -12,6 +14,13 @@
 #include "nerva/queue.h"
 #include "nerva/tensor.h"
 #include "nerva/tensor_option.h"
+
+#include "nerva/kernel/base_option.h"
+#include "nerva/kernel/elementwise.h"
+#include "nerva/kernel/indexing.h"
+#include "nerva/kernel/normalization.h"
+#include "nerva/kernel/random.h"
+#include "nerva/kernel/reduce.h"
 
 namespace nerva {
 
@@ -80,6 +89,136 @@ class Slice {
   static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const SliceOption& option,
                        const TensorOption& in_opt, const Buffer& in, const TensorOption& out_opt,
                        Buffer& out);
+};
+
+// torch.arange: start, start + step, ... below end.
+class ARange {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const ARangeOption& option,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.cat of the inputs along one dimension.
+class Concat {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const ConcatOption& option,
+                       const std::vector<TensorOption>& inputs_opts,
+                       const std::vector<Buffer>& inputs, const TensorOption& out_opt, Buffer& out);
+};
+
+// Materialises the input broadcast to the output's shape.
+class BroadcastTo {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const TensorOption& input_opt,
+                       const Buffer& input, const TensorOption& out_opt, Buffer& out);
+};
+
+// Copies between arbitrary strides, converting the element type when the two differ.
+class Copy {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const CopyOption& option,
+                       const TensorOption& src_opt, const Buffer& src, const TensorOption& dst_opt,
+                       Buffer& dst);
+};
+
+// torch.nn.functional.pixel_shuffle: (N, C*r*r, H, W) -> (N, C, H*r, W*r).
+class DepthToSpace {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const DepthToSpaceOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.eye: ones on the main diagonal, zeros elsewhere.
+class Eye {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const EyeOption& option,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.flip: reverses the order of elements along the given dimensions.
+class Flip {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const FlipOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.linspace: steps values evenly spaced from start to end.
+class Linspace {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const LinspaceOption& option,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// Batched, broadcasting matrix product (torch.matmul).
+class MatMul {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const MatMulOption& option,
+                       const TensorOption& mat1_opt, const Buffer& mat1,
+                       const TensorOption& mat2_opt, const Buffer& mat2,
+                       const TensorOption& out_opt, Buffer& out);
+  // "Gemm": out = alpha * (mat1 @ mat2) + beta * input, input broadcasting to out.
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const MatMulOption& option,
+                       const TensorOption& mat1_opt, const Buffer& mat1,
+                       const TensorOption& mat2_opt, const Buffer& mat2,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.Tensor.repeat: tiles the input repeats[i] times along dimension i.
+class Repeat {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const RepeatOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+  // "Repeat_Interleave": torch.repeat_interleave along dim with per-element repeats and their
+  // inclusive running sum.
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const RepeatOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& repeats_opt, const Buffer& repeats,
+                       const TensorOption& repeats_cumsum_opt, const Buffer& repeats_cumsum,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.roll.
+class Roll {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const RollOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.slice_scatter: out = input with the slice described by the option replaced by src.
+class SliceScatter {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const SliceOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& src_opt, const Buffer& src, const TensorOption& out_opt,
+                       Buffer& out);
+};
+
+// torch.nn.functional.pixel_unshuffle: (N, C, H*r, W*r) -> (N, C*r*r, H, W).
+class SpaceToDepth {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const SpaceToDepthOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out);
+};
+
+// torch.split along one dimension into the outputs.
+class Split {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const SplitOption& option,
+                       const TensorOption& input_opt, const Buffer& input,
+                       const std::vector<TensorOption>& outs_opts, const std::vector<Buffer>& outs);
+};
+
+// Tiles the input to the output's shape (each output dimension a multiple of the input's).
+class Tile {
+ public:
+  static Kernel Create(const std::shared_ptr<IQueueImpl>& queue, const TensorOption& input_opt,
+                       const Buffer& input, const TensorOption& out_opt, Buffer& out);
 };
 
 }  // namespace nerva
