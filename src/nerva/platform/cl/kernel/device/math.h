@@ -1,0 +1,48 @@
+/*
+ * Math helpers shared by the element-wise device programs. The expression
+ * macros work on float scalars and float vectors of any width; the erf
+ * polynomial needs locals, so it is a function per width, reached through
+ * NERVA_ERF(N, x).
+ *
+ * e^y is computed as exp2(y * log2 e) and ln y as log2(y) / log2 e: one
+ * native-width exp2/log2 each, which the device libraries vectorise well.
+ */
+#ifndef NERVA_MATH_H
+#define NERVA_MATH_H
+
+#define NERVA_LOG2E 1.4426950408889634f
+#define NERVA_INV_LOG2E (1.0f / NERVA_LOG2E)
+#define NERVA_SQRT1_2 0.70710678118654752f
+
+#define NERVA_EXP(y) exp2((y) * NERVA_LOG2E)
+#define NERVA_LOG(y) (log2(y) * NERVA_INV_LOG2E)
+/* tanh(y) = 2 / (1 + e^(-2y)) - 1. */
+#define NERVA_FAST_TANH(y) (2.0f / (1.0f + exp2((y) * (-2.0f * NERVA_LOG2E))) - 1.0f)
+#define NERVA_SIGMOID(y) (1.0f / (1.0f + NERVA_EXP(-(y))))
+
+/* erf(x) = x * P(x^2) / Q(x^2) on x clamped to [-4, 4], single precision. */
+#define NERVA_DEFINE_ERF(VT, SUFFIX)                                           \
+  inline VT nerva_erf_##SUFFIX(VT x) {                                       \
+    x = clamp(x, -4.0f, 4.0f);                                               \
+    const VT t = x * x;                                                      \
+    VT p = -2.72614225801306e-10f * t + 2.77068142495902e-08f;               \
+    p = p * t - 2.10102402082508e-06f;                                       \
+    p = p * t - 5.69250639462346e-05f;                                       \
+    p = p * t - 7.34990630326855e-04f;                                       \
+    p = p * t - 2.95459980854025e-03f;                                       \
+    p = p * t - 1.60960333262415e-02f;                                       \
+    VT q = -1.45660718464996e-05f * t - 2.13374055278905e-04f;               \
+    q = q * t - 1.68282697438203e-03f;                                       \
+    q = q * t - 7.37332916720468e-03f;                                       \
+    q = q * t - 1.42647390514189e-02f;                                       \
+    return x * p / q;                                                        \
+  }
+NERVA_DEFINE_ERF(float, 1)
+NERVA_DEFINE_ERF(float2, 2)
+NERVA_DEFINE_ERF(float3, 3)
+NERVA_DEFINE_ERF(float4, 4)
+NERVA_DEFINE_ERF(float8, 8)
+NERVA_DEFINE_ERF(float16, 16)
+#define NERVA_ERF(N, x) NERVA_CAT(nerva_erf_, N)(x)
+
+#endif /* NERVA_MATH_H */

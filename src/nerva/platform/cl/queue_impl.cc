@@ -1,0 +1,192 @@
+#include "nerva/platform/cl/queue_impl.h"
+
+#include <stdexcept>
+
+#include "nerva/platform/cl/kernel_impl.h"
+#include "nerva/platform/cl/module.h"
+#include "nerva/platform/cl/session_impl.h"
+#include "nerva/platform/cl/util.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+namespace {
+
+// The raw handles of the non-empty events of a wait list.
+std::vector<cl_event> RawEvents(const ClEventVector& events) {
+  std::vector<cl_event> raw;
+  raw.reserve(events.size());
+  for (const auto& event : events) {
+    if (event() != nullptr) raw.push_back(event());
+  }
+  return raw;
+}
+
+cl_mem MemOf(const Buffer& buffer) {
+  return static_cast<cl_mem>(buffer.UnsafeGetPtr());
+}
+
+// Runs `enqueue(count, events, &event)` and wraps the resulting event.
+template <typename F>
+::cl::Event EnqueueCommand(const ClEventVector& wait_list, const char* what, F&& enqueue) {
+  std::vector<cl_event> raw = RawEvents(wait_list);
+  cl_event event = nullptr;
+  cl_int status =
+      enqueue(static_cast<cl_uint>(raw.size()), raw.empty() ? nullptr : raw.data(), &event);
+  CheckStatus(status, what);
+  return ::cl::Event(event);  // takes over the reference of the new event
+}
+
+}  // namespace
+
+bool ProfilingEnabledByEnv() {
+  auto value = EnvVar("NERVA_PROFILING");
+  return value && (*value == "1" || *value == "true" || *value == "True" || *value == "TRUE");
+}
+
+QueueImpl::QueueImpl(std::weak_ptr<SessionImpl> session)
+    : profiling_(ProfilingEnabledByEnv()), session_(std::move(session)) {
+  auto owner = session_.lock();
+  if (!owner) throw std::runtime_error("Null session error.");
+  cl_queue_properties properties[] = {
+      CL_QUEUE_PROPERTIES, profiling_ ? CL_QUEUE_PROFILING_ENABLE : cl_queue_properties(0), 0};
+  cl_int status = CL_SUCCESS;
+  cl_command_queue queue = clCreateCommandQueueWithProperties(owner->context()(), owner->device()(),
+                                                              properties, &status);
+  CheckStatus(status, "Create CL command queue fail, reason :");
+  queue_ = ::cl::CommandQueue(queue);
+}
+
+QueueImpl::QueueImpl(std::weak_ptr<SessionImpl> session, cl_command_queue queue)
+    : profiling_(ProfilingEnabledByEnv()), session_(std::move(session)), queue_(queue, true) {}
+
+Event QueueImpl::Enqueue(const Kernel& kernel) {
+  return MakeEvent<EventImpl>(Enqueue(kernel, ClEventVector{}));
+}
+
+Event QueueImpl::Enqueue(const Kernel& kernel, const std::vector<Event>& wait_list) {
+  return MakeEvent<EventImpl>(Enqueue(kernel, ToClEventVector(wait_list)));
+}
+
+::cl::Event QueueImpl::Enqueue(const Kernel& kernel, const ClEventVector& wait_list) {
+  auto impl = std::dynamic_pointer_cast<KernelImpl>(kernel.impl());
+  if (!impl) throw std::runtime_error("Enqueue invalid CL kernel, please compile it first!");
+  auto self = shared_from_this();
+  impl->BeforeEnqueue(self, wait_list);
+  ::cl::Event last;
+  ClEventVector waits = wait_list;
+  for (const auto& unit : impl->units()) {
+    const ::cl::NDRange& local = unit->local();
+    last = EnqueueCommand(waits, ("CL enqueue kernel " + unit->name() + " fail, reason :").c_str(),
+                          [&](cl_uint count, const cl_event* events, cl_event* event) {
+                            return clEnqueueNDRangeKernel(
+                                queue_(), unit->kernel()(), unit->global().dimensions(), nullptr,
+                                unit->global(), local.dimensions() ? (const size_t*)local : nullptr,
+                                count, events, event);
+                          });
+    if (profiling_) ProfileEvent(last, unit->name());
+    waits.assign(1, last);
+  }
+  impl->AfterEnqueue(self, wait_list);
+  return last;
+}
+
+Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size) {
+  return MakeEvent<EventImpl>(CopyDeviceToHost(dst, src, size, ClEventVector{}));
+}
+
+Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size) {
+  return MakeEvent<EventImpl>(CopyHostToDevice(std::move(dst), src, size, ClEventVector{}));
+}
+
+Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) {
+  return MakeEvent<EventImpl>(CopyDeviceToDevice(std::move(dst), src, size, ClEventVector{}));
+}
+
+Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size,
+                            long offset, long size) {
+  return MakeEvent<EventImpl>(
+      FillBuffer(std::move(dst), pattern, pattern_size, offset, size, ClEventVector{}));
+}
+
+::cl::Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size,
+                                        const ClEventVector& wait_list) {
+  return EnqueueCommand(wait_list, "CL copy device buffer to host fail, reason :",
+                        [&](cl_uint count, const cl_event* events, cl_event* event) {
+                          return clEnqueueReadBuffer(queue_(), MemOf(src), CL_TRUE, 0, size, dst,
+                                                     count, events, event);
+                        });
+}
+
+::cl::Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size,
+                                        const ClEventVector& wait_list) {
+  return EnqueueCommand(wait_list, "CL copy host buffer to device fail, reason :",
+                        [&](cl_uint count, const cl_event* events, cl_event* event) {
+                          return clEnqueueWriteBuffer(queue_(), MemOf(dst), CL_TRUE, 0, size, src,
+                                                      count, events, event);
+                        });
+}
+
+::cl::Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size,
+                                          const ClEventVector& wait_list) {
+  return EnqueueCommand(wait_list, "CL copy device buffer to device buffer fail, reason :",
+                        [&](cl_uint count, const cl_event* events, cl_event* event) {
+                          return clEnqueueCopyBuffer(queue_(), MemOf(src), MemOf(dst), 0, 0, size,
+                                                     count, events, event);
+                        });
+}
+
+::cl::Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, size_t pattern_size, long offset,
+                                  long size, const ClEventVector& wait_list) {
+  return EnqueueCommand(wait_list, "CL enqueue fill buffer fail, reason :",
+                        [&](cl_uint count, const cl_event* events, cl_event* event) {
+                          return clEnqueueFillBuffer(queue_(), MemOf(dst), pattern, pattern_size,
+                                                     offset, size, count, events, event);
+                        });
+}
+
+void QueueImpl::Wait() const {
+  CheckStatus(clFinish(queue_()), "CL finish queue fail, reason :");
+}
+
+void QueueImpl::WaitFor(const std::vector<Event>& events) const {
+  WaitFor(ToClEventVector(events));
+}
+
+void QueueImpl::WaitFor(const ClEventVector& events) const {
+  std::vector<cl_event> raw = RawEvents(events);
+  if (raw.empty()) return;
+  CheckStatus(clWaitForEvents(static_cast<cl_uint>(raw.size()), raw.data()),
+              "CL wait for events fail, reason :");
+}
+
+void QueueImpl::ProfileEvent(const ::cl::Event& event, const std::string& /*name*/) const {
+  cl_event raw = event();
+  CheckStatus(clWaitForEvents(1, &raw), "CL wait for events fail, reason :");
+  cl_ulong start = 0;
+  cl_ulong end = 0;
+  CheckStatus(event.getProfilingInfo(CL_PROFILING_COMMAND_START, &start),
+              "Get profiling start info fail, reason :");
+  CheckStatus(event.getProfilingInfo(CL_PROFILING_COMMAND_END, &end),
+              "Get profiling end info fail, reason :");
+}
+
+std::string QueueImpl::GetPlatform() const {
+  auto owner = session_.lock();
+  return owner ? owner->platform() : "opencl";
+}
+
+Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& params) {
+  auto session = session_.lock();
+  if (!session) throw std::runtime_error("CL session has been expired!");
+  const auto* creator = ClModule::singleton().FindKernel(name);
+  if (creator == nullptr) throw std::runtime_error("CL not support kernel: " + name);
+  std::shared_ptr<KernelImpl> kernel = creator->Call(params);
+  if (!kernel->Verify()) throw std::runtime_error("CL kernel '" + name + "' verify fail.");
+  kernel->Compile(session);
+  return Kernel(kernel);
+}
+
+}  // namespace cl
+}  // namespace nerva

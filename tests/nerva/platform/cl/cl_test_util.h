@@ -1,0 +1,100 @@
+#pragma once
+
+// Shared fixtures of the OpenCL platform tests: one session and one queue for
+// the whole binary, so that every device program variant is built once.
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "nerva/nerva.h"
+#include "nerva/platform/cl/session_impl.h"
+
+namespace nerva {
+namespace cl {
+namespace testing {
+
+inline Session& TestSession() {
+  static Session session("opencl", 0);
+  return session;
+}
+
+inline Queue& TestQueue() {
+  static Queue queue = TestSession().MakeQueue();
+  return queue;
+}
+
+inline std::shared_ptr<SessionImpl> TestSessionImpl() {
+  return std::dynamic_pointer_cast<SessionImpl>(TestSession().impl());
+}
+
+// A device tensor of `sizes` holding `values` (byte copy of the host vector).
+template <typename T>
+Tensor Upload(const std::vector<T>& values, std::vector<long> sizes, DataType dtype) {
+  Tensor tensor = TestSession().MakeTensor(sizes, dtype);
+  TestQueue().CopyHostToDevice(tensor.storage(), values.data(),
+                               static_cast<long>(values.size() * sizeof(T)));
+  return tensor;
+}
+
+template <typename T>
+std::vector<T> Download(const Tensor& tensor, size_t count) {
+  std::vector<T> out(count);
+  TestQueue().CopyDeviceToHost(out.data(), tensor.storage(), static_cast<long>(count * sizeof(T)));
+  return out;
+}
+
+// IEEE half bits <-> float on the host (round to nearest even).
+inline float HalfToFloat(uint16_t h) {
+  const uint32_t sign = (h & 0x8000u) << 16;
+  const int exp = (h >> 10) & 0x1F;
+  const uint32_t mant = h & 0x3FFu;
+  float mag;
+  if (exp == 0) {
+    mag = std::ldexp(static_cast<float>(mant), -24);
+  } else if (exp == 31) {
+    mag = mant ? NAN : INFINITY;
+  } else {
+    mag = std::ldexp(static_cast<float>(mant | 0x400u), exp - 25);
+  }
+  uint32_t bits;
+  std::memcpy(&bits, &mag, 4);
+  bits |= sign;
+  std::memcpy(&mag, &bits, 4);
+  return mag;
+}
+
+inline uint16_t FloatToHalf(float f) {
+  uint32_t bits;
+  std::memcpy(&bits, &f, 4);
+  const uint16_t sign = static_cast<uint16_t>((bits >> 16) & 0x8000u);
+  const float a = std::fabs(f);
+  if (std::isnan(f)) return sign | 0x7E00u;
+  if (a >= 65520.0f) return sign | 0x7C00u;
+  if (a < 6.103515625e-05f) {  // subnormal half: multiples of 2^-24
+    return sign | static_cast<uint16_t>(std::nearbyint(a * 16777216.0f));
+  }
+  std::memcpy(&bits, &a, 4);
+  bits += 0xFFFu + ((bits >> 13) & 1u);
+  return sign | static_cast<uint16_t>((((bits >> 23) - 112u) << 10) | ((bits >> 13) & 0x3FFu));
+}
+
+// Uniform random floats in [lo, hi), never all zero.
+inline std::vector<float> RandomFloats(size_t n, float lo, float hi, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> dist(lo, hi);
+  std::vector<float> out(n);
+  for (auto& v : out) v = dist(gen);
+  if (n) out[0] = out[0] == 0.0f ? 0.5f : out[0];
+  return out;
+}
+
+}  // namespace testing
+}  // namespace cl
+}  // namespace nerva
