@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 
 #include "nerva/platform/cl/cl_test_util.h"
@@ -227,6 +228,30 @@ TEST(ActivationTest, VerifyMessages) {
       ADD_FAILURE() << "no exception for " << c.message;
     } catch (const std::runtime_error& e) {
       EXPECT_STREQ(e.what(), c.message);
+    }
+  }
+}
+
+// The exponential-based functions at the ends of the float range, at the
+// infinities and on NaN, where a hand-written exp2 is most likely to slip.
+TEST(ActivationTest, ExponentialFunctionsAtExtremes) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const std::vector<float> input = {-inf, -1000.0f, -100.0f, -88.5f, -30.0f, -1e-30f, 0.0f,
+                                    1e-30f, 15.0f, 30.0f, 88.5f, 100.0f, 1000.0f, inf, NAN};
+  const ActivationType ops[] = {kCelu, kElu, kSigmoid, kMish, kSilu, kSelu, kSwish};
+  for (ActivationType op : ops) {
+    const std::vector<float> out = RunFloatLike(op, kFloat, input);
+    const ActivationOption option = OptionFor(op);
+    for (size_t i = 0; i < input.size(); ++i) {
+      const double expected = Reference(op, input[i], option.alpha, option.beta);
+      if (std::isnan(expected)) {
+        EXPECT_TRUE(std::isnan(out[i])) << op << " x " << input[i] << " gave " << out[i];
+      } else if (std::isinf(expected)) {
+        EXPECT_EQ(out[i], expected) << op << " x " << input[i];
+      } else {
+        EXPECT_NEAR(out[i], expected, 1e-6 + 2e-5 * std::fabs(expected))
+            << op << " x " << input[i];
+      }
     }
   }
 }

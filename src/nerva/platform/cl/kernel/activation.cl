@@ -9,7 +9,8 @@
 // #include "common.h"
 // #include "math.h"
 
-#define ACT_VEC DECL_VEC_TYPE(CONV_DTYPE, VEC_SIZE)
+#define ACT_LANES NERVA_LANES(VEC_SIZE)
+#define ACT_VEC DECL_VEC_TYPE(CONV_DTYPE, ACT_LANES)
 #define ACT_ZERO ((ACT_VEC)(0))
 
 #define ACT_CELU(x) (fmax(x, 0.0f) + fmin(0.0f, alpha * (NERVA_EXP(x * inv_alpha) - 1.0f)))
@@ -22,7 +23,7 @@
 #define ACT_MISH(x) (x * NERVA_FAST_TANH(NERVA_LOG(1.0f + NERVA_EXP(x))))
 #define ACT_HARD_TANH(x) clamp(x, alpha, beta)
 #define ACT_LEAKY_RELU(x) select(alpha * x, x, x >= 0.0f)
-#define ACT_GELU(x) (0.5f * x * (1.0f + NERVA_ERF(VEC_SIZE, x * NERVA_SQRT1_2)))
+#define ACT_GELU(x) (0.5f * x * (1.0f + NERVA_ERF(ACT_LANES, x * NERVA_SQRT1_2)))
 #define ACT_GELUAPPROXIMATETANH(x) \
   (0.5f * x * (1.0f + tanh(0.7978845834732056f * (x + 0.044715f * x * x * x))))
 #define ACT_SILU(x) (x * NERVA_SIGMOID(x))
@@ -40,7 +41,5 @@ __kernel void Activation(DECL_TENSOR1D(x), DECL_TENSOR1D(y), float alpha, float 
 #endif
   __global const DTYPE* px = (__global const DTYPE*)TENSOR_BASE(x) + offset;
   __global OUT_DTYPE* py = (__global OUT_DTYPE*)TENSOR_BASE(y) + offset;
-  const ACT_VEC v = CONVERT(CONV_DTYPE, VEC_SIZE, VLOAD(DTYPE, VEC_SIZE, px));
-  const ACT_VEC r = NERVA_CAT(ACT_, OP)(v);
-  VSTORE(OUT_DTYPE, VEC_SIZE, CONVERT(OUT_DTYPE, VEC_SIZE, r), py);
+  ELEMENTWISE_MAP(DTYPE, CONV_DTYPE, OUT_DTYPE, VEC_SIZE, px, py, NERVA_CAT(ACT_, OP))
 }

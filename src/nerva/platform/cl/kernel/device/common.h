@@ -104,6 +104,33 @@ typedef uchar fp8_e5m2;
                   get_global_id(1) * name##_step_y +                         \
                   get_global_id(2) * name##_step_z))
 
+/* ---- element-wise lanes ----
+ * A device whose compiler targets the host CPU (PoCL and the like) runs the
+ * work items of a group as a loop that it vectorises across work items, but
+ * only over scalar code: vector-typed arithmetic stays at its own width (four
+ * lanes of a sixteen-lane unit for a float4). There each work item therefore
+ * walks its elements one lane at a time; other devices use whole vectors.
+ * NERVA_LANES(VEC) is the width of one such step. */
+#if defined(__x86_64__) || defined(__i386__) || defined(__aarch64__) || \
+    defined(__arm__) || defined(__riscv) || defined(__powerpc__)
+#define NERVA_HOST_CPU_DEVICE 1
+#define NERVA_LANES(VEC) 1
+#else
+#define NERVA_LANES(VEC) VEC
+#endif
+
+/* Maps VEC consecutive elements: loads IN_T at px, converts to CONV_T,
+ * applies FN (which must accept NERVA_LANES(VEC)-wide CONV_T values),
+ * converts to OUT_T and stores at py. The lane loop must be unrolled before
+ * the work-group loop is vectorised, hence the pragma. */
+#define ELEMENTWISE_MAP(IN_T, CONV_T, OUT_T, VEC, px, py, FN)                 \
+  _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < (VEC); nerva_lane += NERVA_LANES(VEC)) { \
+    const DECL_VEC_TYPE(CONV_T, NERVA_LANES(VEC)) nerva_in = CONVERT(         \
+        CONV_T, NERVA_LANES(VEC), VLOAD(IN_T, NERVA_LANES(VEC), (px) + nerva_lane)); \
+    VSTORE(OUT_T, NERVA_LANES(VEC), CONVERT(OUT_T, NERVA_LANES(VEC), FN(nerva_in)), \
+           (py) + nerva_lane);                                                \
+  }
+
 /* ---- flat element-wise indexing ----
  * First element of work item g when n elements are covered by VEC-wide
  * vectors and n % VEC == LEFTOVER: every vector after the first is shifted
