@@ -1,6 +1,6 @@
 #include "nerva/kernel/quantize.h"
 
-#include <iostream>
+#include "linvo/util.h"
 
 namespace nerva {
 namespace {
@@ -9,8 +9,9 @@ namespace {
 template <typename T, typename U>
 void SetExclusive(std::optional<T>& set, std::optional<U>& other, T value) {
   if (other.has_value()) {
-    std::cout << "[W][EncodedConv] Both rescale_ and rescale_pcq_ are set, "
-              << " only the last one will be apply." << std::endl;
+    linvo::Logger(linvo::kLogWarning, "EncodedConv", __FILE__, __LINE__)
+        << "Both rescale_ and rescale_pcq_ are set, "
+        << " only the last one will be apply.";
     other.reset();
   }
   set = std::move(value);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <regex>
 #include <stdexcept>
 #include <vector>
 
@@ -30,8 +31,10 @@ TEST(EncodedOptionTest, RescaleAndPerChannelRescaleExcludeEachOther) {
   conv.FuseRescalePerChannel(1, {0.5f, 0.25f});
   testing::internal::CaptureStdout();
   conv.FuseRescale(2, 0.125f);
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("Both rescale_ and rescale_pcq_ are set"),
-            std::string::npos);
+  const std::regex record(
+      "\\[[0-9-]+ [0-9:]+\\] \\[W\\] \\[EncodedConv\\] Both rescale_ and rescale_pcq_ are set, "
+      " only the last one will be apply\\.\n");
+  EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStdout(), record));
   EXPECT_FALSE(conv.rescale_pcq);
   ASSERT_TRUE(conv.rescale);
   EXPECT_EQ(conv.rescale->first, 2);
