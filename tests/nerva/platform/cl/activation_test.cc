@@ -236,8 +236,9 @@ TEST(ActivationTest, VerifyMessages) {
 // infinities and on NaN, where a hand-written exp2 is most likely to slip.
 TEST(ActivationTest, ExponentialFunctionsAtExtremes) {
   const float inf = std::numeric_limits<float>::infinity();
-  const std::vector<float> input = {-inf, -1000.0f, -100.0f, -88.5f, -30.0f, -1e-30f, 0.0f,
-                                    1e-30f, 15.0f, 30.0f, 88.5f, 100.0f, 1000.0f, inf, NAN};
+  const std::vector<float> input = {-inf,    -1000.0f, -100.0f, -88.5f, -30.0f,
+                                    -1e-30f, 0.0f,     1e-30f,  15.0f,  30.0f,
+                                    88.5f,   100.0f,   1000.0f, inf,    NAN};
   const ActivationType ops[] = {kCelu, kElu, kSigmoid, kMish, kSilu, kSelu, kSwish};
   for (ActivationType op : ops) {
     const std::vector<float> out = RunFloatLike(op, kFloat, input);
@@ -249,8 +250,7 @@ TEST(ActivationTest, ExponentialFunctionsAtExtremes) {
       } else if (std::isinf(expected)) {
         EXPECT_EQ(out[i], expected) << op << " x " << input[i];
       } else {
-        EXPECT_NEAR(out[i], expected, 1e-6 + 2e-5 * std::fabs(expected))
-            << op << " x " << input[i];
+        EXPECT_NEAR(out[i], expected, 1e-6 + 2e-5 * std::fabs(expected)) << op << " x " << input[i];
       }
     }
   }

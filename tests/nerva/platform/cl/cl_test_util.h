@@ -5,8 +5,10 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -94,6 +96,30 @@ inline std::vector<float> RandomFloats(size_t n, float lo, float hi, unsigned se
   if (n) out[0] = out[0] == 0.0f ? 0.5f : out[0];
   return out;
 }
+
+// Sets an environment variable (or unsets it, for a null value) for the
+// lifetime of the object, then restores what was there.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) saved_ = old;
+    Set(value);
+  }
+  ~ScopedEnv() { Set(saved_ ? saved_->c_str() : nullptr); }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+  void Set(const char* value) {
+    if (value)
+      setenv(name_.c_str(), value, 1);
+    else
+      unsetenv(name_.c_str());
+  }
+
+ private:
+  std::string name_;
+  std::optional<std::string> saved_;
+};
 
 }  // namespace testing
 }  // namespace cl

@@ -237,25 +237,20 @@ TEST(QueueTest, EnqueueRejectsForeignKernels) {
 }
 
 TEST(QueueTest, ProfilingSwitch) {
-  const char* saved = std::getenv("NERVA_PROFILING");
-  const std::string restore = saved ? saved : "";
+  ScopedEnv env("NERVA_PROFILING", nullptr);
   const std::pair<const char*, bool> cases[] = {{"1", true},    {"true", true}, {"True", true},
                                                 {"TRUE", true}, {"yes", false}, {"on", false},
                                                 {"0", false},   {"", false}};
   for (const auto& [value, enabled] : cases) {
-    setenv("NERVA_PROFILING", value, 1);
+    env.Set(value);
     EXPECT_EQ(ProfilingEnabledByEnv(), enabled) << value;
   }
-  unsetenv("NERVA_PROFILING");
+  env.Set(nullptr);
   EXPECT_FALSE(ProfilingEnabledByEnv());
 
   // A profiling queue waits for every unit and reads its times.
-  setenv("NERVA_PROFILING", "1", 1);
+  env.Set("1");
   Queue queue = TestSession().MakeQueue();
-  if (saved)
-    setenv("NERVA_PROFILING", restore.c_str(), 1);
-  else
-    unsetenv("NERVA_PROFILING");
   ASSERT_TRUE(std::dynamic_pointer_cast<QueueImpl>(queue.impl())->profiling());
   std::vector<float> input(1000, -2.0f);
   input[3] = 3.0f;
