@@ -140,19 +140,17 @@ Shape Shape::Reverse() const {
 }
 
 Shape Shape::Transpose(const std::vector<int>& order) const {
-  std::vector<bool> seen(ndim(), false);
-  bool valid = order.size() == ndim();
-  for (size_t i = 0; valid && i < order.size(); ++i) {
-    const int o = order[i] < 0 ? order[i] + static_cast<int>(ndim()) : order[i];
-    valid = o >= 0 && o < static_cast<int>(ndim()) && !seen[o];
-    if (valid) seen[o] = true;
-  }
-  if (!valid) {
-    throw std::runtime_error(StrCat("Invalid transpose order ", order, " with shape ", sizes_));
-  }
+  const auto invalid = [&] {
+    return std::runtime_error(StrCat("Invalid transpose order ", order, " with shape ", sizes_));
+  };
+  if (order.size() != ndim()) throw invalid();
   Shape result = *this;
+  std::vector<bool> seen(ndim(), false);
   for (size_t i = 0; i < order.size(); ++i) {
+    // An axis outside the rank is an index error; a repeated one is a bad order.
     const int source = GetRealAxis(order[i], ndim());
+    if (seen[source]) throw invalid();
+    seen[source] = true;
     result.sizes_[i] = sizes_[source];
     result.strides_[i] = strides_[source];
   }

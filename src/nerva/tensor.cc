@@ -144,7 +144,9 @@ std::vector<Tensor> Tensor::Split(ArrayRef<long> split_sizes, long dim) const {
   const int axis = GetRealAxis(static_cast<int>(dim), shape.ndim());
   const long extent = shape.sizes()[axis];
   std::vector<long> pieces;
-  if (split_sizes.size() == 1 && split_sizes[0] > 0) {
+  // A single step size must be positive; it cuts the dimension into chunks.
+  const bool bad_step = split_sizes.size() == 1 && split_sizes[0] <= 0;
+  if (split_sizes.size() == 1 && !bad_step) {
     for (long done = 0; done < extent; done += split_sizes[0])
       pieces.push_back(std::min(split_sizes[0], extent - done));
   } else if (split_sizes.size() != 1) {
@@ -153,7 +155,7 @@ std::vector<Tensor> Tensor::Split(ArrayRef<long> split_sizes, long dim) const {
   int32_t total = 0;
   for (long p : pieces) total += static_cast<int32_t>(p);
   const bool bad_piece = std::any_of(pieces.begin(), pieces.end(), [](long p) { return p < 0; });
-  if (pieces.empty() || bad_piece || total != extent) {
+  if (bad_step || bad_piece || total != extent) {
     throw std::runtime_error(
         StrCat("Cannot split dim ", axis, " size ", extent, " to ", split_sizes.vec()));
   }

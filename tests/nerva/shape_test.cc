@@ -106,6 +106,10 @@ TEST(Shape, Failures) {
                    "Invalid transpose order [1, 0] with shape [2, 3, 4]");
   EXPECT_THROW_MSG(s.Transpose({0, 0, 1}), std::runtime_error,
                    "Invalid transpose order [0, 0, 1] with shape [2, 3, 4]");
+  EXPECT_THROW_MSG(s.Transpose({0, 3, 1}), std::out_of_range,
+                   "index 3 out of range, the max dimension is 3");
+  EXPECT_THROW_MSG(s.Transpose({0, -4, 1}), std::out_of_range,
+                   "index -4 out of range, the max dimension is 3");
   EXPECT_THROW_MSG(s.Reshape({5, -1}), std::runtime_error, "Cannot reshape: [2, 3, 4] to [5, -1]");
   EXPECT_THROW_MSG(s.Reshape({-2, 12}), std::runtime_error, "Invalid reshape size: [-2, 12]");
   EXPECT_THROW_MSG(s.Reshape({5, 5}), std::runtime_error,

@@ -139,6 +139,12 @@ TEST(Tensor, SplitPieces) {
   EXPECT_THROW(t.Split({5}, 2), std::out_of_range);
 }
 
+TEST(Tensor, SplitEmptyDimensionGivesNoPieces) {
+  Tensor t = MakeFloat({0, 2}, 8);
+  EXPECT_TRUE(t.Split({4}, 0).empty());
+  EXPECT_THROW_MSG(t.Split({0}, 0), std::runtime_error, "Cannot split dim 0 size 0 to [0]");
+}
+
 TEST(Tensor, OffsetChecks) {
   Tensor t = MakeFloat({64});
   EXPECT_THROW_MSG(t.impl()->set_storage_offset(256), std::runtime_error,
