@@ -137,7 +137,6 @@ class KernelImpl : public IKernelImpl, public std::enable_shared_from_this<Kerne
 
   const std::vector<std::shared_ptr<KernelUnit>>& units() const { return units_; }
 
- protected:
   // Fetches or builds the program "program_name(options)" in the session's
   // cache, appends a unit for `kernel_name` and returns it.
   std::shared_ptr<KernelUnit> MakeSubKernel(std::shared_ptr<SessionImpl> session,

@@ -39,7 +39,8 @@ void RegisterClKernelSource(SourceManager& manager);
 class BuildOption {
  public:
   BuildOption() = default;
-  explicit BuildOption(std::vector<std::string> options);
+  // Not explicit: a list of items converts to the options it spells.
+  BuildOption(std::vector<std::string> options);
 
   BuildOption& AddOption(const std::string& opt);
   BuildOption& AddOptionIf(bool cond, const std::string& opt);

@@ -175,6 +175,29 @@ TEST(ActivationTest, ReluOnIntStaysInt) {
   EXPECT_EQ(GetConvType(kSigmoid, kInt32), kFloat);
 }
 
+// RELU in each integer type of its own (a scalar select() on an int
+// condition is ambiguous for most of them): five elements give one four-wide
+// vector and a shifted one on vector devices.
+template <typename T>
+void CheckReluInOwnType(DataType dtype) {
+  const std::vector<T> input = {static_cast<T>(-3), 0, 9, 1, static_cast<T>(-1)};
+  Tensor x = Upload(input, {5}, dtype), y = TestSession().MakeTensor({5}, dtype);
+  TestQueue().Enqueue(Activation::Create(TestQueue(), OptionFor(kRelu), x, y));
+  std::vector<T> expected(5);
+  for (size_t i = 0; i < 5; ++i) expected[i] = input[i] > 0 ? input[i] : 0;
+  EXPECT_EQ(Download<T>(y, 5), expected) << dtype;
+}
+
+TEST(ActivationTest, ReluInEveryIntegerType) {
+  CheckReluInOwnType<int8_t>(kInt8);
+  CheckReluInOwnType<int16_t>(kInt16);
+  CheckReluInOwnType<int64_t>(kInt64);
+  CheckReluInOwnType<uint8_t>(kUInt8);
+  CheckReluInOwnType<uint16_t>(kUInt16);
+  CheckReluInOwnType<uint32_t>(kUInt32);
+  CheckReluInOwnType<uint64_t>(kUInt64);
+}
+
 TEST(ActivationTest, Relu6OnUInt8ClampsInItsOwnType) {
   const std::vector<uint8_t> input = {0, 3, 6, 7, 200, 255, 1, 5, 9};
   const long n = static_cast<long>(input.size());

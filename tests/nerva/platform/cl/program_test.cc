@@ -149,6 +149,25 @@ TEST(ProgramTest, UnknownKernelName) {
   }
 }
 
+// MakeSubKernel is callable on any kernel, with the options given as a list.
+TEST(ProgramTest, MakeSubKernelFromOutside) {
+  static const char kTwo[] = "__kernel void Two(__global int* x) { x[0] = VALUE; }\n";
+  SourceManager::singleton().AddClSource("nerva_test_two.cl", kTwo);
+  auto kernel =
+      std::make_shared<SourceKernel>("Two::test", std::vector<std::string>{}, BuildOption(), "Two");
+  auto unit = kernel->MakeSubKernel(TestSessionImpl(), "Two::test", {"nerva_test_two.cl"},
+                                    std::vector<std::string>{"-DVALUE=5"}, "Two");
+  ASSERT_EQ(kernel->units().size(), 1u);
+  EXPECT_EQ(kernel->units()[0], unit);
+  EXPECT_NE(TestSessionImpl()->TryLoadCachedProgram("Two::test( -DVALUE=5)"), nullptr);
+  Buffer out = TestSession().MakeBuffer(kMemReadWrite, 4);
+  unit->SetArgs(out).SetGlobal({1});
+  TestQueue().Enqueue(Kernel(kernel));
+  int32_t value = 0;
+  TestQueue().CopyDeviceToHost(&value, out, 4);
+  EXPECT_EQ(value, 5);
+}
+
 // The shared headers under the bfloat16 and fp8 switches, with the arity and
 // static-assert helpers: conversions of known values through every format.
 const char kTypesSource[] = R"(

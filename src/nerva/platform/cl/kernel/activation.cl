@@ -15,7 +15,10 @@
 
 #define ACT_CELU(x) (fmax(x, 0.0f) + fmin(0.0f, alpha * (NERVA_EXP(x * inv_alpha) - 1.0f)))
 #define ACT_ELU(x) select(alpha * (NERVA_EXP(x) - 1.0f), x, x > 0.0f)
-#define ACT_RELU(x) select(ACT_ZERO, x, x > ACT_ZERO)
+/* A conditional rather than select(): RELU also runs in the integer types, and
+ * a scalar select() whose condition is an int is ambiguous for char, short,
+ * long and their unsigned forms. */
+#define ACT_RELU(x) ((x) > ACT_ZERO ? (x) : ACT_ZERO)
 #define ACT_RELU6(x) clamp(x, (CONV_DTYPE)0, (CONV_DTYPE)6)
 #define ACT_SIGMOID(x) NERVA_SIGMOID(x)
 #define ACT_HARD_SIGMOID(x) clamp(alpha * x + beta, 0.0f, 1.0f)
