@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ make pkg-config
+  cmake g++ make pkg-config ccache
   libgtest-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers opencl-clhpp-headers pocl-opencl-icd clinfo
 )
