@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <stdexcept>
 
 #include "nerva/util.h"
@@ -41,24 +42,70 @@ bool BroadcastInto(ArrayRef<long> a, ArrayRef<long> b, std::vector<long>* out) {
   return true;
 }
 
+// Sizes must be non-negative, the rank bounded and the span (zeros counted as
+// ones) within 2^31 - 1 elements; strides must be non-negative.
+void CheckSizes(ArrayRef<long> sizes) {
+  if (sizes.size() > Shape::kMaxRank) {
+    throw std::runtime_error(
+        StrCat("Shape rank ", sizes.size(), " exceeds the maximum ", Shape::kMaxRank));
+  }
+  long span = 1;
+  for (long s : sizes) {
+    if (s < 0) throw std::runtime_error(StrCat("Invalid shape size: ", sizes));
+    span *= std::max(s, 1L);  // cannot overflow: both factors are at most 2^31 - 1 here
+    if (s > Shape::kMaxElements || span > Shape::kMaxElements) {
+      throw std::runtime_error(
+          StrCat("Shape ", sizes, " spans more than ", Shape::kMaxElements, " elements"));
+    }
+  }
+}
+
+// The product of the sizes other than -1, saturated at LONG_MAX so it never overflows.
+long CheckedProduct(const std::vector<long>& sizes) {
+  long product = 1;
+  for (long s : sizes) {
+    if (s == -1) continue;
+    if (__builtin_mul_overflow(product, s, &product)) return std::numeric_limits<long>::max();
+  }
+  return product;
+}
+
+// GetRealAxisWithMaxDim lets positions below zero pass; inserting needs a real one.
+int InsertPosition(int axis, size_t ndim) {
+  const int position = GetRealAxisWithMaxDim(axis, ndim);
+  if (position < 0) ThrowAxis(axis, ndim);
+  return position;
+}
+
+void CheckStrides(ArrayRef<long> strides) {
+  for (long s : strides) {
+    if (s < 0) throw std::runtime_error(StrCat("Invalid shape strides: ", strides));
+  }
+}
+
 }  // namespace
 
 Shape::Shape(ArrayRef<long> sizes, std::optional<ArrayRef<long>> strides) : sizes_(sizes.vec()) {
+  CheckSizes(sizes);
   if (strides) {
     if (strides->size() != sizes.size()) {
       throw std::runtime_error(StrCat("New shape dims of sizes and strides mismatch ", sizes.size(),
                                       " vs ", strides->size()));
     }
+    CheckStrides(*strides);
     strides_ = strides->vec();
   } else {
     strides_ = ContiguousStridesOf(sizes_);
   }
 }
 
-Shape::Shape(std::initializer_list<long> sizes)
-    : sizes_(sizes), strides_(ContiguousStridesOf(sizes_)) {}
+Shape::Shape(std::initializer_list<long> sizes) : sizes_(sizes) {
+  CheckSizes(sizes_);
+  strides_ = ContiguousStridesOf(sizes_);
+}
 
 Shape Shape::Contiguous(std::vector<long> sizes) {
+  CheckSizes(sizes);
   Shape shape;
   shape.strides_ = ContiguousStridesOf(sizes);
   shape.sizes_ = std::move(sizes);
@@ -116,14 +163,17 @@ Shape Shape::Expand(int axis) const {
 
 Shape Shape::ExpandTo(int axis, size_t target) const {
   if (ndim() >= target) return *this;
-  const int position = GetRealAxisWithMaxDim(axis, ndim());
+  if (target > kMaxRank) {
+    throw std::runtime_error(StrCat("Shape rank ", target, " exceeds the maximum ", kMaxRank));
+  }
+  const int position = InsertPosition(axis, ndim());
   std::vector<long> sizes = sizes_;
   sizes.insert(sizes.begin() + position, target - ndim(), 1);
   return Contiguous(std::move(sizes));
 }
 
 Shape Shape::Insert(int axis, long size) const {
-  const int position = GetRealAxisWithMaxDim(axis, ndim());
+  const int position = InsertPosition(axis, ndim());
   std::vector<long> sizes = sizes_;
   sizes.insert(sizes.begin() + position, size);
   return Contiguous(std::move(sizes));
@@ -160,26 +210,19 @@ Shape Shape::Transpose(const std::vector<int>& order) const {
 Shape Shape::Reshape(ArrayRef<long> requested) const {
   const long count = size();
   std::vector<long> sizes = requested.vec();
-  long product = 1;
-  for (long s : sizes) product *= s;
-  if (product <= 0) {
-    auto infer = std::find(sizes.begin(), sizes.end(), -1);
-    const bool one_inferred =
-        std::count(sizes.begin(), sizes.end(), -1) == 1 &&
-        std::none_of(sizes.begin(), sizes.end(), [](long s) { return s < -1; });
-    if (product < 0 && !one_inferred) {
-      throw std::runtime_error(StrCat("Invalid reshape size: ", sizes));
-    }
-    if (product < 0 || (product == 0 && infer != sizes.end())) {
-      const long known = -product;
-      if (known == 0 || count % known != 0) {
-        throw std::runtime_error(StrCat("Cannot reshape: ", sizes_, " to ", sizes));
-      }
-      *infer = count / known;
-    }
+  // Only a single -1 may stand for a size to infer; other negatives are invalid.
+  const auto inferred = std::count(sizes.begin(), sizes.end(), -1L);
+  if (inferred > 1 || std::any_of(sizes.begin(), sizes.end(), [](long s) { return s < -1; })) {
+    throw std::runtime_error(StrCat("Invalid reshape size: ", sizes));
   }
-  long final_product = 1;
-  for (long s : sizes) final_product *= s;
+  const long known = CheckedProduct(sizes);
+  if (inferred == 1) {
+    if (known == 0 || count % known != 0) {
+      throw std::runtime_error(StrCat("Cannot reshape: ", sizes_, " to ", sizes));
+    }
+    *std::find(sizes.begin(), sizes.end(), -1L) = count / known;
+  }
+  const long final_product = CheckedProduct(sizes);
   if (final_product != count) {
     throw std::runtime_error(StrCat("Cannot reshape: ", sizes_, " to ", sizes,
                                     ", total size mismatch: ", count, " vs ", final_product));

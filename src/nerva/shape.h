@@ -12,8 +12,16 @@ namespace nerva {
 
 // Sizes and element strides of a tensor, always fully populated: without
 // explicit strides the shape is contiguous (row-major).
+//
+// Every shape is checked where it is made: sizes are not negative, the rank is
+// at most kMaxRank, the dimensions span at most kMaxElements elements (sizes of
+// 0 count as 1, so contiguous strides fit too) and strides are not negative.
+// So the 32-bit element count never wraps and no stride arithmetic overflows.
 class Shape {
  public:
+  static constexpr long kMaxElements = 2147483647L;  // 2^31 - 1
+  static constexpr size_t kMaxRank = 64;
+
   Shape() = default;
   Shape(ArrayRef<long> sizes, std::optional<ArrayRef<long>> strides = std::nullopt);
   Shape(std::initializer_list<long> sizes);

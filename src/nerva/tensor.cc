@@ -6,6 +6,29 @@
 #include "nerva/util.h"
 
 namespace nerva {
+namespace {
+
+// Each listed dimension needs a positive step and 0 <= start <= end <= size,
+// so that a slice never reaches outside the dimension it cuts.
+void CheckSliceRanges(const std::vector<long>& sizes, ArrayRef<long> starts, ArrayRef<long> ends,
+                      const std::vector<long>& steps) {
+  if (starts.size() > sizes.size()) {
+    throw std::runtime_error(StrCat("Slice tensor fail, ", starts.size(),
+                                    " starts for a tensor of rank ", sizes.size()));
+  }
+  for (size_t i = 0; i < starts.size(); ++i) {
+    if (steps[i] <= 0) {
+      throw std::runtime_error(
+          StrCat("Slice tensor fail, step ", steps[i], " of dim ", i, " must be positive"));
+    }
+    if (starts[i] < 0 || starts[i] > ends[i] || ends[i] > sizes[i]) {
+      throw std::runtime_error(StrCat("Slice tensor fail, range [", starts[i], ", ", ends[i],
+                                      ") out of dim ", i, " of size ", sizes[i]));
+    }
+  }
+}
+
+}  // namespace
 
 TensorImpl::TensorImpl(const TensorOption& option, const Buffer& storage, long storage_offset)
     : option_(option), storage_(storage), storage_offset_(storage_offset) {
@@ -14,6 +37,7 @@ TensorImpl::TensorImpl(const TensorOption& option, const Buffer& storage, long s
 
 void TensorImpl::set_storage_offset(long offset) {
   const long size = storage_ ? storage_.size() : 0;
+  if (offset < 0) throw std::runtime_error(StrCat("Cannot set the negative offset ", offset));
   if (offset >= size) {
     throw std::runtime_error(
         StrCat("Cannot set the offset ", offset, " over the storage size ", size));
@@ -129,6 +153,7 @@ Tensor& Tensor::Slice_(ArrayRef<long> starts, ArrayRef<long> ends,
   }
   std::vector<long> sizes = option().shape.sizes();
   std::vector<long> strides = option().shape.strides();
+  CheckSliceRanges(sizes, starts, ends, step_list);
   const std::vector<long> byte_strides = strides_in_bytes();
   long offset = storage_offset();
   for (size_t i = 0; i < starts.size(); ++i) {
@@ -136,6 +161,8 @@ Tensor& Tensor::Slice_(ArrayRef<long> starts, ArrayRef<long> ends,
     strides[i] *= step_list[i];
     offset += starts[i] * byte_strides[i];
   }
+  // An empty view reaches nothing; it keeps an offset inside the storage.
+  if (std::find(sizes.begin(), sizes.end(), 0L) != sizes.end()) offset = storage_offset();
   return AsStrided_(sizes, strides, offset);
 }
 
@@ -152,9 +179,10 @@ std::vector<Tensor> Tensor::Split(ArrayRef<long> split_sizes, long dim) const {
   } else if (split_sizes.size() != 1) {
     pieces = split_sizes.vec();
   }
-  int32_t total = 0;
-  for (long p : pieces) total += static_cast<int32_t>(p);
-  const bool bad_piece = std::any_of(pieces.begin(), pieces.end(), [](long p) { return p < 0; });
+  long total = 0;
+  for (long p : pieces) total += std::clamp(p, 0L, extent + 1);  // no overflow, any excess shows
+  const bool bad_piece =
+      std::any_of(pieces.begin(), pieces.end(), [&](long p) { return p < 0 || p > extent; });
   if (bad_step || bad_piece || total != extent) {
     throw std::runtime_error(
         StrCat("Cannot split dim ", axis, " size ", extent, " to ", split_sizes.vec()));
@@ -165,7 +193,10 @@ std::vector<Tensor> Tensor::Split(ArrayRef<long> split_sizes, long dim) const {
   for (long piece : pieces) {
     std::vector<long> sizes = shape.sizes();
     sizes[axis] = piece;
-    result.push_back(AsStrided(sizes, shape.strides(), storage_offset() + start * byte_stride));
+    // An empty piece holds no element: it keeps the source offset, which may
+    // be the only one inside the storage when it comes last.
+    const long offset = piece == 0 ? storage_offset() : storage_offset() + start * byte_stride;
+    result.push_back(AsStrided(sizes, shape.strides(), offset));
     start += piece;
   }
   return result;

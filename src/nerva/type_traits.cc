@@ -12,20 +12,32 @@ namespace {
 // one table of their facts (with the same messages), so the queries forward.
 using Facts = linvo::TypeTraitsHelper;
 
-linvo::DataType L(DataType type) { return static_cast<linvo::DataType>(type); }
+linvo::DataType L(DataType type) {
+  return static_cast<linvo::DataType>(type);
+}
 
 }  // namespace
 
-size_t TypeTraitsHelper::GetSize(DataType type) { return Facts::GetSize(L(type)); }
-size_t TypeTraitsHelper::GetBits(DataType type) { return Facts::GetBits(L(type)); }
-std::string TypeTraitsHelper::Str(DataType type) { return Facts::Str(L(type)); }
+size_t TypeTraitsHelper::GetSize(DataType type) {
+  return Facts::GetSize(L(type));
+}
+size_t TypeTraitsHelper::GetBits(DataType type) {
+  return Facts::GetBits(L(type));
+}
+std::string TypeTraitsHelper::Str(DataType type) {
+  return Facts::Str(L(type));
+}
 
 bool TypeTraitsHelper::IsIntegral(DataType type, bool include_bool) {
   return Facts::IsIntegral(L(type), include_bool);
 }
 
-bool TypeTraitsHelper::IsFloattingPoint(DataType type) { return Facts::IsFloattingPoint(L(type)); }
-bool TypeTraitsHelper::IsSigned(DataType type) { return Facts::IsSigned(L(type)); }
+bool TypeTraitsHelper::IsFloattingPoint(DataType type) {
+  return Facts::IsFloattingPoint(L(type));
+}
+bool TypeTraitsHelper::IsSigned(DataType type) {
+  return Facts::IsSigned(L(type));
+}
 
 DataType TypeTraitsHelper::GetAccumType(DataType type) {
   return static_cast<DataType>(Facts::GetAccumType(L(type)));
@@ -44,6 +56,8 @@ std::string TypeTraitsHelper::GetMinValueStr(DataType type) {
 }
 
 std::ostream& operator<<(std::ostream& os, DataType type) {
+  // Messages about a bad type must not fail while printing it.
+  if (type < kHalf || type > kBool) return os << "DataType(" << static_cast<int>(type) << ")";
   return os << TypeTraitsHelper::Str(type);
 }
 

@@ -44,11 +44,17 @@ TEST(Shape, IndexingCountsFromTheEnd) {
   EXPECT_THROW_MSG(s[-4], std::out_of_range, "index -4 out of range, the max dimension is 3");
 }
 
-TEST(Shape, SizeWrapsIn32Bits) {
-  Shape big{65536, 65536};
-  EXPECT_EQ(big.size(), 0);
-  Shape over{65536, 32768};
-  EXPECT_EQ(over.size(), -2147483648L);
+TEST(Shape, RefusesCountsPast31Bits) {
+  EXPECT_EQ((Shape{65536, 32767}).size(), 2147418112L);
+  EXPECT_EQ((Shape{2147483647}).size(), 2147483647L);
+  EXPECT_THROW_MSG((Shape{65536, 65536}), std::runtime_error,
+                   "Shape [65536, 65536] spans more than 2147483647 elements");
+  EXPECT_THROW_MSG((Shape{65537, 65536}), std::runtime_error,
+                   "Shape [65537, 65536] spans more than 2147483647 elements");
+  // Zero sizes count as one, so the strides of the others still fit.
+  EXPECT_THROW((Shape{3, 0, 1L << 62}), std::runtime_error);
+  EXPECT_THROW((Shape{3, 1L << 62}), std::runtime_error);
+  EXPECT_EQ((Shape{0, 65536, 32767}).size(), 0);
 }
 
 TEST(Shape, AxisHelpers) {
