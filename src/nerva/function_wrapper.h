@@ -6,7 +6,9 @@
 #include <string>
 #include <tuple>
 #include <type_traits>
+#include <vector>
 
+#include "nerva/argument_check.h"
 #include "nerva/type_traits.h"
 
 namespace nerva {
@@ -18,15 +20,19 @@ class FunctionParameters {
   template <typename... Args>
   explicit FunctionParameters(Args&&... args)
       : values_(std::tuple<Args&...>(args...)),
-        signature_(TypeSignatureHelper::GetSignatures<Args&...>(", ")) {}
+        signature_(TypeSignatureHelper::GetSignatures<Args&...>(", ")),
+        arguments_{MakeArgumentRef(args)...} {}
 
   std::any& values() { return values_; }
   const std::any& values() const { return values_; }
   const std::string& pretty_signature() const { return signature_; }
+  // The arguments in order, for the memory checks of a new kernel.
+  const std::vector<ArgumentRef>& arguments() const { return arguments_; }
 
  private:
   std::any values_;
   std::string signature_;
+  std::vector<ArgumentRef> arguments_;
 };
 
 // A type-erased creator returning R.

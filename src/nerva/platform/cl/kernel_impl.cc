@@ -1,8 +1,12 @@
 #include "nerva/platform/cl/kernel_impl.h"
 
 #include <algorithm>
+#include <climits>
+#include <limits>
 #include <stdexcept>
 
+#include "nerva/argument_check.h"
+#include "nerva/platform/cl/buffer_impl.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
 #include "nerva/platform/cl/util.h"
@@ -19,31 +23,89 @@ std::vector<long> ContiguousByteStrides(const std::vector<long>& sizes, long ite
   long stride = item_size;
   for (size_t i = sizes.size(); i-- > 0;) {
     strides[i] = stride;
-    stride *= sizes[i];
+    // Saturates on a shape edited past its limits; the field check then refuses it.
+    if (__builtin_mul_overflow(stride, sizes[i], &stride)) stride = LONG_MAX;
   }
   return strides;
 }
 
 }  // namespace
 
+namespace {
+
+thread_local const std::string* current_kernel_name = nullptr;
+
+// A byte count for a 32-bit device field; refused rather than truncated.
+uint32_t DeviceField(long value, const char* what) {
+  if (value < 0 || value > static_cast<long>(std::numeric_limits<uint32_t>::max())) {
+    throw std::runtime_error(StrCat(KernelNameScope::Current(), ": ", what, " ", value,
+                                    " does not fit the device's 32-bit field"));
+  }
+  return static_cast<uint32_t>(value);
+}
+
+// The buffer must be an OpenCL buffer holding every byte the view can reach.
+void CheckInBuffer(const Shape& shape, DataType dtype, const std::vector<long>& byte_strides,
+                   long offset, const Buffer& buffer) {
+  const auto fail = [&](const std::string& problem) {
+    throw std::invalid_argument(StrCat(KernelNameScope::Current(), ": tensor ", dtype, " ", shape,
+                                       " with byte strides ", byte_strides, " at byte offset ",
+                                       offset, " ", problem));
+  };
+  if (byte_strides.size() != shape.ndim()) fail("has a stride count that differs from its rank");
+  if (buffer && dynamic_cast<const BufferImpl*>(buffer.get()) == nullptr) {
+    fail("is bound to a buffer that is not an OpenCL buffer");
+  }
+  const long item = static_cast<long>(TypeTraitsHelper::GetSize(dtype));
+  const ByteExtent extent = TensorByteExtent(shape.sizes(), byte_strides, item, offset);
+  if (extent.first == extent.last) return;
+  if (!buffer) fail(StrCat("reaches ", extent.last - extent.first, " bytes of a null buffer"));
+  if (extent.first < 0 || extent.last > buffer.size()) {
+    fail(StrCat("reaches bytes [", extent.first, ", ", extent.last, "), but its buffer holds ",
+                buffer.size(), " bytes"));
+  }
+}
+
+}  // namespace
+
+KernelNameScope::KernelNameScope(const std::string& name) : previous_(current_kernel_name) {
+  current_kernel_name = &name;
+}
+
+KernelNameScope::~KernelNameScope() {
+  current_kernel_name = previous_;
+}
+
+const std::string& KernelNameScope::Current() {
+  static const std::string kDefault = "CL tensor";
+  return current_kernel_name ? *current_kernel_name : kDefault;
+}
+
 ClTensor::ClTensor(const Shape& shape, DataType dtype, const Buffer& buffer,
                    const std::vector<uint32_t>& steps, uint32_t offset, bool reversed,
                    std::optional<std::vector<long>> strides)
     : dtype_(dtype),
-      mem_(static_cast<cl_mem>(buffer.UnsafeGetPtr())),
       shape_(reversed ? shape.Reverse() : shape),
       offset_(offset),
-      reversed_(reversed) {
+      reversed_(reversed),
+      buffer_(buffer) {
   std::vector<long> byte_strides =
       strides ? *strides
               : ContiguousByteStrides(shape.sizes(),
                                       static_cast<long>(TypeTraitsHelper::GetSize(dtype)));
-  if (reversed) std::reverse(byte_strides.begin(), byte_strides.end());
-  for (size_t i = 0; i < byte_strides.size(); ++i) {
-    strides_.push_back(static_cast<uint32_t>(byte_strides[i]));
+  std::vector<long> device_strides = byte_strides;
+  if (reversed) std::reverse(device_strides.begin(), device_strides.end());
+  for (size_t i = 0; i < device_strides.size(); ++i) {
+    strides_.push_back(DeviceField(device_strides[i], "byte stride"));
     const uint32_t step = i < steps.size() ? steps[i] : 1;
-    steps_.push_back(static_cast<uint32_t>(byte_strides[i] * step));
+    long step_bytes = 0;
+    if (__builtin_mul_overflow(device_strides[i], static_cast<long>(step), &step_bytes)) {
+      step_bytes = -1;  // reported as not fitting
+    }
+    steps_.push_back(DeviceField(step_bytes, "byte step"));
   }
+  CheckInBuffer(shape, dtype, byte_strides, offset, buffer);
+  mem_ = buffer ? static_cast<cl_mem>(buffer.UnsafeGetPtr()) : nullptr;
 }
 
 namespace {
@@ -63,7 +125,7 @@ ClTensor::ClTensor(const Tensor& tensor, uint32_t step, bool reversed)
     : ClTensor(DefinedTensor(tensor).shape(), DefinedTensor(tensor).dtype(),
                DefinedTensor(tensor).storage(),
                InnermostStep(DefinedTensor(tensor).shape().ndim(), step, reversed),
-               static_cast<uint32_t>(DefinedTensor(tensor).storage_offset()), reversed,
+               DeviceField(DefinedTensor(tensor).storage_offset(), "byte offset"), reversed,
                DefinedTensor(tensor).strides_in_bytes()) {}
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const Buffer& buffer) {
@@ -147,6 +209,7 @@ std::shared_ptr<KernelUnit> KernelImpl::MakeSubKernel(std::shared_ptr<SessionImp
   const std::string key = program_name + "(" + options.str() + ")";
   auto program = session->LoadOrBuildProgram<ClSourceProgram>(key, sources, options);
   auto unit = program->CreateKernel(kernel_name);
+  if (session_.expired()) session_ = session;
   units_.push_back(unit);
   return unit;
 }

@@ -24,6 +24,11 @@ class BuildOption;
 // The device view of a tensor: memory handle, per device dimension (x first)
 // a byte stride and a byte step, and the byte offset of the first element.
 // It is passed as 2 * rank + 2 kernel arguments, matching DECL_TENSOR<rank>D.
+//
+// Construction checks what the device will address: the buffer must be an
+// OpenCL buffer holding every byte the view reaches (std::invalid_argument),
+// and every offset, stride and step must fit its 32-bit field
+// (std::runtime_error); nothing is truncated.
 class ClTensor {
  public:
   // `steps`: elements one work item advances per device dimension (x first,
@@ -53,6 +58,7 @@ class ClTensor {
   std::vector<uint32_t> steps_;
   uint32_t offset_ = 0;
   bool reversed_ = false;
+  Buffer buffer_;  // keeps the memory alive while the view is bound
 };
 
 // One argument per call, starting at `index`, which is advanced past it.
@@ -137,6 +143,10 @@ class KernelImpl : public IKernelImpl, public std::enable_shared_from_this<Kerne
 
   const std::vector<std::shared_ptr<KernelUnit>>& units() const { return units_; }
 
+  // The session the kernel was compiled for; queues of other sessions refuse it.
+  void BindSession(const std::shared_ptr<SessionImpl>& session) { session_ = session; }
+  const std::weak_ptr<SessionImpl>& session() const { return session_; }
+
   // Fetches or builds the program "program_name(options)" in the session's
   // cache, appends a unit for `kernel_name` and returns it.
   std::shared_ptr<KernelUnit> MakeSubKernel(std::shared_ptr<SessionImpl> session,
@@ -148,6 +158,22 @@ class KernelImpl : public IKernelImpl, public std::enable_shared_from_this<Kerne
  private:
   std::string name_;
   std::vector<std::shared_ptr<KernelUnit>> units_;
+  std::weak_ptr<SessionImpl> session_;
+};
+
+// Names the operator being created on this thread in the frame's messages
+// (ClTensor's checks) for the lifetime of the guard.
+class KernelNameScope {
+ public:
+  explicit KernelNameScope(const std::string& name);
+  ~KernelNameScope();
+  KernelNameScope(const KernelNameScope&) = delete;
+  KernelNameScope& operator=(const KernelNameScope&) = delete;
+  // The innermost name in scope, or "CL tensor" outside any.
+  static const std::string& Current();
+
+ private:
+  const std::string* previous_;
 };
 
 }  // namespace cl

@@ -5,6 +5,7 @@
 #include "nerva/platform/cl/buffer_impl.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/session_impl.h"
+#include "nerva/util.h"
 
 namespace nerva {
 namespace cl {
@@ -15,6 +16,7 @@ Buffer MakeBaseBuffer(std::shared_ptr<ISessionImpl> session, MemoryFlags flags, 
                       void* host_ptr) {
   auto cl_session = std::dynamic_pointer_cast<SessionImpl>(session);
   if (!cl_session) throw std::runtime_error("Null session error.");
+  if (size < 0) throw std::invalid_argument(StrCat("Make CL buffer fail with size ", size));
   return MakeBuffer<BufferImpl>(std::weak_ptr<SessionImpl>(cl_session), flags, size, host_ptr);
 }
 

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "nerva/argument_check.h"
+#include "nerva/platform/cl/buffer_impl.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -23,8 +25,24 @@ std::vector<cl_event> RawEvents(const ClEventVector& events) {
   return raw;
 }
 
-cl_mem MemOf(const Buffer& buffer) {
-  return static_cast<cl_mem>(buffer.UnsafeGetPtr());
+// The memory object of a buffer of `session`; `what` names the command in the message.
+cl_mem MemOf(const Buffer& buffer, const std::weak_ptr<SessionImpl>& session, const char* what) {
+  if (!buffer) throw std::invalid_argument(StrCat(what, " fail, the buffer is null"));
+  if (dynamic_cast<const BufferImpl*>(buffer.get()) == nullptr) {
+    throw std::invalid_argument(StrCat(what, " fail, the buffer is not an OpenCL buffer"));
+  }
+  cl_mem mem = static_cast<cl_mem>(buffer.UnsafeGetPtr());  // throws once its session is gone
+  const std::string reason = ForeignBufferReason(buffer, session.lock().get());
+  if (!reason.empty()) throw std::invalid_argument(StrCat(what, " fail, the buffer ", reason));
+  return mem;
+}
+
+// A copy must stay inside the buffer; a null host pointer moves nothing.
+void CheckCopy(const char* what, long size, const Buffer& buffer, long offset = 0) {
+  if (size < 0 || offset < 0 || offset > buffer.size() - size) {
+    throw std::invalid_argument(StrCat(what, " fail, bytes [", offset, ", ", offset + size,
+                                       ") out of the buffer size ", buffer.size()));
+  }
 }
 
 // Runs `enqueue(count, events, &event)` and wraps the resulting event.
@@ -72,6 +90,11 @@ Event QueueImpl::Enqueue(const Kernel& kernel, const std::vector<Event>& wait_li
 ::cl::Event QueueImpl::Enqueue(const Kernel& kernel, const ClEventVector& wait_list) {
   auto impl = std::dynamic_pointer_cast<KernelImpl>(kernel.impl());
   if (!impl) throw std::runtime_error("Enqueue invalid CL kernel, please compile it first!");
+  auto owner = LockSession();
+  if (!impl->units().empty() && impl->session().lock() != owner) {
+    throw std::invalid_argument("Enqueue CL kernel " + impl->name() +
+                                " fail, it was created for another session");
+  }
   auto self = shared_from_this();
   impl->BeforeEnqueue(self, wait_list);
   ::cl::Event last;
@@ -112,37 +135,53 @@ Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, unsigned long patte
 
 ::cl::Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size,
                                         const ClEventVector& wait_list) {
+  const char* what = "CL copy device buffer to host";
+  cl_mem mem = MemOf(src, session_, what);
+  CheckCopy(what, size, src);
+  if (dst == nullptr && size > 0) throw std::invalid_argument("CopyDeviceToHost fail, null dest");
   return EnqueueCommand(wait_list, "CL copy device buffer to host fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueReadBuffer(queue_(), MemOf(src), CL_TRUE, 0, size, dst,
-                                                     count, events, event);
+                          return clEnqueueReadBuffer(queue_(), mem, CL_TRUE, 0, size, dst, count,
+                                                     events, event);
                         });
 }
 
 ::cl::Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size,
                                         const ClEventVector& wait_list) {
+  const char* what = "CL copy host buffer to device";
+  cl_mem mem = MemOf(dst, session_, what);
+  CheckCopy(what, size, dst);
+  if (src == nullptr && size > 0) throw std::invalid_argument("CopyHostToDevice fail, null src");
   return EnqueueCommand(wait_list, "CL copy host buffer to device fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueWriteBuffer(queue_(), MemOf(dst), CL_TRUE, 0, size, src,
-                                                      count, events, event);
+                          return clEnqueueWriteBuffer(queue_(), mem, CL_TRUE, 0, size, src, count,
+                                                      events, event);
                         });
 }
 
 ::cl::Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size,
                                           const ClEventVector& wait_list) {
+  const char* what = "CL copy device buffer to device buffer";
+  cl_mem src_mem = MemOf(src, session_, what);
+  cl_mem dst_mem = MemOf(dst, session_, what);
+  CheckCopy(what, size, src);
+  CheckCopy(what, size, dst);
   return EnqueueCommand(wait_list, "CL copy device buffer to device buffer fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueCopyBuffer(queue_(), MemOf(src), MemOf(dst), 0, 0, size,
-                                                     count, events, event);
+                          return clEnqueueCopyBuffer(queue_(), src_mem, dst_mem, 0, 0, size, count,
+                                                     events, event);
                         });
 }
 
 ::cl::Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, size_t pattern_size, long offset,
                                   long size, const ClEventVector& wait_list) {
+  const char* what = "CL enqueue fill buffer";
+  cl_mem mem = MemOf(dst, session_, what);
+  CheckCopy(what, size, dst, offset);
   return EnqueueCommand(wait_list, "CL enqueue fill buffer fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueFillBuffer(queue_(), MemOf(dst), pattern, pattern_size,
-                                                     offset, size, count, events, event);
+                          return clEnqueueFillBuffer(queue_(), mem, pattern, pattern_size, offset,
+                                                     size, count, events, event);
                         });
 }
 
@@ -177,13 +216,23 @@ std::string QueueImpl::GetPlatform() const {
   return owner ? owner->platform() : "opencl";
 }
 
-Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& params) {
+std::shared_ptr<SessionImpl> QueueImpl::LockSession() const {
   auto session = session_.lock();
   if (!session) throw std::runtime_error("CL session has been expired!");
+  return session;
+}
+
+Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& params) {
+  auto session = LockSession();
   const auto* creator = ClModule::singleton().FindKernel(name);
   if (creator == nullptr) throw std::runtime_error("CL not support kernel: " + name);
+  KernelNameScope scope(name);
   std::shared_ptr<KernelImpl> kernel = creator->Call(params);
+  CheckKernelArguments(name, params.arguments(), [&](const Buffer& buffer) {
+    return ForeignBufferReason(buffer, session.get());
+  });
   if (!kernel->Verify()) throw std::runtime_error("CL kernel '" + name + "' verify fail.");
+  kernel->BindSession(session);
   kernel->Compile(session);
   return Kernel(kernel);
 }

@@ -52,6 +52,8 @@ class QueueImpl : public IQueueImpl, public std::enable_shared_from_this<QueueIm
   bool profiling() const { return profiling_; }
   const ::cl::CommandQueue& queue() const { return queue_; }
   std::shared_ptr<SessionImpl> session() const { return session_.lock(); }
+  // The session, or "CL session has been expired!".
+  std::shared_ptr<SessionImpl> LockSession() const;
 
  private:
   bool profiling_ = false;

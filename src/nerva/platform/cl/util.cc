@@ -96,6 +96,11 @@ int AdjustVecSize(int requested, long length) {
   if (requested > 16) {
     throw std::invalid_argument("Adjust invalid vec_size=" + std::to_string(requested));
   }
+  if (requested < 1) {
+    throw std::invalid_argument("Adjust invalid vec_size=" + std::to_string(requested));
+  }
+  // An empty (or negative) length has no vectors to fill; one lane keeps callers' divisions valid.
+  if (length < 1) return 1;
   if (requested >= 3 && length == 3) return 3;
   int vec_size = requested;
   while (vec_size > length) vec_size /= 2;

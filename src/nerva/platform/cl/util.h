@@ -16,7 +16,8 @@ std::string StrErrcode(int code);
 void CheckStatus(cl_int status, const std::string& prefix);
 
 // The vector width for `length` elements: at most `requested`, halved until it
-// fits; a length of exactly 3 takes 3-wide vectors. Requests above 16 throw.
+// fits; a length of exactly 3 takes 3-wide vectors; an empty length gives 1.
+// Requests above 16 or below 1 throw.
 int AdjustVecSize(int requested, long length);
 
 // Rounds every global size up to a multiple of the matching local size.

@@ -24,7 +24,11 @@ std::shared_ptr<IStorage> StorageView::View(long offset, long size) {
 }
 
 Buffer BufferImpl::View(long offset, long size, unsigned long /*flags*/) const {
-  if (offset + size > this->size()) {
+  if (offset < 0 || size < 0) {
+    throw std::invalid_argument(
+        StrCat("Create CPU view fail, invalid offset ", offset, " or size ", size));
+  }
+  if (offset > this->size() - size) {
     throw std::invalid_argument(StrCat("Create CPU view fail, the offset + size > total size: ",
                                        offset, " + ", size, " > ", this->size()));
   }

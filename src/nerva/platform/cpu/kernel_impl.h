@@ -53,12 +53,14 @@ class CpuKernelImpl : public KernelImpl {
 };
 
 // Turns a plain call function into a registry creator of CpuKernelImpl that
-// stores the name, the function and the arguments.
+// stores the name, the function and the arguments. `check`, when given, sees
+// the same arguments first and throws on any that the call cannot serve.
 template <typename... Args>
 std::unique_ptr<FunctionWrapperBase<std::shared_ptr<KernelImpl>>> SimpleWrapKernelCreator(
-    const std::string& name, void (*function)(Args...)) {
+    const std::string& name, void (*function)(Args...), void (*check)(Args...) = nullptr) {
   return MakeFunctionWrapper<std::shared_ptr<KernelImpl>, Args...>(
-      name, [name, function](Args... args) -> std::shared_ptr<KernelImpl> {
+      name, [name, function, check](Args... args) -> std::shared_ptr<KernelImpl> {
+        if (check) check(args...);
         return std::make_shared<CpuKernelImpl<Args...>>(name, function, args...);
       });
 }

@@ -5,6 +5,7 @@
 #include "linvo/function/tile.h"
 #include "linvo/function/transpose.h"
 #include "nerva/linvo_type.h"
+#include "nerva/platform/cpu/kernel_check.h"
 #include "nerva/platform/cpu/module.h"
 
 namespace nerva::cpu {
@@ -21,10 +22,12 @@ linvo::Matrix MapMatrix(const TensorOption& option, void* data) {
 
 NERVA_STATIC_REGISTER {
   auto& module = CpuModule::singleton();
-  module.AddKernelImpl("Permute", SimpleWrapKernelCreator("Permute", &PermuteCpuCall));
-  module.AddKernelImpl("Slice", SimpleWrapKernelCreator("Slice", &SliceCpuCall));
-  module.AddKernelImpl("Tile", SimpleWrapKernelCreator("Tile", &TileCpuCall));
-  module.AddKernelImpl("BroadcastTo", SimpleWrapKernelCreator("BroadcastTo", &BroadcastToCpuCall));
+  module.AddKernelImpl("Permute",
+                       SimpleWrapKernelCreator("Permute", &PermuteCpuCall, &CheckPermuteArgs));
+  module.AddKernelImpl("Slice", SimpleWrapKernelCreator("Slice", &SliceCpuCall, &CheckSliceArgs));
+  module.AddKernelImpl("Tile", SimpleWrapKernelCreator("Tile", &TileCpuCall, &CheckTileArgs));
+  module.AddKernelImpl("BroadcastTo", SimpleWrapKernelCreator("BroadcastTo", &BroadcastToCpuCall,
+                                                              &CheckBroadcastToArgs));
 };
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include "nerva/platform/cpu/module.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "nerva/platform/cpu/buffer_impl.h"
 #include "nerva/session.h"
+#include "nerva/util.h"
 
 namespace nerva::cpu {
 namespace {
@@ -12,6 +14,7 @@ namespace {
 // bytes when given. The flags have no meaning on the host.
 Buffer AllocateBuffer(std::shared_ptr<ISessionImpl> /*session*/, MemoryFlags /*flags*/, long size,
                       void* host_ptr) {
+  if (size < 0) throw std::invalid_argument(StrCat("Make CPU buffer fail with size ", size));
   auto storage = std::make_shared<Storage>(size);
   if (host_ptr != nullptr && size > 0) std::memcpy(storage->data(), host_ptr, size);
   return MakeBuffer<BufferImpl>(std::move(storage));

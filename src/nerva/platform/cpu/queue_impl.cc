@@ -3,8 +3,11 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "nerva/argument_check.h"
+#include "nerva/platform/cpu/buffer_impl.h"
 #include "nerva/platform/cpu/module.h"
 #include "nerva/platform/cpu/session_impl.h"
+#include "nerva/util.h"
 
 namespace nerva::cpu {
 namespace {
@@ -16,6 +19,22 @@ Event CompleteEvent() {
 // Overlap-safe copy; zero bytes copy nothing.
 void MoveBytes(void* dst, const void* src, long size) {
   if (size > 0) std::memmove(dst, src, static_cast<size_t>(size));
+}
+
+std::string ForeignReason(const Buffer& buffer) {
+  return dynamic_cast<const BufferImpl*>(buffer.get()) ? "" : "is not a CPU buffer";
+}
+
+// The host bytes of a CPU buffer that hold at least `size` bytes.
+void* BytesOf(const Buffer& buffer, long size, const char* what) {
+  if (!buffer) throw std::invalid_argument(StrCat(what, " fail, the buffer is null"));
+  const std::string reason = ForeignReason(buffer);
+  if (!reason.empty()) throw std::invalid_argument(StrCat(what, " fail, the buffer ", reason));
+  if (size < 0 || size > buffer.size()) {
+    throw std::invalid_argument(
+        StrCat(what, " fail, size ", size, " out of the buffer size ", buffer.size()));
+  }
+  return buffer.UnsafeGetPtr();
 }
 
 }  // namespace
@@ -44,18 +63,19 @@ Event QueueImpl::Enqueue(const Kernel& kernel, const std::vector<Event>& /*wait_
 
 Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size) {
   if (dst == nullptr) throw std::runtime_error("CopyDeviceToHost fail, unexpected null dest");
-  MoveBytes(dst, src.UnsafeGetPtr(), size);
+  MoveBytes(dst, BytesOf(src, size, "CopyDeviceToHost"), size);
   return CompleteEvent();
 }
 
 Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size) {
   if (src == nullptr) throw std::runtime_error("CopyHostToDevice fail, unexpected null src");
-  MoveBytes(dst.UnsafeGetPtr(), src, size);
+  MoveBytes(BytesOf(dst, size, "CopyHostToDevice"), src, size);
   return CompleteEvent();
 }
 
 Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) {
-  MoveBytes(dst.UnsafeGetPtr(), src.UnsafeGetPtr(), size);
+  void* to = BytesOf(dst, size, "CopyDeviceToDevice");
+  MoveBytes(to, BytesOf(src, size, "CopyDeviceToDevice"), size);
   return CompleteEvent();
 }
 
@@ -73,6 +93,8 @@ Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& 
   const auto* creator = CpuModule::singleton().FindKernel(name);
   if (creator == nullptr) throw std::runtime_error("CPU not support kernel: " + name);
   std::shared_ptr<KernelImpl> kernel = creator->Call(params);
+  // CPU kernels read and write every tensor densely from its buffer's first byte.
+  CheckKernelArguments(name, params.arguments(), &ForeignReason, TensorLayout::kDense);
   if (!kernel->Verify()) throw std::runtime_error("CPU kernel \"" + name + "\" verify fail.");
   return Kernel(kernel);
 }
