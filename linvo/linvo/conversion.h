@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 #include "linvo/data_type.h"
@@ -132,8 +133,22 @@ inline Underlying<E> FloatToPacked(float f) {
   if constexpr (E == kFloat8_e5m2) return FloatToFloat8E5M2(f);
 }
 
+// Float to integer as the device converts: truncation toward zero, saturated
+// at the integer's range, NaN to 0 (the plain C conversion is undefined there).
+template <typename I, typename F>
+inline I SaturateToInteger(F v) {
+  if (v != v) return 0;
+  // Both bounds are powers of two (or zero), so they are exact in F.
+  constexpr F kLow = static_cast<F>(std::numeric_limits<I>::min());
+  constexpr F kHigh = static_cast<F>(std::numeric_limits<I>::max() / 2 + 1) * 2;
+  if (v <= kLow) return std::numeric_limits<I>::min();
+  if (v >= kHigh) return std::numeric_limits<I>::max();
+  return static_cast<I>(v);
+}
+
 // Converts one element from type S to type D. Packed floats go through float, bool becomes 0/1
-// (NaN counts as non-zero), everything else uses the ordinary C conversion.
+// (NaN counts as non-zero), float to integer saturates (NaN gives 0), everything else uses the
+// ordinary C conversion.
 template <DataType S, DataType D>
 inline Underlying<D> ConvertElement(Underlying<S> v) {
   if constexpr (S == D) {
@@ -144,6 +159,9 @@ inline Underlying<D> ConvertElement(Underlying<S> v) {
     return v != 0 ? 1 : 0;
   } else if constexpr (IsPackedFloat(D)) {
     return FloatToPacked<D>(static_cast<float>(v));
+  } else if constexpr (std::is_floating_point_v<Underlying<S>> &&
+                       std::is_integral_v<Underlying<D>>) {
+    return SaturateToInteger<Underlying<D>>(v);
   } else {
     return static_cast<Underlying<D>>(v);
   }

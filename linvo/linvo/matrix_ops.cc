@@ -179,8 +179,6 @@ Matrix Matrix::Tile(const Dims& repeats) const {
 }
 
 Matrix Matrix::BroadcastTo(const Dims& dims) const {
-  Shape broadcast_to(dims);
-  if (!LINVO_CHECK(broadcast_to.ndim() >= ndim())) return Matrix();
   return linvo::BroadcastTo(*this, dims);
 }
 

@@ -239,4 +239,24 @@ TEST(ElementConversion, IntegersAndBool) {
   EXPECT_EQ((ConvertElement<kBFloat, kFloat8_e5m2>(0x3F80)), 0x3C);
 }
 
+// Float to integer saturates at the integer's range and takes NaN to 0, as the device does.
+TEST(ElementConversion, FloatToIntegerSaturates) {
+  const float inf = std::numeric_limits<float>::infinity();
+  EXPECT_EQ((ConvertElement<kFloat, kInt32>(NAN)), 0);
+  EXPECT_EQ((ConvertElement<kFloat, kInt32>(3e9f)), 2147483647);
+  EXPECT_EQ((ConvertElement<kFloat, kInt32>(-inf)), -2147483647 - 1);
+  EXPECT_EQ((ConvertElement<kFloat, kInt8>(127.9f)), 127);
+  EXPECT_EQ((ConvertElement<kFloat, kInt8>(128.0f)), 127);
+  EXPECT_EQ((ConvertElement<kFloat, kInt8>(-128.9f)), -128);
+  EXPECT_EQ((ConvertElement<kFloat, kUInt8>(-0.9f)), 0);
+  EXPECT_EQ((ConvertElement<kFloat, kUInt8>(-7.0f)), 0);
+  EXPECT_EQ((ConvertElement<kFloat, kUInt8>(300.0f)), 255);
+  EXPECT_EQ((ConvertElement<kFloat, kInt64>(1e19f)), std::numeric_limits<int64_t>::max());
+  EXPECT_EQ((ConvertElement<kFloat, kUInt64>(inf)), std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ((ConvertElement<kDouble, kUInt32>(4294967295.5)), 4294967295u);
+  EXPECT_EQ((ConvertElement<kDouble, kInt16>(-1e300)), -32768);
+  EXPECT_EQ((ConvertElement<kHalf, kUInt8>(0x7E00)), 0);   // half NaN
+  EXPECT_EQ((ConvertElement<kHalf, kInt8>(0x7C00)), 127);  // half +inf
+}
+
 }  // namespace

@@ -106,14 +106,21 @@ TEST(Slice, ShapesAndChecks) {
   EXPECT_EQ(s.data<int16_t>()[3], in.data<int16_t>()[3 * 30 + 3 * 6 + 2]);
   Matrix out(Shape{2, 2}, kInt16);
   auto checks = Checks(CaptureLog([&] { Slice(in, {0, 0}, {2, 2}, {1, 1}, out); }));
-  EXPECT_EQ(checks, (std::vector<std::string>{"in.ndim() == out.ndim()"}));
+  EXPECT_EQ(checks,
+            (std::vector<std::string>{"starts.size() == in.ndim()", "in.ndim() == out.ndim()"}));
   checks = Checks(CaptureLog([&] { in.Slice({0, 3, 0}, {4, 3, 6}, {1, 1, 1}); }));
-  EXPECT_EQ(checks, (std::vector<std::string>{"starts[i] < ends[i]"}));
+  EXPECT_EQ(checks,
+            (std::vector<std::string>{"starts[i] < ends[i]", "ends[i] - starts[i] >= steps[i]"}));
   checks = Checks(CaptureLog([&] { in.Slice({0, 0, 0}, {4, 2, 6}, {1, 3, 1}); }));
   EXPECT_EQ(checks, (std::vector<std::string>{"ends[i] - starts[i] >= steps[i]"}));
   checks = Checks(CaptureLog([&] { in.Slice({0, 0}, {4, 2, 6}, {1, 3}); }));
-  EXPECT_EQ(checks, (std::vector<std::string>{"starts.size() == in.ndim()",
-                                              "starts.size() == ends.size()"}));
+  EXPECT_EQ(checks,
+            (std::vector<std::string>{"starts.size() == in.ndim()", "starts.size() == ends.size()",
+                                      "ends[i] - starts[i] >= steps[i]"}));
+  // A negative start would read before the input: refused, nothing copied.
+  Matrix small(Shape{2, 2}, kInt16);
+  checks = Checks(CaptureLog([&] { Slice(in, {-2, 0, 0}, {2, 2, 2}, {1, 1, 1}, small); }));
+  EXPECT_EQ(checks, (std::vector<std::string>{"in.ndim() == out.ndim()", "starts[i] >= 0"}));
 }
 
 TEST(Tile, FromRepeatsAndFromShapes) {

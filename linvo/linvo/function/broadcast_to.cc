@@ -6,10 +6,13 @@
 namespace linvo {
 
 void BroadcastTo(const Matrix& in, Matrix& out) {
-  if (!LINVO_CHECK(CanBroadcastShape(in.shape(), out.shape())) ||
-      !LINVO_CHECK(out.dtype() == in.dtype()) || !LINVO_CHECK(out.ndim() >= in.ndim())) {
-    return;
-  }
+  // Every check is logged before giving up, so one call reports all that is wrong.
+  const Shape& broadcast_to = out.shape();
+  const auto ndim = [&in] { return in.ndim(); };
+  bool ok = LINVO_CHECK(broadcast_to.ndim() >= ndim());
+  ok = LINVO_CHECK(CanBroadcastShape(in.shape(), out.shape())) && ok;
+  ok = LINVO_CHECK(out.dtype() == in.dtype()) && ok;
+  if (!ok) return;
   CopyLayout layout{out.shape().dims(), in.shape().GetBroadcastStrides(out.shape()).dims(),
                     out.shape().strides()};
   StridedCopy(in, out, layout);

@@ -8,19 +8,30 @@
 namespace linvo {
 namespace {
 
-// Checks the arguments and gives the extent of the result along each axis (empty on failure).
-bool SliceDims(const Matrix& in, const Dims& starts, const Dims& ends, const Dims& steps,
-               Dims& dims) {
+// Logs every failed check, in order, and gives the extent of the result along
+// each axis; false (and nothing copied) when any check failed. `out_matrix` may be
+// null when the caller makes the result itself.
+bool SliceDims(const Matrix& in, const Matrix* out_matrix, const Dims& starts, const Dims& ends,
+               const Dims& steps, Dims& dims) {
   bool ok = LINVO_CHECK(starts.size() == in.ndim());
   ok = LINVO_CHECK(starts.size() == ends.size()) && ok;
   ok = LINVO_CHECK(starts.size() == steps.size()) && ok;
+  if (out_matrix) {
+    const Matrix& out = *out_matrix;
+    ok = LINVO_CHECK(in.ndim() == out.ndim()) && ok;
+  }
+  const size_t count =
+      std::min({starts.size(), ends.size(), steps.size(), static_cast<size_t>(in.ndim())});
+  for (size_t i = 0; i < count; ++i) {
+    ok = LINVO_CHECK(starts[i] < ends[i]) && ok;
+    ok = LINVO_CHECK(ends[i] - starts[i] >= steps[i]) && ok;
+    // A slice never reads outside its input.
+    ok = LINVO_CHECK(starts[i] >= 0) && ok;
+    ok = LINVO_CHECK(steps[i] > 0) && ok;
+  }
   if (!ok) return false;
-  for (size_t i = 0; i < starts.size(); ++i) {
-    if (!LINVO_CHECK(starts[i] < ends[i]) || !LINVO_CHECK(ends[i] - starts[i] >= steps[i]) ||
-        !LINVO_CHECK(steps[i] > 0)) {
-      return false;
-    }
-    int64_t end = std::min(ends[i], in.shape().dims()[i]);
+  for (size_t i = 0; i < count; ++i) {
+    const int64_t end = std::min(ends[i], in.shape().dims()[i]);
     dims.push_back(std::max<int64_t>(0, (end - starts[i] + steps[i] - 1) / steps[i]));
   }
   return true;
@@ -30,7 +41,7 @@ bool SliceDims(const Matrix& in, const Dims& starts, const Dims& ends, const Dim
 
 void Slice(const Matrix& in, const Dims& starts, const Dims& ends, const Dims& steps, Matrix& out) {
   Dims dims;
-  if (!LINVO_CHECK(in.ndim() == out.ndim()) || !SliceDims(in, starts, ends, steps, dims)) return;
+  if (!SliceDims(in, &out, starts, ends, steps, dims)) return;
   Dims in_strides = in.shape().strides();
   CopyLayout layout{{}, {}, out.shape().strides()};
   for (size_t i = 0; i < dims.size(); ++i) {
@@ -43,7 +54,7 @@ void Slice(const Matrix& in, const Dims& starts, const Dims& ends, const Dims& s
 
 Matrix Slice(const Matrix& in, const Dims& starts, const Dims& ends, const Dims& steps) {
   Dims dims;
-  if (!SliceDims(in, starts, ends, steps, dims)) return Matrix();
+  if (!SliceDims(in, nullptr, starts, ends, steps, dims)) return Matrix();
   Matrix out(Shape(dims), in.dtype());
   Slice(in, starts, ends, steps, out);
   return out;
