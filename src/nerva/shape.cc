@@ -49,10 +49,13 @@ void CheckSizes(ArrayRef<long> sizes) {
     throw std::runtime_error(
         StrCat("Shape rank ", sizes.size(), " exceeds the maximum ", Shape::kMaxRank));
   }
-  long span = 1;
   for (long s : sizes) {
     if (s < 0) throw std::runtime_error(StrCat("Invalid shape size: ", sizes));
-    span *= std::max(s, 1L);  // cannot overflow: both factors are at most 2^31 - 1 here
+  }
+  long span = 1;
+  for (long s : sizes) {
+    // Both factors are at most 2^31 - 1 before the product, so it cannot overflow.
+    if (s <= Shape::kMaxElements) span *= std::max(s, 1L);
     if (s > Shape::kMaxElements || span > Shape::kMaxElements) {
       throw std::runtime_error(
           StrCat("Shape ", sizes, " spans more than ", Shape::kMaxElements, " elements"));
