@@ -228,10 +228,12 @@ Kernel QueueImpl::CreateKernelImpl(const std::string& name, FunctionParameters& 
   if (creator == nullptr) throw std::runtime_error("CL not support kernel: " + name);
   KernelNameScope scope(name);
   std::shared_ptr<KernelImpl> kernel = creator->Call(params);
+  // The operator's own checks (and their messages) come first; the memory
+  // check then guards every kernel, whatever its Verify covers.
+  if (!kernel->Verify()) throw std::runtime_error("CL kernel '" + name + "' verify fail.");
   CheckKernelArguments(name, params.arguments(), [&](const Buffer& buffer) {
     return ForeignBufferReason(buffer, session.get());
   });
-  if (!kernel->Verify()) throw std::runtime_error("CL kernel '" + name + "' verify fail.");
   kernel->BindSession(session);
   kernel->Compile(session);
   return Kernel(kernel);
