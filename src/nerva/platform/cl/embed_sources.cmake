@@ -6,6 +6,11 @@ set(index 0)
 foreach(path ${files})
   file(RELATIVE_PATH name ${KERNEL_DIR} ${path})
   string(REGEX REPLACE "(^|/)device/" "\\1" name "${name}")
+  # Operator programs are named by their file alone ("reduce.cl" from reduce/reduce.cl);
+  # only the tensor-core family keeps its folder.
+  if(NOT name MATCHES "^tensorcore/")
+    get_filename_component(name "${name}" NAME)
+  endif()
   file(READ ${path} text)
   # Raw strings are limited in length by some compilers: emit 8 KiB pieces.
   string(LENGTH "${text}" length)

@@ -1,0 +1,60 @@
+/*
+ * Group tree reduction and lane folds shared by the reduce, softmax, argmax,
+ * norm and loss programs.
+ *
+ * A group of BLOCK_SIZE work items (a power of two) folds a run: each item
+ * folds its strided share into a private accumulator, stores it in a local
+ * array of BLOCK_SIZE entries, and GROUP_TREE_REDUCE halves the array until
+ * entry 0 holds the group's result. The vector lanes of that entry are then
+ * folded into one scalar with the LANE_* macros.
+ */
+#ifndef NERVA_REDUCE_H
+#define NERVA_REDUCE_H
+
+#ifndef BLOCK_SIZE
+#define BLOCK_SIZE 64
+#endif
+
+/* 1 when T is a floating accumulation type (float, double); 0 otherwise. */
+#define NERVA_IS_FLOAT(T) NERVA_CAT(NERVA_IS_FLOAT_, T)
+#define NERVA_IS_FLOAT_float 1
+#define NERVA_IS_FLOAT_double 1
+
+/* Halving tree over local arrays of BLOCK_SIZE entries. STEP(dst, src) merges
+ * entry src into entry dst of every array the caller keeps. Starts with a
+ * barrier (so the caller's stores are visible) and ends with one, so every
+ * item may then read entry 0. All items of the group must reach it. */
+#define GROUP_TREE_REDUCE(lid, STEP)                                          \
+  barrier(CLK_LOCAL_MEM_FENCE);                                              \
+  for (int nerva_stride = BLOCK_SIZE / 2; nerva_stride > 0; nerva_stride >>= 1) { \
+    if ((lid) < nerva_stride) {                                              \
+      STEP((lid), (lid) + nerva_stride);                                     \
+    }                                                                        \
+    barrier(CLK_LOCAL_MEM_FENCE);                                            \
+  }
+
+/* Maximum and minimum that propagate NaN (a NaN operand wins), lane-wise on
+ * float scalars or vectors. */
+#define NERVA_NAN_MAX(a, b) select((b), (a), isgreater((a), (b)) | isnan(a))
+#define NERVA_NAN_MIN(a, b) select((b), (a), isless((a), (b)) | isnan(a))
+
+/* Sum of the N lanes of a float vector (a dot product with ones). */
+#define LANE_SUM(N, v) NERVA_CAT(NERVA_LANE_SUM_, N)(v)
+#define NERVA_LANE_SUM_1(v) (v)
+#define NERVA_LANE_SUM_2(v) dot((v), (float2)(1.0f))
+#define NERVA_LANE_SUM_3(v) dot((v), (float3)(1.0f))
+#define NERVA_LANE_SUM_4(v) dot((v), (float4)(1.0f))
+
+/* Pairwise fold of N lanes with F, which must accept 2-lane vectors: for four
+ * lanes .xy against .zw first, then .x against .y. */
+#define LANE_FOLD(N, v, F) NERVA_CAT(NERVA_LANE_FOLD_, N)(v, F)
+#define NERVA_LANE_FOLD_1(v, F) (v)
+#define NERVA_LANE_FOLD_2(v, F) F((v).x, (v).y)
+#define NERVA_LANE_FOLD_3(v, F) F(F((v).x, (v).y), (v).z)
+#define NERVA_LANE_FOLD_4(v, F) NERVA_LANE_FOLD_2(F((v).xy, (v).zw), F)
+
+/* 1 or 0 per lane for a lane-wise condition c of N lanes (vector comparisons
+ * give -1 for true, scalar ones 1), as an int vector. */
+#define NERVA_TRUTH(N, c) (NERVA_CAT(convert_, NERVA_VEC(int, N))(c) & 1)
+
+#endif /* NERVA_REDUCE_H */
