@@ -9,6 +9,7 @@
 
 #include "nerva/platform/cl/kernel/reduce/reduce.h"
 #include "nerva/platform/cl/reduce/reduce_test_util.h"
+#include "nerva/platform/cl/util.h"
 
 namespace nerva {
 namespace cl {
@@ -210,6 +211,106 @@ TEST(ClReduceTest, EveryKindOnEveryVariantPath) {
       RunCase({kind, sizes, axes, kFloat, OutputFor(kind, kFloat)}, seed++);
     }
   }
+}
+
+TEST(ClReduceTest, FullSumOverLeftoverLengths) {
+  // 4096 is the last single-group length, 4097 the first two-pass one.
+  unsigned seed = 100;
+  for (long n : {1L, 2L, 3L, 5L, 7L, 63L, 64L, 65L, 4096L, 4097L, 100003L}) {
+    RunCase({ReduceType::kSum, {n}, {0}}, seed++);
+  }
+  RunCase({ReduceType::kMax, {100003}, {}}, seed++);
+  RunCase({ReduceType::kMean, {2, 4097}, {0, 1}, kFloat, kFloat, true}, seed++);
+}
+
+TEST(ClReduceTest, TypesAndKeepdim) {
+  unsigned seed = 200;
+  // Half in and out; integer max stays integral; mean of int32 into float.
+  RunCase({ReduceType::kSum, {5, 67}, {1}, kHalf, kHalf}, seed++);
+  RunCase({ReduceType::kMax, {9, 5}, {0}, kHalf, kFloat, true}, seed++);
+  RunCase({ReduceType::kMax, {4, 6, 7}, {1}, kInt32, kInt32}, seed++);
+  RunCase({ReduceType::kMin, {5000}, {0}, kInt64, kInt64}, seed++);
+  RunCase({ReduceType::kMin, {3, 33}, {1}, kUInt8, kUInt8, true}, seed++);
+  RunCase({ReduceType::kMean, {6, 13}, {-1}, kInt32, kFloat}, seed++);
+  RunCase({ReduceType::kMean, {6, 13}, {-1}, kInt32, kInt32}, seed++);
+  RunCase({ReduceType::kProd, {4, 5}, {1}, kInt16, kInt64}, seed++);
+  // bool for the logical kinds and the count.
+  RunCase({ReduceType::kAll, {3, 9}, {1}, kBool, kBool, true}, seed++);
+  RunCase({ReduceType::kAny, {9, 3}, {0}, kBool, kBool}, seed++);
+  RunCase({ReduceType::kCountNonzero, {2, 3, 4}, {1, 2}, kBool, kInt64}, seed++);
+  RunCase({ReduceType::kCountNonzero, {4, 5, 6, 2}, {0, 2, 3}, kInt8, kInt32, true}, seed++);
+}
+
+TEST(ClReduceTest, VarianceCorrectionAndSingleElements) {
+  // A full variance never takes the two-pass path; N = 1 gives 0, never 0/0.
+  RunCase({ReduceType::kVar, {5000}, {0}}, 300, 1.0f);
+  RunCase({ReduceType::kVar, {6, 9}, {1}}, 301, 0.0f);
+  RunCase({ReduceType::kVar, {4, 1}, {1}}, 302, 1.0f);
+  RunCase({ReduceType::kVar, {1}, {0}}, 303, 1.0f);
+}
+
+TEST(ClReduceTest, MaxAndMinPropagateNaN) {
+  std::vector<double> x = RoundTrip(RandomValues(2 * 70, -5, 5, 400), kFloat);
+  x[3] = NAN;  // row 0 only
+  Tensor input = UploadAs(x, {2, 70}, kFloat);
+  for (ReduceType kind : {ReduceType::kMax, ReduceType::kMin}) {
+    Tensor output = MakeOutput({2}, kFloat);
+    ReduceOption option;
+    option.op_type = kind;
+    option.axes = {1};
+    TestQueue().Enqueue(Reduce::Create(TestQueue(), option, input.option(), input.storage(),
+                                       output.option(), output.storage()));
+    const std::vector<double> got = DownloadAs(output);
+    EXPECT_TRUE(std::isnan(got[0]));
+    EXPECT_EQ(got[1], ReferenceReduce({x.begin() + 70, x.end()}, {70}, {0}, kind, 1)[0]);
+  }
+}
+
+// The exception type and message of creating a Reduce kernel.
+template <typename E>
+void ExpectReduceError(const ReduceOption& option, const std::vector<long>& in_sizes,
+                       DataType in_type, const std::vector<long>& out_sizes, DataType out_type,
+                       const std::string& message) {
+  // Descriptors only: nothing may reach the device.
+  Buffer buffer = TestSession().MakeBuffer(kMemReadWrite, 4096);
+  try {
+    Reduce::Create(TestQueue(), option, TensorOption{Shape(in_sizes), in_type}, buffer,
+                   TensorOption{Shape(out_sizes), out_type}, buffer);
+    ADD_FAILURE() << "no exception for " << message;
+  } catch (const E& e) {
+    EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+  }
+}
+
+TEST(ClReduceTest, RejectsBadArguments) {
+  ReduceOption option;
+  option.axes = {0, 2};
+  ExpectReduceError<std::invalid_argument>(
+      option, {2, 3, 4, 5}, kFloat, {3, 5}, kFloat,
+      "Reduce only support consecutive axes or axes is [0,2] or [0,2,3]");
+  option.axes = {0, 3};
+  ExpectReduceError<std::invalid_argument>(
+      option, {2, 3, 4, 5}, kFloat, {3, 4}, kFloat,
+      "Reduce only support consecutive axes or axes is [0,2] or [0,2,3]");
+  option.axes = {2};
+  ExpectReduceError<std::out_of_range>(option, {2, 3}, kFloat, {2}, kFloat, "Reduce: axis 2");
+  option.axes = {1};
+  ExpectReduceError<std::runtime_error>(option, {2, 3}, kFloat, {3}, kFloat,
+                                        "Reduce: output has shape [3]");
+  ExpectReduceError<std::invalid_argument>(option, {2, 3}, kDouble, {2}, kFloat,
+                                           "Reduce: unsupported input type DataType::kDouble");
+  option.op_type = static_cast<ReduceType>(9);
+  ExpectReduceError<std::invalid_argument>(option, {2, 3}, kFloat, {2}, kFloat,
+                                           "Unsupport reduce operator type: 9");
+  option.op_type = ReduceType::kMax;
+  option.axes = {0};
+  ExpectReduceError<std::runtime_error>(option, {0, 3}, kFloat, {3}, kFloat, "over zero elements");
+}
+
+TEST(ClReduceTest, AdjustVecSizeRejectsWideRequests) {
+  EXPECT_THROW(AdjustVecSize(17, 100), std::invalid_argument);
+  EXPECT_EQ(AdjustVecSize(4, 3), 3);
+  EXPECT_EQ(AdjustVecSize(4, 2), 2);
 }
 
 }  // namespace
