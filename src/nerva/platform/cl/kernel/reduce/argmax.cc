@@ -1,0 +1,144 @@
+#include "nerva/platform/cl/kernel/reduce/argmax.h"
+
+#include <stdexcept>
+
+#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
+#include "nerva/platform/cl/module.h"
+#include "nerva/platform/cl/program.h"
+#include "nerva/platform/cl/session_impl.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+ArgReduceKernel::ArgReduceKernel(std::string name, Program program, int dim, bool keepdim,
+                                 const Tensor& input, const Tensor& indices, const Tensor& values)
+    : KernelImpl(std::move(name)),
+      program_(std::move(program)),
+      dim_(dim),
+      keepdim_(keepdim),
+      input_(input),
+      indices_(indices),
+      values_(values) {}
+
+bool ArgReduceKernel::Verify() const {
+  CheckType(name(), "input", input_.dtype(), true);
+  CheckIndexType(name(), "indices", indices_.dtype());
+  CheckContiguous(name(), "input", input_);
+  CheckContiguous(name(), "indices", indices_);
+  const auto& sizes = input_.shape().sizes();
+  if (sizes.empty()) throw std::runtime_error(StrCat(name(), ": input has rank 0"));
+  const int dim = NormalizeAxis(name(), dim_, sizes.size());
+  const std::vector<long> expected = ReducedSizes(sizes, {dim}, keepdim_);
+  const std::string what = StrCat("reducing ", input_.shape(), " along dim ", dim_);
+  CheckSizes(name(), "indices", indices_, expected, what);
+  if (values_.defined()) {
+    CheckContiguous(name(), "values", values_);
+    CheckSizes(name(), "values", values_, expected, what);
+  }
+  if (sizes[dim] == 0 && ElementCount(indices_) > 0) {
+    throw std::runtime_error(
+        StrCat(name(), ": cannot reduce input ", input_.shape(), " over an empty dim ", dim_));
+  }
+  return true;
+}
+
+void ArgReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  if (ElementCount(indices_) == 0) return;
+  const auto& sizes = input_.shape().sizes();
+  const int dim = NormalizeAxis(name(), dim_, sizes.size());
+  const AxisFold fold = FoldAxes(sizes, dim, dim);
+  const bool innermost = fold.inner == 1;
+  BuildOption options;
+  options.AddDefinition("DTYPE", GetDataTypeCode(input_.dtype()))
+      .AddDefinition("DTYPE_OUT", GetDataTypeCode(indices_.dtype()))
+      .AddDefinitionAutoType("VEC_SIZE", 4)
+      .AddDefinitionAutoType("VEC_SIZE_LEFTOVER",
+                             innermost ? static_cast<int>(fold.reduced % 4) : 0)
+      .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize);
+  if (values_.defined()) options.AddDefinition("DTYPE_VALUES", GetDataTypeCode(values_.dtype()));
+  AddExtraOptions(options);
+  const size_t block = kReduceBlockSize;
+  std::vector<ClTensor> outputs;
+  if (innermost) {
+    outputs.push_back(ContiguousView(indices_, {fold.outer}));
+    if (values_.defined()) outputs.push_back(ContiguousView(values_, {fold.outer}));
+    MakeSubKernel(session, program_.name, program_.sources, options, program_.row_kernel)
+        ->SetArgs(ContiguousView(input_, {fold.outer, fold.reduced}), outputs,
+                  static_cast<int>(fold.reduced / 4))
+        .SetGlobal({block, static_cast<size_t>(fold.outer)})
+        .SetLocal({block, 1});
+  } else {
+    outputs.push_back(ContiguousView(indices_, {fold.outer, fold.inner}));
+    if (values_.defined()) outputs.push_back(ContiguousView(values_, {fold.outer, fold.inner}));
+    MakeSubKernel(session, program_.name, program_.sources, options, program_.column_kernel)
+        ->SetArgs(ContiguousView(input_, {fold.outer, fold.reduced, fold.inner}), outputs,
+                  static_cast<int>(fold.reduced))
+        .SetGlobal({static_cast<size_t>(fold.inner), static_cast<size_t>(fold.outer)});
+  }
+}
+
+namespace {
+ArgReduceKernel::Program ArgProgram(const std::string& op, const std::string& file) {
+  std::vector<std::string> sources = {"common.h", "reduce.h"};
+  if (file != "argmax.cl") sources.push_back(file);
+  sources.push_back("argmax.cl");
+  return {op + "::arg", sources, "", ""};
+}
+ArgReduceKernel::Program Named(ArgReduceKernel::Program program, const std::string& row,
+                               const std::string& column) {
+  program.row_kernel = row;
+  program.column_kernel = column;
+  return program;
+}
+}  // namespace
+
+ArgMaxKernel::ArgMaxKernel(const ArgMaxOption& option, const TensorOption& input,
+                           const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
+    : ArgReduceKernel("ArgMax", Named(ArgProgram("ArgMax", "argmax.cl"), "argmax_x", "argmax"),
+                      option.dim, option.keepdim, Tensor(input, input_buf, 0),
+                      Tensor(output, output_buf, 0), Tensor()) {}
+
+ArgMinKernel::ArgMinKernel(const ArgMinOption& option, const TensorOption& input,
+                           const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
+    : ArgReduceKernel("ArgMin", Named(ArgProgram("ArgMin", "argmin.cl"), "argmin_x", "argmin"),
+                      option.dim, option.keepdim, Tensor(input, input_buf, 0),
+                      Tensor(output, output_buf, 0), Tensor()) {}
+
+ReduceWithIndicesKernel::ReduceWithIndicesKernel(const ReduceWithIndicesOption& option,
+                                                 const TensorOption& input, const Buffer& input_buf,
+                                                 const TensorOption& values, Buffer& values_buf,
+                                                 const TensorOption& indices, Buffer& indices_buf)
+    : ArgReduceKernel("ReduceWithIndices",
+                      Named(ArgProgram("ReduceWithIndices", "reducewithindices.cl"),
+                            "reduce_with_indices_x", "reduce_with_indices"),
+                      option.dim, option.keepdim, Tensor(input, input_buf, 0),
+                      Tensor(indices, indices_buf, 0), Tensor(values, values_buf, 0)),
+      op_type_(option.op_type) {}
+
+bool ReduceWithIndicesKernel::Verify() const {
+  if (op_type_ != ReduceType::kMax && op_type_ != ReduceType::kMin) {
+    throw std::invalid_argument(StrCat("ReduceWithIndices: op_type ",
+                                       static_cast<uint32_t>(op_type_),
+                                       " is not supported, only kMax (0) or kMin (1)"));
+  }
+  return ArgReduceKernel::Verify();
+}
+
+void ReduceWithIndicesKernel::AddExtraOptions(BuildOption& options) const {
+  options.AddDefinition("OP", op_type_ == ReduceType::kMax ? "MAX" : "MIN");
+}
+
+NERVA_STATIC_REGISTER {
+  auto& module = ClModule::singleton();
+  module.AddKernel<ArgMaxKernel, const ArgMaxOption&, const TensorOption&, const Buffer&,
+                   const TensorOption&, Buffer&>("ArgMax");
+  module.AddKernel<ArgMinKernel, const ArgMinOption&, const TensorOption&, const Buffer&,
+                   const TensorOption&, Buffer&>("ArgMin");
+  module.AddKernel<ReduceWithIndicesKernel, const ReduceWithIndicesOption&, const TensorOption&,
+                   const Buffer&, const TensorOption&, Buffer&, const TensorOption&, Buffer&>(
+      "ReduceWithIndices");
+};
+
+}  // namespace cl
+}  // namespace nerva
