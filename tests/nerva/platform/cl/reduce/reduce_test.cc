@@ -307,6 +307,27 @@ TEST(ClReduceTest, RejectsBadArguments) {
   ExpectReduceError<std::runtime_error>(option, {0, 3}, kFloat, {3}, kFloat, "over zero elements");
 }
 
+TEST(ClReduceTest, AxesPickTheVariant) {
+  auto names = [](std::vector<long> sizes, std::vector<int> axes, ReduceType kind,
+                  std::vector<long> out_sizes) {
+    Tensor input = TestSession().MakeTensor(sizes, kFloat);
+    Tensor output = TestSession().MakeTensor(out_sizes, kFloat);
+    ReduceOption option;
+    option.op_type = kind;
+    option.axes = axes;
+    return UnitNames(Reduce::Create(TestQueue(), option, input.option(), input.storage(),
+                                    output.option(), output.storage()));
+  };
+  using Names = std::vector<std::string>;
+  EXPECT_EQ(names({4096}, {}, ReduceType::kSum, {1}), Names{"reduce_on_row"});
+  EXPECT_EQ(names({4097}, {}, ReduceType::kSum, {1}), (Names{"global_reduce", "reduce_to_scalar"}));
+  EXPECT_EQ(names({4097}, {}, ReduceType::kVar, {1}), Names{"reduce_on_row"});
+  EXPECT_EQ(names({4, 5}, {0}, ReduceType::kMax, {5}), Names{"reduce_on_col"});
+  EXPECT_EQ(names({4, 5, 6}, {1}, ReduceType::kMin, {4, 6}), Names{"reduce_on_y"});
+  EXPECT_EQ(names({4, 5, 6}, {1, 2}, ReduceType::kSum, {4}), Names{"reduce_on_row"});
+  EXPECT_EQ(names({4, 5, 6, 2}, {0, 2, 3}, ReduceType::kSum, {5}), Names{"reduce_on_xz"});
+}
+
 TEST(ClReduceTest, AdjustVecSizeRejectsWideRequests) {
   EXPECT_THROW(AdjustVecSize(17, 100), std::invalid_argument);
   EXPECT_EQ(AdjustVecSize(4, 3), 3);

@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "nerva/platform/cl/cl_test_util.h"
+#include "nerva/platform/cl/kernel_impl.h"
 
 namespace nerva {
 namespace cl {
@@ -154,6 +156,16 @@ inline long Flatten(const std::vector<long>& index, const std::vector<long>& siz
   long flat = 0;
   for (size_t i = 0; i < sizes.size(); ++i) flat = flat * sizes[i] + index[i];
   return flat;
+}
+
+// The device kernel names of a created kernel, in execution order.
+inline std::vector<std::string> UnitNames(const Kernel& kernel) {
+  std::vector<std::string> names;
+  auto impl = std::dynamic_pointer_cast<KernelImpl>(kernel.impl());
+  if (impl) {
+    for (const auto& unit : impl->units()) names.push_back(unit->name());
+  }
+  return names;
 }
 
 }  // namespace testing

@@ -141,6 +141,17 @@ TEST(ClSoftmaxTest, Gradients) {
   RunSoftmaxCase({Op::kSoftmaxBackward, {2, 70}, 1, kHalf}, seed++);
 }
 
+TEST(ClSoftmaxTest, RowLengthPicksTheForm) {
+  auto unit = [](long n) {
+    Tensor x = TestSession().MakeTensor({2, n}, kFloat);
+    return UnitNames(Softmax::Create(TestQueue(), SoftmaxOption{-1}, x.option(), x.storage(),
+                                     x.option(), x.storage()));
+  };
+  EXPECT_EQ(unit(4096), std::vector<std::string>{"softmax_x_online"});
+  EXPECT_EQ(unit(4097), std::vector<std::string>{"softmax_x"});
+  EXPECT_EQ(unit(4095), std::vector<std::string>{"softmax_x"});
+}
+
 TEST(ClSoftmaxTest, RejectsBadArguments) {
   Buffer buffer = TestSession().MakeBuffer(kMemReadWrite, 4096);
   const TensorOption x{Shape({2, 3}), kFloat};
