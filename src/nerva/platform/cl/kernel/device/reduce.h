@@ -57,4 +57,23 @@
  * give -1 for true, scalar ones 1), as an int vector. */
 #define NERVA_TRUTH(N, c) (NERVA_CAT(convert_, NERVA_VEC(int, N))(c) & 1)
 
+/* The p-th power of |x| summed by the p-norms, for any p > 0 (p given at run
+ * time): squares and absolute values for 2 and 1, the power otherwise. The
+ * infinity norm takes max |x| instead (NERVA_NORM_FOLD). */
+inline float nerva_norm_term(float x, float p) {
+  const float a = fabs(x);
+  return p == 2.0f ? a * a : (p == 1.0f ? a : pow(a, p));
+}
+inline float nerva_norm_fold(float acc, float term, float p) {
+  return isinf(p) ? fmax(acc, term) : acc + term;
+}
+/* The norm from the folded terms. */
+inline float nerva_norm_finish(float acc, float p) {
+  return isinf(p) || p == 1.0f ? acc : (p == 2.0f ? sqrt(acc) : pow(acc, 1.0f / p));
+}
+/* The term of x: |x| for the infinity norm, else |x|^p. */
+inline float nerva_norm_value(float x, float p) {
+  return isinf(p) ? fabs(x) : nerva_norm_term(x, p);
+}
+
 #endif /* NERVA_REDUCE_H */

@@ -60,7 +60,11 @@ bool PlanReduce(const std::vector<long>& sizes, const std::vector<int>& axes, bo
 
 ReduceKernel::ReduceKernel(const ReduceOption& option, const TensorOption& input,
                            const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
-    : KernelImpl("Reduce"),
+    : ReduceKernel("Reduce", option, input, input_buf, output, output_buf) {}
+
+ReduceKernel::ReduceKernel(std::string name, const ReduceOption& option, const TensorOption& input,
+                           const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
+    : KernelImpl(std::move(name)),
       option_(option),
       input_(input, input_buf, 0),
       output_(output, output_buf, 0) {}

@@ -50,6 +50,9 @@ class ReduceKernel : public KernelImpl {
   std::string GetInit(DataType type) const;
 
  protected:
+  // A reduction registered under another name (the vector norm).
+  ReduceKernel(std::string name, const ReduceOption& option, const TensorOption& input,
+               const Buffer& input_buf, const TensorOption& output, Buffer& output_buf);
   // Options common to every variant: OP .. VEC_SIZE_LEFTOVER, BLOCK_SIZE.
   BuildOption CommonOptions(int vec_size, long run) const;
   // The kind's switch (-DENABLE_REDUCE_MEAN, ...), if any.
