@@ -20,6 +20,20 @@
 #define NERVA_IS_FLOAT_float 1
 #define NERVA_IS_FLOAT_double 1
 
+/* The share of `items` work items in `count` units, for item `id`: on
+ * devices whose compiler targets the host CPU, where a group's items run one
+ * after the other on one thread, a contiguous chunk (sequential reads);
+ * elsewhere every items-th unit from id (neighbouring items read neighbouring
+ * units together). The fold is the same either way, in another order. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define FOR_SHARE(i, id, count, items)                                        \
+  for (int i = (int)(id) * (((int)(count) + (int)(items) - 1) / (int)(items)),  \
+           i##_end = min((int)(count), i + ((int)(count) + (int)(items) - 1) / (int)(items)); \
+       i < i##_end; ++i)
+#else
+#define FOR_SHARE(i, id, count, items) for (int i = (int)(id); i < (int)(count); i += (int)(items))
+#endif
+
 /* Halving tree over local arrays of BLOCK_SIZE entries. STEP(dst, src) merges
  * entry src into entry dst of every array the caller keeps. Starts with a
  * barrier (so the caller's stores are visible) and ends with one, so every

@@ -60,7 +60,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ARG_KERNEL
   if (lid == 0) {
     for (int k = 0; k < VEC_SIZE_LEFTOVER; ++k) ARG_UPDATE(best[0], best_idx[0], ARG_LOAD(p + k), k);
   }
-  for (int i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const int base = VEC_SIZE_LEFTOVER + i * 4;
     const DECL_VEC_TYPE(DTYPE, 4) v = VLOAD(DTYPE, 4, p + base);
     ARG_UPDATE(best[0], best_idx[0], v.s0, base);

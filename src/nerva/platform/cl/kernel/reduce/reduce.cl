@@ -149,7 +149,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void global_red
   if (gid == 0) FOLD_LEFTOVER(src);
 #endif
   __global const DTYPE* p = src + VEC_SIZE_LEFTOVER;
-  for (uint i = gid; i < mult_of_vector_size; i += stride_x) ACC_ADD(LOAD_VEC(p + i * VEC_SIZE));
+  FOR_SHARE(i, gid, mult_of_vector_size, stride_x) ACC_ADD(LOAD_VEC(p + i * VEC_SIZE));
   GROUP_FOLD(lid);
   if (lid == 0) partial[get_group_id(0)] = LANE_COMBINE(VEC_SIZE, red_buf[0]);
 }
@@ -178,7 +178,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_
   ACC_DECL(VEC_SIZE);
   if (lid == 0) FOLD_LEFTOVER(p);
   p += VEC_SIZE_LEFTOVER;
-  for (int i = lid; i < mult_of_vector_size_x; i += BLOCK_SIZE) ACC_ADD(LOAD_VEC(p + i * VEC_SIZE));
+  FOR_SHARE(i, lid, mult_of_vector_size_x, BLOCK_SIZE) ACC_ADD(LOAD_VEC(p + i * VEC_SIZE));
   GROUP_FOLD(lid);
   if (lid == 0) STORE_ONE(GROUP_RESULT(), TENSOR1D_PTR(dst, DTYPE_OUT, row));
 }
@@ -195,7 +195,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_
     __global const DTYPE* p = TENSOR3D_PTR(src, DTYPE, 0, y, z);
     if (lid == 0) FOLD_LEFTOVER(p);
     p += VEC_SIZE_LEFTOVER;
-    for (int i = lid; i < mult_of_vector_size_x; i += BLOCK_SIZE) {
+    FOR_SHARE(i, lid, mult_of_vector_size_x, BLOCK_SIZE) {
       ACC_ADD(LOAD_VEC(p + i * VEC_SIZE));
     }
   }

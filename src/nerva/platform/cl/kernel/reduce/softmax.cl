@@ -77,7 +77,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   __local SM_VEC sm_red[BLOCK_SIZE];
 
   SM_VEC m = SM_LOAD(p);
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const SM_VEC x = SM_LOAD(p + VEC_SIZE_LEFTOVER + i * VEC_SIZE);
     SM_KEEP(i, x);
     m = fmax(m, x);
@@ -85,7 +85,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   SM_GROUP_MAX(m, row_max)
 
   SM_VEC s = 0.0f;
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const SM_VEC e = NERVA_EXP(SM_INPUT(i) - row_max);
     SM_KEEP_EXP(i, e);
     s += e;
@@ -98,7 +98,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   SM_GROUP_SUM(s, sum)
   const float c = SOFTMAX_SCALE(sum);
 
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     SM_STORE(SM_RESULT(i), q + VEC_SIZE_LEFTOVER + i * VEC_SIZE);
   }
 #if VEC_SIZE_LEFTOVER > 0
@@ -121,7 +121,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
 
   SM_VEC m = -FLT_MAX;
   SM_VEC s = 0.0f;
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const SM_VEC x = SM_LOAD(p + i * VEC_SIZE);
     const SM_VEC m_new = fmax(m, x);
     s = s * NERVA_EXP(m - m_new) + NERVA_EXP(x - m_new);
@@ -130,7 +130,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   SM_GROUP_MAX(m, row_max)
   SM_GROUP_SUM(s * NERVA_EXP(m - row_max), sum)
   const float c = SOFTMAX_SCALE(sum);
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     SM_STORE(SOFTMAX_FROM_X(SM_LOAD(p + i * VEC_SIZE), row_max, c), q + i * VEC_SIZE);
   }
 }

@@ -40,7 +40,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   __global DTYPE_OUT* d = TENSOR2D_PTR(grad_input, DTYPE_OUT, 0, row);
   __local SMB_VEC smb_red[BLOCK_SIZE];
   SMB_VEC s = 0.0f;
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const uint at = VEC_SIZE_LEFTOVER + i * VEC_SIZE;
     s += SMB_TERM(SMB_LOAD(g + at), SMB_LOAD(y + at));
   }
@@ -52,7 +52,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   smb_red[lid] = s;
   GROUP_TREE_REDUCE(lid, SMB_SUM_STEP)
   const float sum = LANE_SUM(VEC_SIZE, smb_red[0]);
-  for (uint i = lid; i < mult_of_vector_size; i += BLOCK_SIZE) {
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const uint at = VEC_SIZE_LEFTOVER + i * VEC_SIZE;
     SMB_STORE(SMB_OUT(SMB_LOAD(g + at), SMB_LOAD(y + at), sum), d + at);
   }
