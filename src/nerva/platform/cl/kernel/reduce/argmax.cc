@@ -24,7 +24,6 @@ ArgReduceKernel::ArgReduceKernel(std::string name, Program program, int dim, boo
 bool ArgReduceKernel::Verify() const {
   CheckType(name(), "input", input_.dtype(), true);
   CheckIndexType(name(), "indices", indices_.dtype());
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "indices", indices_);
   const auto& sizes = input_.shape().sizes();
   if (sizes.empty()) throw std::runtime_error(StrCat(name(), ": input has rank 0"));
@@ -45,6 +44,7 @@ bool ArgReduceKernel::Verify() const {
 
 void ArgReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(indices_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const int dim = NormalizeAxis(name(), dim_, sizes.size());
   const AxisFold fold = FoldAxes(sizes, dim, dim);

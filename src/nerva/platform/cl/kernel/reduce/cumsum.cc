@@ -27,7 +27,6 @@ CumsumKernel::CumsumKernel(const CumsumOption& option, const TensorOption& input
 bool CumsumKernel::Verify() const {
   CheckType(name(), "input", input_.dtype(), true);
   CheckType(name(), "output", output_.dtype(), true);
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "output", output_);
   if (input_.shape().ndim() == 0) throw std::runtime_error("Cumsum: input has rank 0");
   NormalizeAxis(name(), option_.dim, input_.shape().ndim());
@@ -37,6 +36,7 @@ bool CumsumKernel::Verify() const {
 
 void CumsumKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(input_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const int dim = NormalizeAxis(name(), option_.dim, sizes.size());
   const AxisFold fold = FoldAxes(sizes, dim, dim);

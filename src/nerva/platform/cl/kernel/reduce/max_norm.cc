@@ -22,7 +22,6 @@ bool MaxNormKernel::Verify() const {
   CheckType(name(), "weight", weight_.dtype(), false);
   CheckIndexType(name(), "indices", indices_.dtype());
   CheckContiguous(name(), "weight", weight_);
-  CheckContiguous(name(), "indices", indices_);
   if (weight_.shape().ndim() != 2) {
     throw std::runtime_error(StrCat("MaxNorm: weight must be 2-D, got ", weight_.shape()));
   }
@@ -36,6 +35,7 @@ bool MaxNormKernel::Verify() const {
 void MaxNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long count = ElementCount(indices_);
   if (count == 0 || ElementCount(weight_) == 0) return;
+  indices_ = MakeContiguous(*this, session, indices_);
   const long rows = weight_.shape()[0];
   const long row_len = weight_.shape()[1];
   BuildOption options;

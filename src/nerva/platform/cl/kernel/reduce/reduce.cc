@@ -132,7 +132,6 @@ bool ReduceKernel::Verify() const {
   GetOpCode();
   CheckType(name(), "input", input_.dtype(), true);
   CheckType(name(), "output", output_.dtype(), true);
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "output", output_);
   const auto& sizes = input_.shape().sizes();
   if (sizes.empty()) throw std::runtime_error(StrCat(name(), ": input has rank 0"));
@@ -185,6 +184,7 @@ void ReduceKernel::AddKindSwitch(BuildOption& options) const {
 
 void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(output_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const std::vector<int> axes = NormalizeAxes(name(), option_.axes, sizes.size());
   ReducePlan plan;

@@ -137,7 +137,10 @@
 
 #define STORE_ONE(v, p) VSTORE(DTYPE_OUT, 1, CONVERT(DTYPE_OUT, 1, v), p)
 
-#if defined(GLOBAL_REDUCE)
+#if defined(MAKE_CONTIGUOUS)
+/* Only the copy at the end of this text. */
+
+#elif defined(GLOBAL_REDUCE)
 /* Pass one: every item folds each stride_x-th vector; one partial per group. */
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void global_reduce(
     __global const DTYPE* src, __global ACCUM_DTYPE* partial, uint mult_of_vector_size,
@@ -240,4 +243,30 @@ __kernel void reduce_on_y(DECL_TENSOR3D(src), DECL_TENSOR2D(dst), float based_co
   VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR2D_PTR(dst, DTYPE_OUT, col, z));
 }
 #endif
+#endif
+
+#ifdef MAKE_CONTIGUOUS
+/* Copies a strided tensor of up to 8 dimensions into contiguous memory, one
+ * element of ELEM_SIZE bytes per work item; sizes and byte strides are given
+ * outermost first. Every reduction kernel runs it on a non-contiguous input. */
+#define GATHER_T NERVA_CAT(NERVA_GATHER_T_, ELEM_SIZE)
+#define NERVA_GATHER_T_1 uchar
+#define NERVA_GATHER_T_2 ushort
+#define NERVA_GATHER_T_4 uint
+#define NERVA_GATHER_T_8 ulong
+__kernel void make_contiguous(__global const uchar* src, __global GATHER_T* dst, uint offset,
+                              int rank, long8 sizes, long8 strides) {
+  const long id = get_global_id(0);
+  const long size[8] = {sizes.s0, sizes.s1, sizes.s2, sizes.s3,
+                        sizes.s4, sizes.s5, sizes.s6, sizes.s7};
+  const long stride[8] = {strides.s0, strides.s1, strides.s2, strides.s3,
+                          strides.s4, strides.s5, strides.s6, strides.s7};
+  long rest = id;
+  long at = offset;
+  for (int d = rank - 1; d >= 0; --d) {
+    at += (rest % size[d]) * stride[d];
+    rest /= size[d];
+  }
+  dst[id] = *(__global const GATHER_T*)(src + at);
+}
 #endif

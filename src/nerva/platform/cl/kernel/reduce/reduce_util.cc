@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
 #include "nerva/type_traits.h"
 #include "nerva/util.h"
@@ -133,6 +134,35 @@ void CheckIndexType(const std::string& op, const std::string& arg, DataType type
 ClTensor ContiguousView(const Tensor& tensor, const std::vector<long>& sizes, uint32_t step) {
   return ClTensor(Shape(sizes), tensor.dtype(), tensor.storage(), {step},
                   static_cast<uint32_t>(tensor.storage_offset()), true);
+}
+
+Tensor MakeContiguous(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                      const Tensor& tensor) {
+  if (tensor.is_contiguous()) return tensor;
+  const auto& sizes = tensor.shape().sizes();
+  if (sizes.size() > 8) {
+    throw std::invalid_argument(StrCat(kernel.name(), ": input rank ", sizes.size(), " exceeds 8"));
+  }
+  const long count = ElementCount(tensor);
+  const long item = static_cast<long>(TypeTraitsHelper::GetSize(tensor.dtype()));
+  Tensor copy(TensorOption{Shape(sizes), tensor.dtype()},
+              MakeScratchBuffer(session, std::max(count, 1L) * item), 0);
+  if (count == 0) return copy;
+  LongVector8 size_arg{}, stride_arg{};
+  const std::vector<long> strides = tensor.strides_in_bytes();
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    size_arg.value.s[i] = sizes[i];
+    stride_arg.value.s[i] = strides[i];
+  }
+  BuildOption options;
+  options.AddDefinitionAutoType("ELEM_SIZE", item).AddOption("-DMAKE_CONTIGUOUS");
+  kernel
+      .MakeSubKernel(session, "Reduce::contiguous", {"common.h", "reduce.h", "reduce.cl"}, options,
+                     "make_contiguous")
+      ->SetArgs(tensor.storage(), copy.storage(), static_cast<uint32_t>(tensor.storage_offset()),
+                static_cast<int>(sizes.size()), size_arg, stride_arg)
+      .SetGlobal({static_cast<size_t>(count)});
+  return copy;
 }
 
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes) {

@@ -71,6 +71,20 @@ inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LocalMemory&
   return clSetKernelArg(kernel, index++, local.bytes, nullptr);
 }
 
+// Eight 64-bit values passed by value as one long8 argument.
+struct LongVector8 {
+  cl_long8 value;
+};
+inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LongVector8& vector) {
+  return clSetKernelArg(kernel, index++, sizeof(cl_long8), &vector.value);
+}
+
+// `tensor` itself when contiguous; otherwise a contiguous copy in fresh device
+// memory, made by a unit that this call appends to `kernel` (so it runs
+// first). The returned tensor keeps that memory alive.
+Tensor MakeContiguous(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                      const Tensor& tensor);
+
 // Device memory of `bytes` bytes for a kernel's intermediate results.
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes);
 

@@ -25,7 +25,6 @@ bool ReduceWithIndicesMedianKernel::Verify() const {
   CheckType(name(), "input", input_.dtype(), true);
   CheckType(name(), "values", values_.dtype(), true);
   CheckIndexType(name(), "indices", indices_.dtype());
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "values", values_);
   CheckContiguous(name(), "indices", indices_);
   const auto& sizes = input_.shape().sizes();
@@ -44,6 +43,7 @@ bool ReduceWithIndicesMedianKernel::Verify() const {
 
 void ReduceWithIndicesMedianKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(indices_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const int dim = NormalizeAxis(name(), option_.dim, sizes.size());
   const AxisFold fold = FoldAxes(sizes, dim, dim);

@@ -21,7 +21,6 @@ RenormKernel::RenormKernel(const RenormOption& option, const TensorOption& input
 bool RenormKernel::Verify() const {
   CheckType(name(), "input", input_.dtype(), false);
   CheckType(name(), "output", output_.dtype(), false);
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "output", output_);
   if (input_.shape().ndim() < 2) {
     throw std::runtime_error(
@@ -41,6 +40,7 @@ bool RenormKernel::Verify() const {
 
 void RenormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(input_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const int dim = NormalizeAxis(name(), option_.dim, sizes.size());
   const AxisFold fold = FoldAxes(sizes, dim, dim);

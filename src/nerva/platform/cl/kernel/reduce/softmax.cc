@@ -35,7 +35,6 @@ SoftmaxKernel::SoftmaxKernel(std::string name, std::string prefix, std::string p
 bool SoftmaxKernel::Verify() const {
   CheckType(name(), "input", input_.dtype(), false);
   CheckType(name(), "output", output_.dtype(), false);
-  CheckContiguous(name(), "input", input_);
   CheckContiguous(name(), "output", output_);
   if (input_.shape().ndim() == 0) throw std::runtime_error(StrCat(name(), ": input has rank 0"));
   NormalizeAxis(name(), dim_, input_.shape().ndim());
@@ -45,6 +44,7 @@ bool SoftmaxKernel::Verify() const {
 
 void SoftmaxKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(input_) == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
   const auto& sizes = input_.shape().sizes();
   const AxisFold fold = FoldAxes(sizes, NormalizeAxis(name(), dim_, sizes.size()),
                                  NormalizeAxis(name(), dim_, sizes.size()));

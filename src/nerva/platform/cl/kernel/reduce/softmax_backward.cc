@@ -40,8 +40,6 @@ bool SoftmaxBackwardKernel::Verify() const {
     throw std::invalid_argument(StrCat(name(), ": output type ", output_.dtype(),
                                        " differs from grad_output type ", grad_output_.dtype()));
   }
-  CheckContiguous(name(), "grad_output", grad_output_);
-  CheckContiguous(name(), "output", output_);
   CheckContiguous(name(), "grad_input", grad_input_);
   if (grad_output_.shape().ndim() == 0) {
     throw std::runtime_error(StrCat(name(), ": grad_output has rank 0"));
@@ -54,6 +52,8 @@ bool SoftmaxBackwardKernel::Verify() const {
 
 void SoftmaxBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (ElementCount(grad_output_) == 0) return;
+  grad_output_ = MakeContiguous(*this, session, grad_output_);
+  output_ = MakeContiguous(*this, session, output_);
   const auto& sizes = grad_output_.shape().sizes();
   const int dim = NormalizeAxis(name(), dim_, sizes.size());
   const AxisFold fold = FoldAxes(sizes, dim, dim);
