@@ -115,7 +115,8 @@ TEST(ClArgReduceTest, InnermostAndColumnPaths) {
   unsigned seed = 500;
   const Mode modes[] = {Mode::kArgMax, Mode::kArgMin, Mode::kMax, Mode::kMin};
   for (Mode mode : modes) {
-    for (long n : {1L, 3L, 5L, 64L, 4097L}) {
+    // One leftover element on every row length, so the lengths share a build.
+    for (long n : {1L, 5L, 65L, 4097L}) {
       const ArgCase c{mode, {3, n}, -1};
       RunArgCase(c, RoundTrip(RandomValues(3 * n, -50, 50, seed++), kFloat));
     }

@@ -200,10 +200,11 @@ DataType OutputFor(ReduceType kind, DataType in) {
 }
 
 TEST(ClReduceTest, EveryKindOnEveryVariantPath) {
-  // Full two-pass (above 4096), row, column, middle axis, [0,2] and [0,2,3].
+  // Full two-pass (above 4096), row, column, middle axis, [0,2] and [0,2,3];
+  // every run leaves one leftover element, so the paths share builds.
   const std::vector<std::pair<std::vector<long>, std::vector<int>>> paths = {
-      {{3, 1701}, {}},  {{7, 65}, {-1}},     {{63, 5}, {0}},
-      {{3, 7, 5}, {1}}, {{3, 4, 5}, {0, 2}}, {{2, 3, 4, 5}, {0, 2, 3}},
+      {{3, 1699}, {}},  {{7, 65}, {-1}},     {{63, 5}, {0}},
+      {{3, 7, 5}, {1}}, {{3, 4, 5}, {0, 2}}, {{2, 3, 1, 5}, {0, 2, 3}},
   };
   unsigned seed = 1;
   for (ReduceType kind : kAllKinds) {
@@ -220,7 +221,7 @@ TEST(ClReduceTest, FullSumOverLeftoverLengths) {
     RunCase({ReduceType::kSum, {n}, {0}}, seed++);
   }
   RunCase({ReduceType::kMax, {100003}, {}}, seed++);
-  RunCase({ReduceType::kMean, {2, 4097}, {0, 1}, kFloat, kFloat, true}, seed++);
+  RunCase({ReduceType::kMean, {1, 4097}, {0, 1}, kFloat, kFloat, true}, seed++);
 }
 
 TEST(ClReduceTest, TypesAndKeepdim) {
@@ -250,9 +251,9 @@ TEST(ClReduceTest, VarianceCorrectionAndSingleElements) {
 }
 
 TEST(ClReduceTest, MaxAndMinPropagateNaN) {
-  std::vector<double> x = RoundTrip(RandomValues(2 * 70, -5, 5, 400), kFloat);
+  std::vector<double> x = RoundTrip(RandomValues(2 * 69, -5, 5, 400), kFloat);
   x[3] = NAN;  // row 0 only
-  Tensor input = UploadAs(x, {2, 70}, kFloat);
+  Tensor input = UploadAs(x, {2, 69}, kFloat);
   for (ReduceType kind : {ReduceType::kMax, ReduceType::kMin}) {
     Tensor output = MakeOutput({2}, kFloat);
     ReduceOption option;
@@ -262,7 +263,7 @@ TEST(ClReduceTest, MaxAndMinPropagateNaN) {
                                        output.option(), output.storage()));
     const std::vector<double> got = DownloadAs(output);
     EXPECT_TRUE(std::isnan(got[0]));
-    EXPECT_EQ(got[1], ReferenceReduce({x.begin() + 70, x.end()}, {70}, {0}, kind, 1)[0]);
+    EXPECT_EQ(got[1], ReferenceReduce({x.begin() + 69, x.end()}, {69}, {0}, kind, 1)[0]);
   }
 }
 
@@ -323,9 +324,9 @@ TEST(ClReduceTest, AxesPickTheVariant) {
   EXPECT_EQ(names({4097}, {}, ReduceType::kSum, {1}), (Names{"global_reduce", "reduce_to_scalar"}));
   EXPECT_EQ(names({4097}, {}, ReduceType::kVar, {1}), Names{"reduce_on_row"});
   EXPECT_EQ(names({4, 5}, {0}, ReduceType::kMax, {5}), Names{"reduce_on_col"});
-  EXPECT_EQ(names({4, 5, 6}, {1}, ReduceType::kMin, {4, 6}), Names{"reduce_on_y"});
-  EXPECT_EQ(names({4, 5, 6}, {1, 2}, ReduceType::kSum, {4}), Names{"reduce_on_row"});
-  EXPECT_EQ(names({4, 5, 6, 2}, {0, 2, 3}, ReduceType::kSum, {5}), Names{"reduce_on_xz"});
+  EXPECT_EQ(names({4, 5, 5}, {1}, ReduceType::kMin, {4, 5}), Names{"reduce_on_y"});
+  EXPECT_EQ(names({4, 5, 13}, {1, 2}, ReduceType::kSum, {4}), Names{"reduce_on_row"});
+  EXPECT_EQ(names({4, 5, 1, 5}, {0, 2, 3}, ReduceType::kSum, {5}), Names{"reduce_on_xz"});
 }
 
 TEST(ClReduceTest, AdjustVecSizeRejectsWideRequests) {
