@@ -48,7 +48,7 @@ void CumsumKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .AddDefinition("INIT", "0")
       .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize)
       .AddDefinitionAutoType("LOG_BLOCK_SIZE", kLogBlockSize);
-  const std::vector<std::string> sources = {"common.h", "cumsum.cl"};
+  const std::vector<std::string> sources = {"common.h", "reduce.h", "cumsum.cl"};
   if (fold.inner == 1) {
     const std::vector<long> view = {fold.outer, fold.reduced};
     MakeSubKernel(session, "Cumsum::cumsum", sources, options, "cumsum_x")

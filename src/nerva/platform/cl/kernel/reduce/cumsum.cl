@@ -13,11 +13,44 @@
  * cumsum: any other axis; one item per inner column walks the axis.
  */
 // #include "common.h"
+// #include "reduce.h"
 
 #define CS_LOAD(p) CONVERT(ACCUM_DTYPE, 1, VLOAD(DTYPE, 1, p))
 #define CS_STORE(v, p) VSTORE(DTYPE_OUT, 1, CONVERT(DTYPE_OUT, 1, v), p)
 #define CS_TILE (2 * BLOCK_SIZE)
 
+#ifdef NERVA_HOST_CPU_DEVICE
+/* Where a group's items run one after the other on one thread, the tile scan
+ * costs a barrier per step; instead each item scans a contiguous chunk of
+ * the row: chunk totals, an exclusive scan of the BLOCK_SIZE totals by item
+ * 0, then each chunk again from its offset. */
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
+    DECL_TENSOR2D(src), DECL_TENSOR2D(dst), int axis_size) {
+  const int lid = get_local_id(0);
+  const int row = get_global_id(1);
+  __global const DTYPE* p = TENSOR2D_PTR(src, DTYPE, 0, row);
+  __global DTYPE_OUT* q = TENSOR2D_PTR(dst, DTYPE_OUT, 0, row);
+  __local ACCUM_DTYPE chunk_total[BLOCK_SIZE];
+  ACCUM_DTYPE total = (ACCUM_DTYPE)(INIT);
+  FOR_SHARE(i, lid, axis_size, BLOCK_SIZE) total += CS_LOAD(p + i);
+  chunk_total[lid] = total;
+  barrier(CLK_LOCAL_MEM_FENCE);
+  if (lid == 0) {
+    ACCUM_DTYPE running = (ACCUM_DTYPE)(INIT);
+    for (int k = 0; k < BLOCK_SIZE; ++k) {
+      const ACCUM_DTYPE t = chunk_total[k];
+      chunk_total[k] = running;
+      running += t;
+    }
+  }
+  barrier(CLK_LOCAL_MEM_FENCE);
+  total = chunk_total[lid];
+  FOR_SHARE(i, lid, axis_size, BLOCK_SIZE) {
+    total += CS_LOAD(p + i);
+    CS_STORE(total, q + i);
+  }
+}
+#else
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
     DECL_TENSOR2D(src), DECL_TENSOR2D(dst), int axis_size) {
   const int lid = get_local_id(0);
@@ -45,6 +78,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
     barrier(CLK_LOCAL_MEM_FENCE);
   }
 }
+#endif
 
 #ifdef ENABLE_2D_TENSOR
 #define CS_DECL DECL_TENSOR2D

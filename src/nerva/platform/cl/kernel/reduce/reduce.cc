@@ -200,6 +200,8 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const float inv_reduction_size = 1.0f / static_cast<float>(n);
   const int vec = AdjustVecSize(4, plan.run);
   const int vectors = static_cast<int>(plan.run / vec);
+  // Column items: one per vector, the first shifted back over the leftover.
+  const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
   BuildOption options = CommonOptions(vec, plan.run);
   const size_t block = kReduceBlockSize;
   std::shared_ptr<KernelUnit> unit;
@@ -230,8 +232,9 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
       MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_on_col")
           ->SetArgs(ContiguousView(input_, {plan.height, plan.run}, vec),
                     ContiguousView(output_, {plan.run}, vec), based_coeff, inv_reduction_size,
-                    static_cast<int>(plan.height), 1, vectors)
-          .SetGlobal({static_cast<size_t>(plan.run)}, {static_cast<size_t>(vec)});
+                    static_cast<int>(plan.height), 1, column_items)
+          .SetGlobal({static_cast<size_t>(plan.run)}, {static_cast<size_t>(vec)})
+          .SetLocal({block});
       break;
     default:
       options.AddOption("-DREDUCE_ON_3DY");
@@ -240,9 +243,10 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
           ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}, vec),
                     ContiguousView(output_, {plan.outer, plan.run}, vec), based_coeff,
                     inv_reduction_size, static_cast<int>(plan.height), static_cast<int>(plan.outer),
-                    vectors)
+                    column_items)
           .SetGlobal({static_cast<size_t>(plan.run), static_cast<size_t>(plan.outer)},
-                     {static_cast<size_t>(vec)});
+                     {static_cast<size_t>(vec)})
+          .SetLocal({block, 1});
       break;
   }
 }

@@ -209,38 +209,49 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_
 #else /* REDUCE_ON_COL, REDUCE_ON_3DY */
 /* One item per vector of kept columns: walks the `height` reduced rows of
  * the slice at column element `col`. Vectors are shifted back so the last one
- * ends at the row's end (the first overlaps the second). */
+ * ends at the row's end (the first overlaps the second). Groups of BLOCK_SIZE
+ * items (the global size rounded up; items past the `mult_of_vector_size_x`
+ * vectors repeat the last one and store nothing) meet at a barrier after
+ * every COLUMN_ROWS rows: where a group's items run one after the other (CPU
+ * devices), they then take turns on the same rows while these are cached. */
+#define COLUMN_ROWS 32
 #define COLUMN_FOLD(rows_ptr)                                                  \
   ACC_DECL(VEC_SIZE);                                                        \
-  for (int r = 0; r < height; ++r) ACC_ADD(LOAD_VEC(rows_ptr(r)));           \
+  for (int r0 = 0; r0 < height; r0 += COLUMN_ROWS) {                         \
+    const int r1 = min(height, r0 + COLUMN_ROWS);                            \
+    for (int r = r0; r < r1; ++r) ACC_ADD(LOAD_VEC(rows_ptr(r)));            \
+    barrier(CLK_GLOBAL_MEM_FENCE);                                           \
+  }                                                                          \
   const DECL_VEC_TYPE(DTYPE_OUT, VEC_SIZE) res =                             \
       CONVERT(DTYPE_OUT, VEC_SIZE, REDUCE_FINISH(VEC_SIZE, acc, ACC_SQUARES));
 
+#define COLUMN_ITEM() min((int)get_global_id(0), mult_of_vector_size_x - 1)
 #if VEC_SIZE_LEFTOVER == 0
-#define COLUMN_OFFSET() ((int)get_global_id(0) * VEC_SIZE)
+#define COLUMN_OFFSET() (COLUMN_ITEM() * VEC_SIZE)
 #else
-#define COLUMN_OFFSET() VEC_OFFSET(get_global_id(0), VEC_SIZE, VEC_SIZE_LEFTOVER)
+#define COLUMN_OFFSET() VEC_OFFSET(COLUMN_ITEM(), VEC_SIZE, VEC_SIZE_LEFTOVER)
 #endif
+#define COLUMN_STORES() ((int)get_global_id(0) < mult_of_vector_size_x)
 
 #if defined(REDUCE_ON_COL)
-__kernel void reduce_on_col(DECL_TENSOR2D(src), DECL_TENSOR1D(dst), float based_coeff,
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_col(DECL_TENSOR2D(src), DECL_TENSOR1D(dst), float based_coeff,
                             float inv_reduction_size, int height, int channel,
                             int mult_of_vector_size_x) {
   const int col = COLUMN_OFFSET();
 #define ROW_PTR(r) TENSOR2D_PTR(src, DTYPE, col, r)
   COLUMN_FOLD(ROW_PTR)
-  VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR1D_PTR(dst, DTYPE_OUT, col));
+  if (COLUMN_STORES()) VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR1D_PTR(dst, DTYPE_OUT, col));
 }
 #else
 /* y is the reduced axis of an (outer x reduced x inner) view; z the outer index. */
-__kernel void reduce_on_y(DECL_TENSOR3D(src), DECL_TENSOR2D(dst), float based_coeff,
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_y(DECL_TENSOR3D(src), DECL_TENSOR2D(dst), float based_coeff,
                           float inv_reduction_size, int height, int channel,
                           int mult_of_vector_size_x) {
   const int col = COLUMN_OFFSET();
   const int z = get_global_id(1);
 #define ROW_PTR(r) TENSOR3D_PTR(src, DTYPE, col, r, z)
   COLUMN_FOLD(ROW_PTR)
-  VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR2D_PTR(dst, DTYPE_OUT, col, z));
+  if (COLUMN_STORES()) VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR2D_PTR(dst, DTYPE_OUT, col, z));
 }
 #endif
 #endif
