@@ -9,9 +9,11 @@
  * with the tree of "reduce.h". "argmax" (any other axis): one item per kept
  * column walks the axis.
  *
- * A program placed ahead of this text may define ARG_KERNEL_X, ARG_KERNEL
- * and ARG_REPLACE(a, ai, b, bi) (true when candidate b at index bi replaces
- * the best a at index ai); argmin and the max/min with indices do.
+ * A program placed ahead of this text may define ARG_KERNEL_X, ARG_KERNEL,
+ * ARG_REPLACE(a, ai, b, bi) (true when candidate b at index bi replaces the
+ * best a at index ai) and ARG_KEEP_VEC(a, ai, b) (its float4 form for a later
+ * candidate: the lanes where the best a stays); argmin and the max/min with
+ * indices do. Float-register types run the row loop on float4 selects.
  *
  * ArgMax keeps the running best only when it is strictly greater than the
  * candidate: equal values go to the later index, and a NaN never sticks,
@@ -24,6 +26,7 @@
 #define ARG_KERNEL_X argmax_x
 #define ARG_KERNEL argmax
 #define ARG_REPLACE(a, ai, b, bi) (!((a) > (b) || ((a) == (b) && (ai) > (bi))))
+#define ARG_KEEP_VEC(a, ai, b) isgreater(a, b)
 #endif
 
 #if VEC_SIZE != 4
@@ -60,6 +63,22 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ARG_KERNEL
   if (lid == 0) {
     for (int k = 0; k < VEC_SIZE_LEFTOVER; ++k) ARG_UPDATE(best[0], best_idx[0], ARG_LOAD(p + k), k);
   }
+#if NERVA_IS_FLOAT(REG_TYPE(DTYPE))
+  /* Lane-wise selects; a NaN start is replaced by the first candidate. */
+  float4 best_v = (float4)(NAN);
+  int4 best_i = (int4)(-1);
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
+    const int base = VEC_SIZE_LEFTOVER + i * 4;
+    const float4 v = VLOAD(DTYPE, 4, p + base);
+    const int4 keep = ARG_KEEP_VEC(best_v, best_i, v);
+    best_v = select(v, best_v, keep);
+    best_i = select((int4)(base) + (int4)(0, 1, 2, 3), best_i, keep);
+  }
+  ARG_UPDATE(best[0], best_idx[0], best_v.s0, best_i.s0);
+  ARG_UPDATE(best[1], best_idx[1], best_v.s1, best_i.s1);
+  ARG_UPDATE(best[2], best_idx[2], best_v.s2, best_i.s2);
+  ARG_UPDATE(best[3], best_idx[3], best_v.s3, best_i.s3);
+#else
   FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const int base = VEC_SIZE_LEFTOVER + i * 4;
     const DECL_VEC_TYPE(DTYPE, 4) v = VLOAD(DTYPE, 4, p + base);
@@ -68,6 +87,7 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ARG_KERNEL
     ARG_UPDATE(best[2], best_idx[2], v.s2, base + 2);
     ARG_UPDATE(best[3], best_idx[3], v.s3, base + 3);
   }
+#endif
   /* Lane fold: .zw against .xy, then .y against .x. */
   ARG_UPDATE(best[0], best_idx[0], best[2], best_idx[2]);
   ARG_UPDATE(best[1], best_idx[1], best[3], best_idx[3]);

@@ -6,3 +6,4 @@
 #define ARG_KERNEL_X argmin_x
 #define ARG_KERNEL argmin
 #define ARG_REPLACE(a, ai, b, bi) (!((a) < (b) || ((a) == (b) && (ai) > (bi))))
+#define ARG_KEEP_VEC(a, ai, b) isless(a, b)

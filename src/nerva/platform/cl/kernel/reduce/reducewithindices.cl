@@ -11,6 +11,12 @@
 #define RWI_MAX(a, b) ((a) > (b))
 #define RWI_MIN(a, b) ((a) < (b))
 #define RWI_BETTER(a, b) NERVA_CAT(RWI_, OP)(a, b)
+/* float4 form for a later candidate b: a filled lane stays when it is NaN or
+ * at least as good (ties keep the earlier index). */
+#define RWI_KEEP_MAX(a, b) isgreaterequal(a, b)
+#define RWI_KEEP_MIN(a, b) islessequal(a, b)
+#define ARG_KEEP_VEC(a, ai, b) \
+  (((ai) >= 0) & (isnan(a) | NERVA_CAT(RWI_KEEP_, OP)(a, b)))
 #define ARG_REPLACE(a, ai, b, bi)                                              \
   (((b) != (b)) ? ((a) == (a) || (bi) < (ai))                                \
                 : ((a) == (a) && (RWI_BETTER(b, a) || ((a) == (b) && (bi) < (ai)))))
