@@ -121,12 +121,22 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
 
   SM_VEC m = -FLT_MAX;
   SM_VEC s = 0.0f;
+#ifdef NERVA_HOST_CPU_DEVICE
+  /* An item's share is one contiguous chunk, read once from memory: its
+   * maximum first, then the sum from the cache, which is the running update
+   * with a single step (one exponential per element instead of two). */
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) m = fmax(m, SM_LOAD(p + i * VEC_SIZE));
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
+    s += NERVA_EXP(SM_LOAD(p + i * VEC_SIZE) - m);
+  }
+#else
   FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     const SM_VEC x = SM_LOAD(p + i * VEC_SIZE);
     const SM_VEC m_new = fmax(m, x);
     s = s * NERVA_EXP(m - m_new) + NERVA_EXP(x - m_new);
     m = m_new;
   }
+#endif
   SM_GROUP_MAX(m, row_max)
   SM_GROUP_SUM(s * NERVA_EXP(m - row_max), sum)
   const float c = SOFTMAX_SCALE(sum);
