@@ -242,6 +242,23 @@ TEST(ClReduceTest, TypesAndKeepdim) {
   RunCase({ReduceType::kCountNonzero, {4, 5, 6, 2}, {0, 2, 3}, kInt8, kInt32, true}, seed++);
 }
 
+TEST(ClReduceTest, HighRanksFoldToTheirViews) {
+  // Rank 8: a middle run of three axes, and a row of the last four.
+  RunCase({ReduceType::kSum, {2, 1, 3, 1, 2, 1, 1, 5}, {2, 3, 4}}, 250);
+  RunCase({ReduceType::kMax, {2, 1, 3, 1, 1, 13, 1, 5}, {4, 5, 6, 7}, kFloat, kFloat, true}, 251);
+}
+
+TEST(ClReduceTest, EmptyOutputRunsNothing) {
+  Buffer buffer = TestSession().MakeBuffer(kMemReadWrite, 64);
+  ReduceOption option;
+  option.axes = {1};
+  Kernel kernel = Reduce::Create(TestQueue(), option, TensorOption{Shape({0, 3}), kFloat}, buffer,
+                                 TensorOption{Shape({0}), kFloat}, buffer);
+  EXPECT_TRUE(UnitNames(kernel).empty());
+  TestQueue().Enqueue(kernel);
+  TestQueue().Wait();
+}
+
 TEST(ClReduceTest, VarianceCorrectionAndSingleElements) {
   // A full variance never takes the two-pass path; N = 1 gives 0, never 0/0.
   RunCase({ReduceType::kVar, {5000}, {0}}, 300, 1.0f);
