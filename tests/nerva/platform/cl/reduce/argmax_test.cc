@@ -6,6 +6,8 @@
 #include <string>
 
 #include "nerva/platform/cl/kernel/reduce/argmax.h"
+#include "nerva/platform/cl/kernel/reduce/argmin.h"
+#include "nerva/platform/cl/kernel/reduce/reducewithindices.h"
 #include "nerva/platform/cl/reduce/reduce_test_util.h"
 
 namespace nerva {

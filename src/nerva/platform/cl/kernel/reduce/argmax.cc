@@ -78,66 +78,26 @@ void ArgReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
 }
 
-namespace {
-ArgReduceKernel::Program ArgProgram(const std::string& op, const std::string& file) {
+ArgReduceKernel::Program ArgReduceKernel::MakeProgram(const std::string& op,
+                                                      const std::string& file,
+                                                      const std::string& row_kernel,
+                                                      const std::string& column_kernel) {
   std::vector<std::string> sources = {"common.h", "reduce.h"};
   if (file != "argmax.cl") sources.push_back(file);
   sources.push_back("argmax.cl");
-  return {op + "::arg", sources, "", ""};
+  return {op + "::arg", sources, row_kernel, column_kernel};
 }
-ArgReduceKernel::Program Named(ArgReduceKernel::Program program, const std::string& row,
-                               const std::string& column) {
-  program.row_kernel = row;
-  program.column_kernel = column;
-  return program;
-}
-}  // namespace
 
 ArgMaxKernel::ArgMaxKernel(const ArgMaxOption& option, const TensorOption& input,
                            const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
-    : ArgReduceKernel("ArgMax", Named(ArgProgram("ArgMax", "argmax.cl"), "argmax_x", "argmax"),
+    : ArgReduceKernel("ArgMax", MakeProgram("ArgMax", "argmax.cl", "argmax_x", "argmax"),
                       option.dim, option.keepdim, Tensor(input, input_buf, 0),
                       Tensor(output, output_buf, 0), Tensor()) {}
-
-ArgMinKernel::ArgMinKernel(const ArgMinOption& option, const TensorOption& input,
-                           const Buffer& input_buf, const TensorOption& output, Buffer& output_buf)
-    : ArgReduceKernel("ArgMin", Named(ArgProgram("ArgMin", "argmin.cl"), "argmin_x", "argmin"),
-                      option.dim, option.keepdim, Tensor(input, input_buf, 0),
-                      Tensor(output, output_buf, 0), Tensor()) {}
-
-ReduceWithIndicesKernel::ReduceWithIndicesKernel(const ReduceWithIndicesOption& option,
-                                                 const TensorOption& input, const Buffer& input_buf,
-                                                 const TensorOption& values, Buffer& values_buf,
-                                                 const TensorOption& indices, Buffer& indices_buf)
-    : ArgReduceKernel("ReduceWithIndices",
-                      Named(ArgProgram("ReduceWithIndices", "reducewithindices.cl"),
-                            "reduce_with_indices_x", "reduce_with_indices"),
-                      option.dim, option.keepdim, Tensor(input, input_buf, 0),
-                      Tensor(indices, indices_buf, 0), Tensor(values, values_buf, 0)),
-      op_type_(option.op_type) {}
-
-bool ReduceWithIndicesKernel::Verify() const {
-  if (op_type_ != ReduceType::kMax && op_type_ != ReduceType::kMin) {
-    throw std::invalid_argument(StrCat("ReduceWithIndices: op_type ",
-                                       static_cast<uint32_t>(op_type_),
-                                       " is not supported, only kMax (0) or kMin (1)"));
-  }
-  return ArgReduceKernel::Verify();
-}
-
-void ReduceWithIndicesKernel::AddExtraOptions(BuildOption& options) const {
-  options.AddDefinition("OP", op_type_ == ReduceType::kMax ? "MAX" : "MIN");
-}
 
 NERVA_STATIC_REGISTER {
-  auto& module = ClModule::singleton();
-  module.AddKernel<ArgMaxKernel, const ArgMaxOption&, const TensorOption&, const Buffer&,
-                   const TensorOption&, Buffer&>("ArgMax");
-  module.AddKernel<ArgMinKernel, const ArgMinOption&, const TensorOption&, const Buffer&,
-                   const TensorOption&, Buffer&>("ArgMin");
-  module.AddKernel<ReduceWithIndicesKernel, const ReduceWithIndicesOption&, const TensorOption&,
-                   const Buffer&, const TensorOption&, Buffer&, const TensorOption&, Buffer&>(
-      "ReduceWithIndices");
+  ClModule::singleton()
+      .AddKernel<ArgMaxKernel, const ArgMaxOption&, const TensorOption&, const Buffer&,
+                 const TensorOption&, Buffer&>("ArgMax");
 };
 
 }  // namespace cl

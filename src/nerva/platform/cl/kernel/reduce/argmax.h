@@ -30,6 +30,10 @@ class ArgReduceKernel : public KernelImpl {
   void Compile(std::shared_ptr<SessionImpl> session) override;
 
  protected:
+  // The program of an operator: `file` ahead of "argmax.cl" (nothing ahead for
+  // "argmax.cl" itself) and its two kernel names.
+  static Program MakeProgram(const std::string& op, const std::string& file,
+                             const std::string& row_kernel, const std::string& column_kernel);
   // Definitions of the comparison beyond the types (OP for max/min with indices).
   virtual void AddExtraOptions(BuildOption& /*options*/) const {}
 
@@ -47,30 +51,6 @@ class ArgMaxKernel : public ArgReduceKernel {
  public:
   ArgMaxKernel(const ArgMaxOption& option, const TensorOption& input, const Buffer& input_buf,
                const TensorOption& output, Buffer& output_buf);
-};
-
-// torch.argmin(input, dim, keepdim) ("ArgMin"), ties to the later index.
-class ArgMinKernel : public ArgReduceKernel {
- public:
-  ArgMinKernel(const ArgMinOption& option, const TensorOption& input, const Buffer& input_buf,
-               const TensorOption& output, Buffer& output_buf);
-};
-
-// torch.max(input, dim) / torch.min(input, dim) ("ReduceWithIndices"): values
-// of the input's type and int64 (or int32) indices; NaN propagates, ties keep
-// the earlier index.
-class ReduceWithIndicesKernel : public ArgReduceKernel {
- public:
-  ReduceWithIndicesKernel(const ReduceWithIndicesOption& option, const TensorOption& input,
-                          const Buffer& input_buf, const TensorOption& values, Buffer& values_buf,
-                          const TensorOption& indices, Buffer& indices_buf);
-  bool Verify() const override;
-
- protected:
-  void AddExtraOptions(BuildOption& options) const override;
-
- private:
-  ReduceType op_type_;
 };
 
 }  // namespace cl
