@@ -18,12 +18,15 @@
 #define CS_LOAD(p) CONVERT(ACCUM_DTYPE, 1, VLOAD(DTYPE, 1, p))
 #define CS_STORE(v, p) VSTORE(DTYPE_OUT, 1, CONVERT(DTYPE_OUT, 1, v), p)
 #define CS_TILE (2 * BLOCK_SIZE)
+#define CS_VEC NERVA_VEC(ACCUM_DTYPE, 4)
+#define CS_LOAD4(p) CONVERT(ACCUM_DTYPE, 4, VLOAD(DTYPE, 4, p))
+#define CS_STORE4(v, p) VSTORE(DTYPE_OUT, 4, CONVERT(DTYPE_OUT, 4, v), p)
 
 #ifdef NERVA_HOST_CPU_DEVICE
 /* Where a group's items run one after the other on one thread, the tile scan
  * costs a barrier per step; instead each item scans a contiguous chunk of
  * the row: chunk totals, an exclusive scan of the BLOCK_SIZE totals by item
- * 0, then each chunk again from its offset. */
+ * 0, then each chunk again from its offset, four elements at a time. */
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
     DECL_TENSOR2D(src), DECL_TENSOR2D(dst), int axis_size) {
   const int lid = get_local_id(0);
@@ -31,8 +34,14 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
   __global const DTYPE* p = TENSOR2D_PTR(src, DTYPE, 0, row);
   __global DTYPE_OUT* q = TENSOR2D_PTR(dst, DTYPE_OUT, 0, row);
   __local ACCUM_DTYPE chunk_total[BLOCK_SIZE];
-  ACCUM_DTYPE total = (ACCUM_DTYPE)(INIT);
-  FOR_SHARE(i, lid, axis_size, BLOCK_SIZE) total += CS_LOAD(p + i);
+  const int per = (axis_size + BLOCK_SIZE - 1) / BLOCK_SIZE;
+  const int begin = min(axis_size, lid * per);
+  const int end = min(axis_size, begin + per);
+  CS_VEC acc = (CS_VEC)(INIT);
+  int j = begin;
+  for (; j + 4 <= end; j += 4) acc += CS_LOAD4(p + j);
+  ACCUM_DTYPE total = acc.s0 + acc.s1 + acc.s2 + acc.s3;
+  for (; j < end; ++j) total += CS_LOAD(p + j);
   chunk_total[lid] = total;
   barrier(CLK_LOCAL_MEM_FENCE);
   if (lid == 0) {
@@ -45,9 +54,19 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void cumsum_x(
   }
   barrier(CLK_LOCAL_MEM_FENCE);
   total = chunk_total[lid];
-  FOR_SHARE(i, lid, axis_size, BLOCK_SIZE) {
-    total += CS_LOAD(p + i);
-    CS_STORE(total, q + i);
+  /* Four at a time: the in-vector prefix, then the running total added. */
+  for (j = begin; j + 4 <= end; j += 4) {
+    CS_VEC v = CS_LOAD4(p + j);
+    v.s1 += v.s0;
+    v.s3 += v.s2;
+    v.s23 += v.s1;
+    v += total;
+    total = v.s3;
+    CS_STORE4(v, q + j);
+  }
+  for (; j < end; ++j) {
+    total += CS_LOAD(p + j);
+    CS_STORE(total, q + j);
   }
 }
 #else
