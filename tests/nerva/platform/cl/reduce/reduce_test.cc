@@ -94,9 +94,8 @@ struct ReduceCase {
 };
 
 std::string Describe(const ReduceCase& c) {
-  return StrCat("kind ", static_cast<int>(c.kind), " sizes ", Shape(c.sizes), " axes ",
-                Shape(std::vector<long>(c.axes.begin(), c.axes.end())), " in ", c.in, " out ",
-                c.out);
+  return StrCat("kind ", static_cast<int>(c.kind), " sizes ", c.sizes, " axes ", c.axes, " in ",
+                c.in, " out ", c.out);
 }
 
 // Inputs that keep each kind well conditioned: products near 1, logical
