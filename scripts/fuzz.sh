@@ -15,10 +15,17 @@ fi
 
 bash "$root/scripts/build_sanitized.sh" "${targets[@]}"
 source "$root/scripts/sanitizer_env.sh"
+failed=()
 for name in "${targets[@]}"; do
   work="$build/fuzz/work/$name"
   mkdir -p "$work"
   echo "== $name: ${seconds} s"
   "$build/fuzz/$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$build/fuzz/$name-" "$work" "$root/fuzz/corpus/$name"
+    -print_final_stats=1 -artifact_prefix="$build/fuzz/$name-" "$work" "$root/fuzz/corpus/$name" ||
+    failed+=("$name")
 done
+if [ ${#failed[@]} -gt 0 ]; then
+  echo "Fuzz findings in: ${failed[*]} (inputs saved as $build/fuzz/<target>-crash-*)"
+  exit 1
+fi
+echo "Fuzz targets ran ${seconds} s each without a finding"
