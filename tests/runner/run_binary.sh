@@ -27,7 +27,7 @@ while :; do
     echo "$binary stopped outside any test case (exit $rc)"
     break
   fi
-  tail -n 60 "$results.part" | awk -v name="$crashed" '{ print name "\tMSG\t" $0 }' >> "$results"
+  tail -n 200 "$results.part" | awk -v name="$crashed" '{ print name "\tMSG\t" $0 }' >> "$results"
   printf '%s\tCRASH\t\n' "$crashed" >> "$results"
   echo "=== $crashed died (exit $rc); running the cases that are left"
   filter=-$(awk -F'\t' '$2 ~ /^(PASS|FAIL|SKIP|CRASH)$/ { print $1 }' "$results" | paste -sd:)
