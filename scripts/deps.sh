@@ -6,6 +6,9 @@ packages=(
   cmake g++ make pkg-config ccache
   libgtest-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers opencl-clhpp-headers pocl-opencl-icd clinfo
+  # Sanitized build and fuzz targets: clang 15 (its sanitizer and libFuzzer
+  # runtimes come with it; it has _Float16 on x86) and llvm-symbolizer for reports.
+  clang-15 llvm
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and installs nerva into build/install,
-# then builds the main example against the installed package and runs it.
+# then builds the main example against the installed package and runs it
+# (installed libraries and consumers find their libraries without LD_LIBRARY_PATH).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${NERVA_BUILD_DIR:-$root/build}
@@ -13,5 +14,4 @@ cmake --install "$build" --prefix "$build/install" >/dev/null
 cmake -S "$root/examples" -B "$build/examples" -DCMAKE_PREFIX_PATH="$build/install" \
   -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build/examples" -j "$jobs"
-LD_LIBRARY_PATH="$build/install/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
-  "$build/examples/nerva_example"
+"$build/examples/nerva_example"

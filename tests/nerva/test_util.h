@@ -32,3 +32,33 @@
       ADD_FAILURE() << "wrong exception type from " #statement ": " << e.what();     \
     }                                                                                \
   } while (0)
+
+#include <unistd.h>
+
+#include <fstream>
+
+namespace nerva::test {
+
+// Resident memory of this process in bytes (/proc/self/statm), or -1 when unreadable.
+inline long ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  long total_pages = 0, resident_pages = -1;
+  statm >> total_pages >> resident_pages;
+  return resident_pages < 0 ? -1 : resident_pages * sysconf(_SC_PAGESIZE);
+}
+
+// AddressSanitizer keeps freed memory in quarantine, so resident memory is no
+// measure of leaks there; LeakSanitizer checks at exit instead.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kAddressSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr bool kAddressSanitizer = true;
+#else
+inline constexpr bool kAddressSanitizer = false;
+#endif
+#else
+inline constexpr bool kAddressSanitizer = false;
+#endif
+
+}  // namespace nerva::test
