@@ -6,6 +6,7 @@ packages=(
   cmake g++ make pkg-config ccache
   libgtest-dev libbenchmark-dev
   ocl-icd-opencl-dev opencl-headers opencl-clhpp-headers pocl-opencl-icd clinfo
+  libclblast-dev libopenblas-dev
 )
 missing=()
 for p in "${packages[@]}"; do

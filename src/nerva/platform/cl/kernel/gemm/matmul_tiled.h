@@ -1,0 +1,42 @@
+#pragma once
+
+// The fast matrix-product variant ("matmul_tiled.cl", "MatMulTiled") for float
+// and half operands: every work item keeps a block of outputs in registers and
+// the group stages tiles of both operands in local memory. Tile sizes follow
+// the device: big register blocks and one item per group where the compiler
+// targets the host CPU, 16 x 16 groups of 4 x 8 blocks on other devices.
+
+#include <memory>
+
+#include "nerva/kernel/base_option.h"
+#include "nerva/platform/cl/kernel_impl.h"
+
+namespace nerva {
+namespace cl {
+
+// Tile sizes of one build of the tiled program.
+struct MatMulTiles {
+  int wg_x, wg_y;  // work items per group along columns and rows
+  int rows, cols;  // outputs per work item (cols is a vector width)
+  int tile_k;      // depth of the local-memory tiles
+};
+
+class TiledMatMul {
+ public:
+  // The tile sizes for this device.
+  static MatMulTiles ChooseTiles(const SessionImpl& session);
+  // True when the tiled variant serves the product: float/half operands and
+  // output, float accumulation, and a product big enough to gain.
+  static bool Applies(const SessionImpl& session, const ClTensor& mat1, const ClTensor& mat2,
+                      const ClTensor& out, DataType acc);
+  // Appends the launch to `kernel`; `input` is the GEMM-mode input or null.
+  static void Compile(KernelImpl& kernel, std::shared_ptr<SessionImpl> session,
+                      const ClTensor& mat1, const ClTensor& mat2, const ClTensor& out,
+                      const ClTensor* input, const MatMulOption& option);
+  // Forces (1) or forbids (0) the tiled variant regardless of size; -1 restores
+  // the size rule. For tests and benchmarks.
+  static void SetModeForTesting(int mode);
+};
+
+}  // namespace cl
+}  // namespace nerva
