@@ -201,7 +201,25 @@ bool GemmKernel::Verify() const {
                                     " does not match the product's shape ", Shape(expected)));
   }
   VerifyTypes();
+  VerifyBuffer("mat1", mat1_opt_, mat1_);
+  VerifyBuffer("mat2", mat2_opt_, mat2_);
+  if (gemm_mode_) VerifyBuffer("input", input_opt_, input_);
+  VerifyBuffer("output", out_opt_, out_);
   return true;
+}
+
+void GemmKernel::VerifyBuffer(const char* what, const TensorOption& opt,
+                              const Buffer& buffer) const {
+  long last = 0;
+  for (size_t i = 0; i < opt.shape.ndim(); ++i) {
+    if (opt.shape.sizes()[i] == 0) return;
+    last += (opt.shape.sizes()[i] - 1) * opt.shape.strides()[i];
+  }
+  const long bytes = (last + 1) * ItemSize(opt.dtype);
+  if (bytes > buffer.size()) {
+    throw std::runtime_error(StrCat(name(), ": ", what, " of shape ", opt.shape, " addresses ",
+                                    bytes, " bytes, its buffer has ", buffer.size()));
+  }
 }
 
 void GemmKernel::VerifyTypes() const {
@@ -279,33 +297,18 @@ void GemmKernel::Compile(std::shared_ptr<SessionImpl> session) {
                                        " accumulates in double, which the device lacks"));
   }
   const bool fused = option_.fuse_relu || option_.rescale.has_value();
-  if (fused || session->dev_supports_extension("cl_nrv_tensorcore")) {
-    // Only whole products that fold into one 3-D launch are offered to the tensor unit.
-    std::vector<long> sizes;
-    std::vector<std::vector<long>> strides;
-    FoldBatches(&sizes, &strides);
-    if (sizes.size() <= 1 && !gemm_mode_) {
-      const long batch = sizes.empty() ? 1 : sizes[0];
-      const Operand a = Mat1(), b = Mat2();
-      auto view = [&](const Buffer& buf, DataType type, long rows, long cols, long bs, long rs,
-                      long cs) {
-        const long item = ItemSize(type);
-        return MatrixView{buf, type, batch, rows, cols, bs * item, rs * item, cs * item, 0};
-      };
-      const long m = a.sizes[a.sizes.size() - 2], k = a.sizes.back(), n = b.sizes.back();
-      const auto& os = out_opt_.shape.strides();
-      const MatrixView v1 = view(mat1_, mat1_opt_.dtype, m, k, strides.empty() ? 0 : strides[0][0],
-                                 a.strides[a.strides.size() - 2], a.strides.back());
-      const MatrixView v2 = view(mat2_, mat2_opt_.dtype, k, n, strides.empty() ? 0 : strides[1][0],
-                                 b.strides[b.strides.size() - 2], b.strides.back());
-      const long out_rs =
-          mat1_opt_.shape.ndim() > 1 && mat2_opt_.shape.ndim() > 1 ? os[os.size() - 2] : n;
-      const MatrixView vo =
-          view(out_, out_opt_.dtype, m, n, strides.empty() ? 0 : strides[2][0], out_rs, 1);
-      if (TcMatMul::IsSupport(*session, option_, v1, v2, vo, gemm_mode_)) {
-        TcMatMul::CreateClKernel(*this, session, option_, v1, v2, vo);
-        return;
-      }
+  std::vector<long> sizes;
+  std::vector<std::vector<long>> strides;
+  FoldBatches(&sizes, &strides);
+  std::vector<long> batch_strides;
+  for (const auto& s : strides) batch_strides.push_back(s.empty() ? 0 : s[0]);
+  const std::vector<long> no_offsets(strides.size(), 0);
+  // Only products that fold into one 3-D launch are offered to the tensor unit.
+  if (sizes.size() <= 1) {
+    const Views views = MakeViews(sizes.empty() ? 1 : sizes[0], batch_strides, no_offsets);
+    if (TcMatMul::IsSupport(*session, option_, views.mat1, views.mat2, views.out, gemm_mode_)) {
+      TcMatMul::CreateClKernel(*this, session, option_, views.mat1, views.mat2, views.out);
+      return;
     }
   }
   if (fused) throw std::runtime_error("Only tensorcore MatMul support fuse relu and rescale.");
@@ -314,13 +317,7 @@ void GemmKernel::Compile(std::shared_ptr<SessionImpl> session) {
     return;  // an empty output: nothing to compute
   }
   if (SupportBroadcast3D()) {
-    std::vector<long> sizes;
-    std::vector<std::vector<long>> strides;
-    FoldBatches(&sizes, &strides);
-    std::vector<long> batch_strides;
-    for (const auto& s : strides) batch_strides.push_back(s.empty() ? 0 : s[0]);
-    CompileViews(session, sizes.empty() ? 1 : sizes[0], batch_strides,
-                 std::vector<long>(strides.size(), 0));
+    CompileViews(session, sizes.empty() ? 1 : sizes[0], batch_strides, no_offsets);
   } else {
     CompileGenericBroadcast3D(session);
   }
@@ -346,9 +343,8 @@ void GemmKernel::CompileGenericBroadcast3D(std::shared_ptr<SessionImpl> session)
   }
 }
 
-void GemmKernel::CompileViews(std::shared_ptr<SessionImpl> session, long batch,
-                              const std::vector<long>& batch_strides,
-                              const std::vector<long>& offsets) {
+GemmKernel::Views GemmKernel::MakeViews(long batch, const std::vector<long>& batch_strides,
+                                        const std::vector<long>& offsets) const {
   const Operand a = Mat1(), b = Mat2();
   const long m = a.sizes[a.sizes.size() - 2], k = a.sizes.back(), n = b.sizes.back();
   auto view = [&](size_t i, const Buffer& buf, DataType type, long rows, long cols, long row_stride,
@@ -364,30 +360,36 @@ void GemmKernel::CompileViews(std::shared_ptr<SessionImpl> session, long batch,
                       col_stride * item,
                       offsets[i] * item};
   };
-  const MatrixView v1 =
+  Views views;
+  views.mat1 =
       view(0, mat1_, mat1_opt_.dtype, m, k, a.strides[a.strides.size() - 2], a.strides.back());
-  const MatrixView v2 =
+  views.mat2 =
       view(1, mat2_, mat2_opt_.dtype, k, n, b.strides[b.strides.size() - 2], b.strides.back());
-  // The output's row and column strides; a dimension that a 1-D operand removed has one entry.
+  // The output's row and column strides; a dimension that a 1-D operand removed has none.
   const auto& os = out_opt_.shape.strides();
   const size_t orank = os.size();
   const bool has_m = mat1_opt_.shape.ndim() > 1, has_n = mat2_opt_.shape.ndim() > 1;
   const long out_rs = has_m ? os[orank - (has_n ? 2 : 1)] : 0;
   const long out_cs = has_n ? os[orank - 1] : 0;
-  const MatrixView vo = view(2, out_, out_opt_.dtype, m, n, out_rs, out_cs);
-  if (!gemm_mode_) {
-    CompilePart(session, v1, v2, vo, nullptr);
-    return;
+  views.out = view(2, out_, out_opt_.dtype, m, n, out_rs, out_cs);
+  if (gemm_mode_) {
+    const auto& is = input_opt_.shape;
+    const size_t irank = is.ndim();
+    auto in_stride = [&](size_t from_end, long out_size) {
+      if (from_end >= irank) return 0L;
+      const size_t d = irank - 1 - from_end;
+      return is.sizes()[d] == 1 && out_size != 1 ? 0L : is.strides()[d];
+    };
+    views.input = view(3, input_, input_opt_.dtype, m, n, in_stride(1, m), in_stride(0, n));
   }
-  const auto& is = input_opt_.shape;
-  const size_t irank = is.ndim();
-  auto in_stride = [&](size_t from_end, long out_size) {
-    if (from_end >= irank) return 0L;
-    const size_t d = irank - 1 - from_end;
-    return is.sizes()[d] == 1 && out_size != 1 ? 0L : is.strides()[d];
-  };
-  const MatrixView vi = view(3, input_, input_opt_.dtype, m, n, in_stride(1, m), in_stride(0, n));
-  CompilePart(session, v1, v2, vo, &vi);
+  return views;
+}
+
+void GemmKernel::CompileViews(std::shared_ptr<SessionImpl> session, long batch,
+                              const std::vector<long>& batch_strides,
+                              const std::vector<long>& offsets) {
+  const Views v = MakeViews(batch, batch_strides, offsets);
+  CompilePart(session, v.mat1, v.mat2, v.out, gemm_mode_ ? &v.input : nullptr);
 }
 
 long GemmKernel::PartitionLimit(const SessionImpl& session) const {

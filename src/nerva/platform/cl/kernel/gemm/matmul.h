@@ -69,9 +69,18 @@ class GemmKernel : public KernelImpl {
   Operand Mat2() const;
   std::vector<long> ExpectedOutSizes() const;
   void VerifyTypes() const;
+  // Throws when the view addresses bytes beyond its buffer.
+  void VerifyBuffer(const char* what, const TensorOption& opt, const Buffer& buffer) const;
   // Batch sizes of the output and per operand (mat1, mat2, out, input) its
   // element strides for them, merged where they fold.
   void FoldBatches(std::vector<long>* sizes, std::vector<std::vector<long>>* strides) const;
+  struct Views {
+    MatrixView mat1, mat2, out, input;
+  };
+  // The 3-D views of `batch` batches with these batch strides and offsets
+  // (elements, per operand: mat1, mat2, out, input).
+  Views MakeViews(long batch, const std::vector<long>& batch_strides,
+                  const std::vector<long>& offsets) const;
   // The 3-D views for outer batch offsets `outer` (elements, per operand).
   void CompileViews(std::shared_ptr<SessionImpl> session, long batch,
                     const std::vector<long>& batch_strides, const std::vector<long>& offsets);
