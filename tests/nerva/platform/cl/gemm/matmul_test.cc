@@ -183,6 +183,50 @@ TEST(GemmTest, InputBroadcasts) {
   ExpectProduct(c, "transposed with half input");
 }
 
+// The tiled variant against the reference and the generic program on the same operands:
+// ragged edges of its tiles, a depth past one local tile, transposes, batches, half
+// operands and outputs, GEMM mode.
+TEST(MatMulTest, TiledVariantMatchesGeneric) {
+  struct TiledCase {
+    Dims d;
+    DataType a, b, out;
+    bool gemm;
+  };
+  const MatMulTiles tiles = TiledMatMul::ChooseTiles(*TestSessionImpl());
+  const long bm = tiles.wg_y * tiles.rows, bn = tiles.wg_x * tiles.vec * tiles.vecs;
+  const long k_deep = tiles.tile_k + 3;
+  for (const TiledCase& t :
+       {TiledCase{{0, bm + 5, k_deep, bn + 3, false, false}, kFloat, kFloat, kFloat, false},
+        TiledCase{{3, 17, 9, 2 * bn, true, true}, kFloat, kFloat, kFloat, true},
+        TiledCase{{2, bm, 40, 33, false, true}, kHalf, kFloat, kHalf, false},
+        TiledCase{{0, 1, 5, 1, false, false}, kFloat, kFloat, kFloat, false}}) {
+    ProductCase c = FloatCase(t.d, 31);
+    c.mat1 = MakeHost(t.a, c.mat1.sizes, 32);
+    c.mat2 = MakeHost(t.b, c.mat2.sizes, 33);
+    c.out_dtype = t.out;
+    if (t.gemm) {
+      c.input = MakeHost(kFloat, {t.d.n}, 34);
+      c.option.alpha = 1.5f;
+      c.option.beta = -0.5f;
+    }
+    TiledMatMul::SetModeForTesting(1);
+    Kernel kernel;
+    const std::vector<double> tiled = RunDevice(c, &kernel);
+    TiledMatMul::SetModeForTesting(0);
+    const std::vector<double> generic = RunDevice(c);
+    TiledMatMul::SetModeForTesting(-1);
+    const auto& units = std::dynamic_pointer_cast<KernelImpl>(kernel.impl())->units();
+    ASSERT_EQ(units.size(), 1u);
+    EXPECT_EQ(units[0]->name(), "MatMulTiled");
+    const std::vector<double> expected = Reference(c);
+    const double tol = t.out == kHalf ? 1e-2 : 1e-4;
+    for (size_t i = 0; i < expected.size(); ++i) {
+      ASSERT_NEAR(tiled[i], expected[i], tol * (1 + std::fabs(expected[i]))) << Label(t.d) << i;
+      ASSERT_NEAR(tiled[i], generic[i], tol * (1 + std::fabs(expected[i]))) << Label(t.d) << i;
+    }
+  }
+}
+
 // Operands over the (lowered) per-object limit are split by batch or by rows.
 class PartitionLimit {
  public:

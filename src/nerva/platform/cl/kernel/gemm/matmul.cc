@@ -438,7 +438,9 @@ void GemmKernel::CompileBroadcast3D(std::shared_ptr<SessionImpl> session, const 
   const long n = mat2.shape()[2];
   const DataType acc =
       GetAccDtype(static_cast<DataType>(mat1.dtype()), static_cast<DataType>(mat2.dtype()));
-  if (TiledMatMul::Applies(*session, mat1, mat2, out, acc)) {
+  const bool float_input =
+      !input_tensor_ || input_tensor_->dtype() == kFloat || input_tensor_->dtype() == kHalf;
+  if (float_input && TiledMatMul::Applies(*session, mat1, mat2, out, acc)) {
     TiledMatMul::Compile(*this, session, mat1, mat2, out, input_tensor_.get(), option_);
     return;
   }

@@ -3,8 +3,9 @@
 // The fast matrix-product variant ("matmul_tiled.cl", "MatMulTiled") for float
 // and half operands: every work item keeps a block of outputs in registers and
 // the group stages tiles of both operands in local memory. Tile sizes follow
-// the device: big register blocks and one item per group where the compiler
-// targets the host CPU, 16 x 16 groups of 4 x 8 blocks on other devices.
+// the device: where the compiler targets the host CPU, 8 x 32 register blocks
+// reading mat1 straight from memory with a shared local tile of mat2; on other
+// devices 16 x 16 groups of 8 x 8 blocks with both operands in local tiles.
 
 #include <memory>
 
@@ -17,8 +18,10 @@ namespace cl {
 // Tile sizes of one build of the tiled program.
 struct MatMulTiles {
   int wg_x, wg_y;  // work items per group along columns and rows
-  int rows, cols;  // outputs per work item (cols is a vector width)
+  int rows;        // output rows per work item
+  int vec, vecs;   // per item and row: `vecs` vectors of `vec` columns
   int tile_k;      // depth of the local-memory tiles
+  bool a_local;    // stage mat1 in local memory too (else read it as broadcast scalars)
 };
 
 class TiledMatMul {
