@@ -1,6 +1,8 @@
 #include "nerva/platform/cl/kernel/gemm/matmul_tiled.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 
 #include "nerva/platform/cl/kernel/gemm/matrix_view.h"
 #include "nerva/platform/cl/program.h"
@@ -68,9 +70,10 @@ void TiledMatMul::Compile(KernelImpl& kernel, std::shared_ptr<SessionImpl> sessi
   const long batch = out.shape()[0], m = mat1.shape()[1], k = mat1.shape()[2];
   const long n = mat2.shape()[2];
   const bool gemm_mode = input != nullptr;
-  // Contiguous mat2 rows (or a single column) allow vector loads of the tile.
-  const bool n_contig =
-      mat2.strides()[2] == TypeTraitsHelper::GetSize(static_cast<DataType>(mat2.dtype())) || n == 1;
+  // Contiguous rows (or a single column) move as vectors.
+  auto n_contig = [n](const ClTensor& t) {
+    return t.strides()[2] == TypeTraitsHelper::GetSize(static_cast<DataType>(t.dtype())) || n == 1;
+  };
   BuildOption options;
   options.AddDefinition("MAT1_DTYPE", GetDataTypeCode(static_cast<DataType>(mat1.dtype())))
       .AddDefinition("MAT2_DTYPE", GetDataTypeCode(static_cast<DataType>(mat2.dtype())))
@@ -86,7 +89,9 @@ void TiledMatMul::Compile(KernelImpl& kernel, std::shared_ptr<SessionImpl> sessi
       .AddDefinitionAutoType("RN", t.vecs)
       .AddDefinitionAutoType("TK", t.tile_k)
       .AddOptionIf(t.a_local, "-DA_LOCAL")
-      .AddOptionIf(n_contig, "-DMAT2_N_CONTIG");
+      .AddOptionIf(n_contig(mat2), "-DMAT2_N_CONTIG")
+      .AddOptionIf(n_contig(out), "-DOUT_N_CONTIG")
+      .AddOptionIf(gemm_mode && n_contig(*input), "-DIN_N_CONTIG");
   auto unit = kernel.MakeSubKernel(session, ConcatenateStrings("MatMul", "tiled"),
                                    {"common.h", "matmul_tiled.cl"}, options, "MatMulTiled");
   unit->SetArgs(mat1, mat2, out);

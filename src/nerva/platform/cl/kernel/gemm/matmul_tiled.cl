@@ -10,8 +10,9 @@
  * (r * WG_X + tx) * TN ...), so a group covers BM = WG_Y * TM rows and
  * BN = WG_X * TN * RN columns; TK is the depth of a local tile.
  * Switches: A_LOCAL stages mat1 in local memory too (GPUs; CPUs read it
- * straight from memory, as broadcast scalars), MAT2_N_CONTIG (mat2 rows are
- * contiguous: vector loads).
+ * straight from memory, as broadcast scalars); MAT2_N_CONTIG, OUT_N_CONTIG
+ * and IN_N_CONTIG: the rows of mat2, out or input are contiguous, so they
+ * move as vectors.
  *
  * Global ids: 0 column groups (one item per WG_X-th of BN), 1 row groups,
  * 2 batch.
@@ -120,17 +121,36 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
 #pragma unroll
     for (int r = 0; r < RN; ++r) {
       const uint n = n_group + (r * WG_X + tx) * TN;
+#ifdef OUT_N_CONTIG
+      if (n + TN <= N) {
+#if GEMM_MODE
+#ifdef IN_N_CONTIG
+        const ACCV in = VLOAD(IN_DTYPE, TN, TENSOR3D_PTR(input, IN_DTYPE, b, m, n));
+#else
+        float in_lanes[TN];
+        for (int l = 0; l < TN; ++l) {
+          in_lanes[l] = VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(input, IN_DTYPE, b, m, n + l));
+        }
+        const ACCV in = NERVA_LOADN(TN, in_lanes);
+#endif
+        const ACCV value = alpha * acc[i][r] + beta * in;
+#else
+        const ACCV value = acc[i][r];
+#endif
+        VSTORE(OUT_DTYPE, TN, CONVERT(OUT_DTYPE, TN, value), TENSOR3D_PTR(out, OUT_DTYPE, b, m, n));
+        continue;
+      }
+#endif
       float lanes[TN];
       NERVA_STOREN(TN, acc[i][r], lanes);
       for (int l = 0; l < TN && n + l < N; ++l) {
 #if GEMM_MODE
-        const float value = alpha * lanes[l] +
-                            beta * VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(input, IN_DTYPE, b, m, n + l));
+        const float value =
+            alpha * lanes[l] + beta * VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(input, IN_DTYPE, b, m, n + l));
 #else
         const float value = lanes[l];
 #endif
-        VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, value),
-               TENSOR3D_PTR(out, OUT_DTYPE, b, m, n + l));
+        VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, value), TENSOR3D_PTR(out, OUT_DTYPE, b, m, n + l));
       }
     }
   }
