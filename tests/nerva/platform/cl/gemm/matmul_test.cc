@@ -227,6 +227,23 @@ TEST(MatMulTest, TiledVariantMatchesGeneric) {
   }
 }
 
+// The tiles other devices use (both operands staged, 16 x 16 groups), run here.
+TEST(MatMulTest, TiledVariantWithGroupTiles) {
+  const MatMulTiles gpu{16, 16, 8, 4, 2, 16, true};
+  TiledMatMul::SetTilesForTesting(&gpu);
+  TiledMatMul::SetModeForTesting(1);
+  ProductCase c = FloatCase({2, 130, 37, 70, true, false}, 41);
+  c.input = MakeHost(kFloat, {130, 1}, 42);
+  c.option.beta = 2.0f;
+  const std::vector<double> tiled = RunDevice(c);
+  TiledMatMul::SetModeForTesting(-1);
+  TiledMatMul::SetTilesForTesting(nullptr);
+  const std::vector<double> expected = Reference(c);
+  for (size_t i = 0; i < expected.size(); ++i) {
+    ASSERT_NEAR(tiled[i], expected[i], 1e-4 * (1 + std::fabs(expected[i]))) << i;
+  }
+}
+
 // Operands over the (lowered) per-object limit are split by batch or by rows.
 class PartitionLimit {
  public:

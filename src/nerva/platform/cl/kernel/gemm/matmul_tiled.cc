@@ -1,8 +1,7 @@
 #include "nerva/platform/cl/kernel/gemm/matmul_tiled.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <optional>
 
 #include "nerva/platform/cl/kernel/gemm/matrix_view.h"
 #include "nerva/platform/cl/program.h"
@@ -14,6 +13,7 @@ namespace cl {
 
 namespace {
 int g_mode_for_testing = -1;
+std::optional<MatMulTiles> g_tiles_for_testing;
 
 bool FloatLike(int type) {
   return type == kFloat || type == kHalf;
@@ -27,7 +27,13 @@ void TiledMatMul::SetModeForTesting(int mode) {
   g_mode_for_testing = mode;
 }
 
+void TiledMatMul::SetTilesForTesting(const MatMulTiles* tiles) {
+  g_tiles_for_testing.reset();
+  if (tiles) g_tiles_for_testing = *tiles;
+}
+
 MatMulTiles TiledMatMul::ChooseTiles(const SessionImpl& session) {
+  if (g_tiles_for_testing) return *g_tiles_for_testing;
   const auto type = session.device().getInfo<CL_DEVICE_TYPE>();
   MatMulTiles tiles = (type & CL_DEVICE_TYPE_CPU) ? MatMulTiles{1, 8, 8, 16, 2, 128, false}
                                                   : MatMulTiles{16, 16, 8, 4, 2, 16, true};

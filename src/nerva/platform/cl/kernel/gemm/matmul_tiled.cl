@@ -145,12 +145,13 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
       NERVA_STOREN(TN, acc[i][r], lanes);
       for (int l = 0; l < TN && n + l < N; ++l) {
 #if GEMM_MODE
-        const float value =
-            alpha * lanes[l] + beta * VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(input, IN_DTYPE, b, m, n + l));
+        const float value = alpha * lanes[l] +
+                            beta * VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(input, IN_DTYPE, b, m, n + l));
 #else
         const float value = lanes[l];
 #endif
-        VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, value), TENSOR3D_PTR(out, OUT_DTYPE, b, m, n + l));
+        VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, value),
+               TENSOR3D_PTR(out, OUT_DTYPE, b, m, n + l));
       }
     }
   }

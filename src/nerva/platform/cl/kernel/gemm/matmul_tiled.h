@@ -39,6 +39,8 @@ class TiledMatMul {
   // Forces (1) or forbids (0) the tiled variant regardless of size; -1 restores
   // the size rule. For tests and benchmarks.
   static void SetModeForTesting(int mode);
+  // Replaces the device's tile choice (null restores it). For tests and tuning.
+  static void SetTilesForTesting(const MatMulTiles* tiles);
 };
 
 }  // namespace cl
