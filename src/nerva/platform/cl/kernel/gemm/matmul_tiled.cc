@@ -35,7 +35,7 @@ void TiledMatMul::SetTilesForTesting(const MatMulTiles* tiles) {
 MatMulTiles TiledMatMul::ChooseTiles(const SessionImpl& session) {
   if (g_tiles_for_testing) return *g_tiles_for_testing;
   const auto type = session.device().getInfo<CL_DEVICE_TYPE>();
-  MatMulTiles tiles = (type & CL_DEVICE_TYPE_CPU) ? MatMulTiles{1, 8, 8, 16, 2, 128, false}
+  MatMulTiles tiles = (type & CL_DEVICE_TYPE_CPU) ? MatMulTiles{1, 32, 8, 16, 2, 128, false}
                                                   : MatMulTiles{16, 16, 8, 4, 2, 16, true};
   // Fit the group and its tiles into the device's limits.
   auto local_bytes = [](const MatMulTiles& t) {

@@ -92,7 +92,8 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
 #endif
     barrier(CLK_LOCAL_MEM_FENCE);
 
-    for (uint kk = 0; kk < depth; ++kk) {
+    /* Items whose rows all lie past M only help to stage. */
+    for (uint kk = 0; kk < (m0 < M ? depth : 0); ++kk) {
       ACCV bv[RN];
 #pragma unroll
       for (int r = 0; r < RN; ++r) {

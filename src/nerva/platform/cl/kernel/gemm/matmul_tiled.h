@@ -4,7 +4,7 @@
 // and half operands: every work item keeps a block of outputs in registers and
 // the group stages tiles of both operands in local memory. Tile sizes follow
 // the device: where the compiler targets the host CPU, 8 x 32 register blocks
-// reading mat1 straight from memory with a shared local tile of mat2; on other
+// reading mat1 straight from memory, 32 items sharing a local tile of mat2; on other
 // devices 16 x 16 groups of 8 x 8 blocks with both operands in local tiles.
 
 #include <memory>
