@@ -124,6 +124,16 @@ TEST(MatMulTest, EmptyOutputRunsNothing) {
   EXPECT_TRUE(std::dynamic_pointer_cast<KernelImpl>(kernel.impl())->units().empty());
 }
 
+TEST(MatMulTest, ZeroDepthGivesBetaTimesInput) {
+  ProductCase c;
+  c.mat1 = MakeHost(kFloat, {3, 0}, 1);
+  c.mat2 = MakeHost(kFloat, {0, 4}, 2);
+  c.input = MakeHost(kFloat, {3, 4}, 3);
+  c.option.beta = 3.0f;
+  ExpectProduct(c, "K = 0");
+  EXPECT_NEAR(Reference(c)[5], 3.0 * c.input->data[5], 1e-6);
+}
+
 TEST(MatMulTest, TypePairs) {
   GenericOnly generic;
   struct TypeCase {
