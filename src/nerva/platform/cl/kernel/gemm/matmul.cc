@@ -201,6 +201,13 @@ bool GemmKernel::Verify() const {
                                     " does not match the product's shape ", Shape(expected)));
   }
   VerifyTypes();
+  for (const TensorOption* opt : {&mat1_opt_, &mat2_opt_, &out_opt_, &input_opt_}) {
+    const auto& strides = opt->shape.strides();
+    if (std::any_of(strides.begin(), strides.end(), [](long s) { return s < 0; })) {
+      throw std::invalid_argument(
+          StrCat(name(), ": negative strides are not supported: ", Shape(strides)));
+    }
+  }
   VerifyBuffer("mat1", mat1_opt_, mat1_);
   VerifyBuffer("mat2", mat2_opt_, mat2_);
   if (gemm_mode_) VerifyBuffer("input", input_opt_, input_);
@@ -411,15 +418,16 @@ void GemmKernel::CompilePart(std::shared_ptr<SessionImpl> session, const MatrixV
   }
   const TensorPartitioner partitioner =
       TensorPartitioner::Make(out.batch, out.rows, operands, limit);
-  if (partitioner.num_parts() == 1) {
-    input_tensor_.reset(input ? new ClTensor(input->ToClTensor()) : nullptr);
-    CompileBroadcast3D(session, mat1.ToClTensor(), mat2.ToClTensor(), out.ToClTensor());
-    return;
-  }
+  // Device offsets are 32-bit: views that end past 4 GiB also move to sub-buffers.
+  const bool whole = partitioner.num_parts() == 1 &&
+                     std::all_of(views.begin(), views.end(), [](const MatrixView* v) {
+                       return v->offset + v->Extent() <= static_cast<long>(UINT32_MAX);
+                     });
   const long align =
       static_cast<long>(session->device().getInfo<CL_DEVICE_MEM_BASE_ADDR_ALIGN>() / 8);
   for (const auto& part : partitioner.parts()) {
     auto cut = [&](const MatrixView& v, bool by_rows) {
+      if (whole) return v;
       return v
           .Part(part.batch_begin, part.batch_end, by_rows ? part.row_begin : 0,
                 by_rows ? part.row_end : v.rows)
