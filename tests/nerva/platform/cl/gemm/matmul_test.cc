@@ -59,6 +59,26 @@ INSTANTIATE_TEST_SUITE_P(
                       Dims{5, 9, 65, 8, false, true}, Dims{3, 65, 8, 7, true, true},
                       Dims{0, 1, 257, 1, true, true}));
 
+// 4 batches of 8 x 8 x 8: both operands aligned, one group of 8 x 8 x 4 items.
+TEST(MatMulTest, AlignedProductIsOneGroup) {
+  GenericOnly generic;
+  ProductCase c = FloatCase({4, 8, 8, 8, false, false}, 5);
+  Kernel kernel;
+  RunDevice(c, &kernel);
+  const auto& units = std::dynamic_pointer_cast<KernelImpl>(kernel.impl())->units();
+  ASSERT_EQ(units.size(), 1u);
+  EXPECT_EQ(units[0]->name(), "MatMul");
+  EXPECT_EQ(units[0]->global()[0], 8u);
+  EXPECT_EQ(units[0]->global()[1], 8u);
+  EXPECT_EQ(units[0]->global()[2], 4u);
+  EXPECT_EQ(units[0]->local()[2], 4u);
+  const std::string key =
+      "MatMul::generic( -DTILE_M=8 -DTILE_N=8 -DMAT1_DTYPE=float -DMAT2_DTYPE=float "
+      "-DACC_DTYPE=float -DOUT_DTYPE=float -DGEMM_MODE=0 -DMAT1_IS_ALIGNED -DMAT2_IS_ALIGNED "
+      "-DOPENCL_DOT4_ENABLED)";
+  EXPECT_TRUE(TestSessionImpl()->TryLoadCachedProgram(key)) << key;
+}
+
 TEST(MatMulTest, OneDimensionalOperands) {
   GenericOnly generic;
   ProductCase c;
