@@ -9,6 +9,8 @@ packages=(
   # Sanitized build and fuzz targets: clang 15 (its sanitizer and libFuzzer
   # runtimes come with it; it has _Float16 on x86) and llvm-symbolizer for reports.
   clang-15 llvm
+  # Peers of the GEMM benchmark (loaded at run time, skipped when absent).
+  libclblast-dev libopenblas-dev
 )
 missing=()
 for p in "${packages[@]}"; do
