@@ -1,0 +1,168 @@
+/*
+ * Counter-based Philox-4x32-10 generator shared by the random programs.
+ *
+ * A stream is (seed, subsequence, offset): the key is the seed's two words,
+ * the counter is (offset lo, offset hi, subsequence lo, subsequence hi), and
+ * the first output block is the ten-round image of that counter. Each later
+ * block is the ten-round image of the previous block. Every work item uses its
+ * global id as the subsequence, so results do not depend on scheduling.
+ *
+ * Floating conversions are kept free of fused multiply-adds so that every
+ * device produces the same bits (and a host model can reproduce them).
+ */
+#ifndef NERVA_RANDOM_H
+#define NERVA_RANDOM_H
+
+#pragma OPENCL FP_CONTRACT OFF
+
+#define PHILOX10A 0x9E3779B9u
+#define PHILOX10B 0xBB67AE85u
+#define PHILOXSA 0xD2511F53u
+#define PHILOXSB 0xCD9E8D57u
+#define RAN_INV_M32 2.3283064e-10f
+#define RAND_2POW32_INV 2.3283064e-10f
+#define RAND_2POW32_INV_2PI (2.3283064e-10f * 6.2831855f)
+#define RAND_EXTRA_FLAG_NONE 0
+#define RAND_EXTRA_FLAG_NORMAL 1
+#define RAND_EXTRA_FLAG_LOG_NORMAL 2
+
+/* The generator arguments of every random kernel: seed and launch offset. */
+#define DECL_PHILOX_STATE ulong philox_args_seed, ulong philox_args_offset
+
+typedef struct {
+  uchar stat;           /* next word (0-3) of ctr to hand out */
+  uint2 key;
+  uint4 ctr;            /* current output block */
+  int boxmuller_flag;   /* RAND_EXTRA_FLAG_*: what boxmuller_extra holds */
+  float boxmuller_extra;
+} philox4x32_state_t;
+
+inline uint4 philox4x32_round(uint4 c, uint2 k) {
+  const uint hi_b = mul_hi(PHILOXSB, c.z), lo_b = PHILOXSB * c.z;
+  const uint hi_a = mul_hi(PHILOXSA, c.x), lo_a = PHILOXSA * c.x;
+  return (uint4)(hi_b ^ c.y ^ k.x, lo_b, hi_a ^ c.w ^ k.y, lo_a);
+}
+
+inline uint4 philox4x32_10(uint4 c, uint2 k) {
+  c = philox4x32_round(c, k);
+  for (int i = 0; i < 9; ++i) {
+    k += (uint2)(PHILOX10A, PHILOX10B);
+    c = philox4x32_round(c, k);
+  }
+  return c;
+}
+
+inline void rand_init(ulong seed, ulong subsequence, ulong offset, philox4x32_state_t *state) {
+  state->key = (uint2)((uint)seed, (uint)(seed >> 32));
+  state->ctr = philox4x32_10(
+      (uint4)((uint)offset, (uint)(offset >> 32), (uint)subsequence, (uint)(subsequence >> 32)),
+      state->key);
+  state->stat = 0;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+  state->boxmuller_extra = 0.0f;
+}
+
+inline uint philox_word(uint4 block, uint i) {
+  return i == 0 ? block.x : (i == 1 ? block.y : (i == 2 ? block.z : block.w));
+}
+
+inline uint rand(philox4x32_state_t *state) {
+  const uint r = philox_word(state->ctr, state->stat);
+  if (++state->stat == 4) {
+    state->ctr = philox4x32_10(state->ctr, state->key);
+    state->stat = 0;
+  }
+  return r;
+}
+
+/* Four words from `stat` on; always moves to the next block, `stat` unchanged. */
+inline uint4 rand4(philox4x32_state_t *state) {
+  const uint4 cur = state->ctr;
+  const uint4 next = philox4x32_10(cur, state->key);
+  state->ctr = next;
+  switch (state->stat) {
+    case 1:
+      return (uint4)(cur.y, cur.z, cur.w, next.x);
+    case 2:
+      return (uint4)(cur.z, cur.w, next.x, next.y);
+    case 3:
+      return (uint4)(cur.w, next.x, next.y, next.z);
+    default:
+      return cur;
+  }
+}
+
+/* word * 2^-32 + 2^-33: inside (0, 1), rounding to 1.0f for the top words. */
+inline float uniform_from_word(uint x) {
+  const float scaled = (float)x * RAND_2POW32_INV;
+  return scaled + RAND_2POW32_INV / 2.0f;
+}
+
+inline float4 uniform4_from_words(uint4 x) {
+  return (float4)(uniform_from_word(x.x), uniform_from_word(x.y), uniform_from_word(x.z),
+                  uniform_from_word(x.w));
+}
+
+inline float rand_uniform(philox4x32_state_t *state) { return uniform_from_word(rand(state)); }
+
+inline float4 rand_uniform4(philox4x32_state_t *state) {
+  return uniform4_from_words(rand4(state));
+}
+
+/* Box-Muller on two words: (sin(v) * s, cos(v) * s). */
+inline float2 box_muller(uint x, uint y) {
+  const float u = uniform_from_word(x);
+  const float v = (float)y * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f;
+  const float s = sqrt(-2.0f * log(u));
+  return (float2)(sin(v) * s, cos(v) * s);
+}
+
+inline float rand_normal(philox4x32_state_t *state) {
+  if (state->boxmuller_flag == RAND_EXTRA_FLAG_NORMAL) {
+    state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+    return state->boxmuller_extra;
+  }
+  const uint x = rand(state);
+  const float2 pair = box_muller(x, rand(state));
+  state->boxmuller_extra = pair.y;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_NORMAL;
+  return pair.x;
+}
+
+inline float4 rand_normal4(philox4x32_state_t *state) {
+  const uint4 w = rand4(state);
+  return (float4)(box_muller(w.x, w.y), box_muller(w.z, w.w));
+}
+
+inline float rand_log_normal(philox4x32_state_t *state, float mean, float stddev) {
+  if (state->boxmuller_flag == RAND_EXTRA_FLAG_LOG_NORMAL) {
+    state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+    return exp(mean + stddev * state->boxmuller_extra);
+  }
+  const uint x = rand(state);
+  const float2 pair = box_muller(x, rand(state));
+  state->boxmuller_extra = pair.y;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_LOG_NORMAL;
+  return exp(mean + stddev * pair.x);
+}
+
+inline float4 rand_log_normal4(philox4x32_state_t *state, float mean, float stddev) {
+  return exp(mean + stddev * rand_normal4(state));
+}
+
+/* First element of this work item's vector in a flat output of VEC_SIZE-wide
+ * vectors (the first two overlap when there is a leftover). */
+#if defined(VEC_SIZE) && defined(VEC_SIZE_LEFTOVER) && VEC_SIZE_LEFTOVER != 0
+#define RANDOM_WI_OFFSET VEC_OFFSET(get_global_id(0), VEC_SIZE, VEC_SIZE_LEFTOVER)
+#else
+#define RANDOM_WI_OFFSET (get_global_id(0) * VEC_SIZE)
+#endif
+
+/* The first N lanes of a 4-lane vector. */
+#define RANDOM_LANES(N, v) NERVA_CAT(RANDOM_LANES_, N)(v)
+#define RANDOM_LANES_1(v) (v).x
+#define RANDOM_LANES_2(v) (v).xy
+#define RANDOM_LANES_3(v) (v).xyz
+#define RANDOM_LANES_4(v) (v)
+
+#endif /* NERVA_RANDOM_H */
