@@ -29,6 +29,10 @@
 /* The generator arguments of every random kernel: seed and launch offset. */
 #define DECL_PHILOX_STATE ulong philox_args_seed, ulong philox_args_offset
 
+/* Every helper is inlined: CPU devices vectorise a kernel across work items
+ * only when it makes no calls. */
+#define RANDOM_INLINE inline __attribute__((always_inline))
+
 typedef struct {
   uchar stat;           /* next word (0-3) of ctr to hand out */
   uint2 key;
@@ -37,22 +41,38 @@ typedef struct {
   float boxmuller_extra;
 } philox4x32_state_t;
 
-inline uint4 philox4x32_round(uint4 c, uint2 k) {
-  const uint hi_b = mul_hi(PHILOXSB, c.z), lo_b = PHILOXSB * c.z;
-  const uint hi_a = mul_hi(PHILOXSA, c.x), lo_a = PHILOXSA * c.x;
-  return (uint4)(hi_b ^ c.y ^ k.x, lo_b, hi_a ^ c.w ^ k.y, lo_a);
-}
-
-inline uint4 philox4x32_10(uint4 c, uint2 k) {
-  c = philox4x32_round(c, k);
-  for (int i = 0; i < 9; ++i) {
-    k += (uint2)(PHILOX10A, PHILOX10B);
-    c = philox4x32_round(c, k);
+/* One round on scalar words (CPU devices vectorise scalar code across work
+ * items): (hi(SB * c.z) ^ c.y ^ k.x, lo(SB * c.z), hi(SA * c.x) ^ c.w ^ k.y,
+ * lo(SA * c.x)). */
+#define PHILOX_ROUND(c0, c1, c2, c3, k0, k1)                                   \
+  {                                                                          \
+    const ulong pa = (ulong)PHILOXSA * c0, pb = (ulong)PHILOXSB * c2;        \
+    const uint n0 = (uint)(pb >> 32) ^ c1 ^ k0, n2 = (uint)(pa >> 32) ^ c3 ^ k1; \
+    c0 = n0;                                                                 \
+    c1 = (uint)pb;                                                           \
+    c2 = n2;                                                                 \
+    c3 = (uint)pa;                                                           \
   }
-  return c;
+
+RANDOM_INLINE uint4 philox4x32_round(uint4 c, uint2 k) {
+  uint c0 = c.x, c1 = c.y, c2 = c.z, c3 = c.w;
+  PHILOX_ROUND(c0, c1, c2, c3, k.x, k.y)
+  return (uint4)(c0, c1, c2, c3);
 }
 
-inline void rand_init(ulong seed, ulong subsequence, ulong offset, philox4x32_state_t *state) {
+/* A round, then nine times: key += (PHILOX10A, PHILOX10B) and a round. */
+RANDOM_INLINE uint4 philox4x32_10(uint4 c, uint2 k) {
+  uint c0 = c.x, c1 = c.y, c2 = c.z, c3 = c.w, k0 = k.x, k1 = k.y;
+#pragma unroll
+  for (int i = 0; i < 10; ++i) {
+    PHILOX_ROUND(c0, c1, c2, c3, k0, k1)
+    k0 += PHILOX10A;
+    k1 += PHILOX10B;
+  }
+  return (uint4)(c0, c1, c2, c3);
+}
+
+RANDOM_INLINE void rand_init(ulong seed, ulong subsequence, ulong offset, philox4x32_state_t *state) {
   state->key = (uint2)((uint)seed, (uint)(seed >> 32));
   state->ctr = philox4x32_10(
       (uint4)((uint)offset, (uint)(offset >> 32), (uint)subsequence, (uint)(subsequence >> 32)),
@@ -62,11 +82,11 @@ inline void rand_init(ulong seed, ulong subsequence, ulong offset, philox4x32_st
   state->boxmuller_extra = 0.0f;
 }
 
-inline uint philox_word(uint4 block, uint i) {
+RANDOM_INLINE uint philox_word(uint4 block, uint i) {
   return i == 0 ? block.x : (i == 1 ? block.y : (i == 2 ? block.z : block.w));
 }
 
-inline uint rand(philox4x32_state_t *state) {
+RANDOM_INLINE uint rand(philox4x32_state_t *state) {
   const uint r = philox_word(state->ctr, state->stat);
   if (++state->stat == 4) {
     state->ctr = philox4x32_10(state->ctr, state->key);
@@ -76,7 +96,7 @@ inline uint rand(philox4x32_state_t *state) {
 }
 
 /* Four words from `stat` on; always moves to the next block, `stat` unchanged. */
-inline uint4 rand4(philox4x32_state_t *state) {
+RANDOM_INLINE uint4 rand4(philox4x32_state_t *state) {
   const uint4 cur = state->ctr;
   const uint4 next = philox4x32_10(cur, state->key);
   state->ctr = next;
@@ -93,31 +113,38 @@ inline uint4 rand4(philox4x32_state_t *state) {
 }
 
 /* word * 2^-32 + 2^-33: inside (0, 1), rounding to 1.0f for the top words. */
-inline float uniform_from_word(uint x) {
-  const float scaled = (float)x * RAND_2POW32_INV;
+/* (float)x, rounded to nearest even, from two exact 16-bit halves: one
+ * rounding in the sum. Signed conversions vectorise on CPU devices where the
+ * unsigned one does not. */
+RANDOM_INLINE float word_to_float(uint x) {
+  return (float)(int)(x >> 16) * 65536.0f + (float)(int)(x & 0xFFFFu);
+}
+
+RANDOM_INLINE float uniform_from_word(uint x) {
+  const float scaled = word_to_float(x) * RAND_2POW32_INV;
   return scaled + RAND_2POW32_INV / 2.0f;
 }
 
-inline float4 uniform4_from_words(uint4 x) {
+RANDOM_INLINE float4 uniform4_from_words(uint4 x) {
   return (float4)(uniform_from_word(x.x), uniform_from_word(x.y), uniform_from_word(x.z),
                   uniform_from_word(x.w));
 }
 
-inline float rand_uniform(philox4x32_state_t *state) { return uniform_from_word(rand(state)); }
+RANDOM_INLINE float rand_uniform(philox4x32_state_t *state) { return uniform_from_word(rand(state)); }
 
-inline float4 rand_uniform4(philox4x32_state_t *state) {
+RANDOM_INLINE float4 rand_uniform4(philox4x32_state_t *state) {
   return uniform4_from_words(rand4(state));
 }
 
 /* Box-Muller on two words: (sin(v) * s, cos(v) * s). */
-inline float2 box_muller(uint x, uint y) {
+RANDOM_INLINE float2 box_muller(uint x, uint y) {
   const float u = uniform_from_word(x);
-  const float v = (float)y * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f;
+  const float v = word_to_float(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f;
   const float s = sqrt(-2.0f * log(u));
   return (float2)(sin(v) * s, cos(v) * s);
 }
 
-inline float rand_normal(philox4x32_state_t *state) {
+RANDOM_INLINE float rand_normal(philox4x32_state_t *state) {
   if (state->boxmuller_flag == RAND_EXTRA_FLAG_NORMAL) {
     state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
     return state->boxmuller_extra;
@@ -129,12 +156,12 @@ inline float rand_normal(philox4x32_state_t *state) {
   return pair.x;
 }
 
-inline float4 rand_normal4(philox4x32_state_t *state) {
+RANDOM_INLINE float4 rand_normal4(philox4x32_state_t *state) {
   const uint4 w = rand4(state);
   return (float4)(box_muller(w.x, w.y), box_muller(w.z, w.w));
 }
 
-inline float rand_log_normal(philox4x32_state_t *state, float mean, float stddev) {
+RANDOM_INLINE float rand_log_normal(philox4x32_state_t *state, float mean, float stddev) {
   if (state->boxmuller_flag == RAND_EXTRA_FLAG_LOG_NORMAL) {
     state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
     return exp(mean + stddev * state->boxmuller_extra);
@@ -146,9 +173,38 @@ inline float rand_log_normal(philox4x32_state_t *state, float mean, float stddev
   return exp(mean + stddev * pair.x);
 }
 
-inline float4 rand_log_normal4(philox4x32_state_t *state, float mean, float stddev) {
+RANDOM_INLINE float4 rand_log_normal4(philox4x32_state_t *state, float mean, float stddev) {
   return exp(mean + stddev * rand_normal4(state));
 }
+
+/* The first block of a fresh stream as four scalar words: the same words as
+ * rand_init(seed, subsequence, offset) followed by rand4. Kernels use this
+ * scalar form so that CPU devices can vectorise them across work items. */
+#define PHILOX_FIRST_BLOCK(seed, subsequence, offset, w0, w1, w2, w3)          \
+  uint w0 = (uint)(offset), w1 = (uint)((ulong)(offset) >> 32);             \
+  uint w2 = (uint)(subsequence), w3 = (uint)((ulong)(subsequence) >> 32);   \
+  {                                                                          \
+    uint k0 = (uint)(seed), k1 = (uint)((ulong)(seed) >> 32);               \
+    _Pragma("unroll") for (int r = 0; r < 10; ++r) {                         \
+      PHILOX_ROUND(w0, w1, w2, w3, k0, k1)                                   \
+      k0 += PHILOX10A;                                                       \
+      k1 += PHILOX10B;                                                       \
+    }                                                                        \
+  }
+
+/* Box-Muller on words (x, y) into two scalars (sin(v) * s, cos(v) * s). */
+#define BOX_MULLER(x, y, n0, n1)                                               \
+  float n0, n1;                                                              \
+  {                                                                          \
+    const float bm_u = uniform_from_word(x);                                 \
+    const float bm_v = word_to_float(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f; \
+    const float bm_s = sqrt(-2.0f * log(bm_u));                              \
+    n0 = sin(bm_v) * bm_s;                                                   \
+    n1 = cos(bm_v) * bm_s;                                                   \
+  }
+
+/* Stores the register value v (a float or long scalar) as element `lane` of p. */
+#define RANDOM_STORE(p, lane, v) VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + (lane))
 
 /* First element of this work item's vector in a flat output of VEC_SIZE-wide
  * vectors (the first two overlap when there is a leftover). */
