@@ -61,14 +61,14 @@ inline void bitonic_sort_row(__global const uchar *src, uint src_stride, __globa
       const uint pair_distance = 1u << post_shift;
       const uint left = ((i >> post_shift) << (post_shift + 1)) + (i & (pair_distance - 1));
       const uint right = left + pair_distance;
+      /* Branch-free exchange: both slots are always rewritten. */
       const float a = keys[left], b = keys[right];
-      if (bitonic_exchange(a, b, signo)) {
-        keys[left] = b;
-        keys[right] = a;
-        const uint p = pos[left];
-        pos[left] = pos[right];
-        pos[right] = p;
-      }
+      const uint pa = pos[left], pb = pos[right];
+      const bool swap = bitonic_exchange(a, b, signo);
+      keys[left] = swap ? b : a;
+      keys[right] = swap ? a : b;
+      pos[left] = swap ? pb : pa;
+      pos[right] = swap ? pa : pb;
       barrier(CLK_LOCAL_MEM_FENCE);
     }
   }

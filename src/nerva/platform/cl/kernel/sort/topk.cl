@@ -11,8 +11,9 @@
  *   group of BLOCK_SIZE items walks the row in `limit` segments of
  *   2 * BLOCK_SIZE keys (a fixed 9-stage network), keeping the running best
  *   BLOCK_SIZE keys (initially filler keys at position 0) in a local buffer of
- *   3 * BLOCK_SIZE keys and merging each sorted segment into them; k is at
- *   most BLOCK_SIZE.
+ *   3 * BLOCK_SIZE keys and merging each sorted segment into them (a segment
+ *   with no key above the current k-th best is skipped); k is at most
+ *   BLOCK_SIZE.
  *
  * Build definitions: IN_DTYPE, OUT_DTYPE, INDICES_DTYPE, LARGEST, IS_3D
  * (axis1 on a middle axis: x inner, y searched, z outer), LOCAL_SIZE0 or
@@ -44,13 +45,12 @@ inline float topk_load_key(const topk_row_t *r, uint p) {
 /* Compare-exchange keeping the larger key first (NaN never moves). */
 inline void topk_order(__local float *keys, __local uint *pos, uint a, uint b, bool larger_first) {
   const float ka = keys[a], kb = keys[b];
-  if (larger_first ? ka < kb : ka > kb) {
-    keys[a] = kb;
-    keys[b] = ka;
-    const uint p = pos[a];
-    pos[a] = pos[b];
-    pos[b] = p;
-  }
+  const uint pa = pos[a], pb = pos[b];
+  const bool swap = larger_first ? ka < kb : ka > kb;
+  keys[a] = swap ? kb : ka;
+  keys[b] = swap ? ka : kb;
+  pos[a] = swap ? pb : pa;
+  pos[b] = swap ? pa : pb;
 }
 
 /* Sorts keys[0, 2 * items) descending; item i of `items` runs comparator i. */
@@ -91,12 +91,13 @@ inline void topk_row(const topk_row_t *r, uint i, int num_stages, int width, int
   topk_store(r, pos, i, LOCAL_SIZE0, k, width);
 }
 #define TOPK_LOCAL 2048
+#define TOPK_EXTRA_LOCAL
 #define TOPK_CALL(r, item) topk_row(&r, item, num_stages, width, k, keys, pos)
 #define TOPK_NAME(axis) topk_##axis
 #else
 /* best = keys[0, BLOCK_SIZE), segment = keys[BLOCK_SIZE, 3 * BLOCK_SIZE). */
 inline void topk_segments(const topk_row_t *r, uint i, int limit, int width, int k,
-                          __local float *keys, __local uint *pos) {
+                          __local float *keys, __local uint *pos, __local int *improves) {
   keys[i] = TOPK_FILLER;
   pos[i] = 0;
   for (int s = 0; s < limit; ++s) {
@@ -106,7 +107,15 @@ inline void topk_segments(const topk_row_t *r, uint i, int limit, int width, int
     keys[2 * BLOCK_SIZE + i] = (int)b < width ? topk_load_key(r, b) : TOPK_FILLER;
     pos[BLOCK_SIZE + i] = a;
     pos[2 * BLOCK_SIZE + i] = b;
+    /* A segment with no key above the current k-th best changes nothing. */
+    if (i == 0) *improves = 0;
     barrier(CLK_LOCAL_MEM_FENCE);
+    const float kth = keys[k - 1];
+    if (keys[BLOCK_SIZE + i] > kth || keys[2 * BLOCK_SIZE + i] > kth) *improves = 1;
+    barrier(CLK_LOCAL_MEM_FENCE);
+    const bool skip = *improves == 0;
+    barrier(CLK_LOCAL_MEM_FENCE);
+    if (skip) continue;
     topk_sort(keys + BLOCK_SIZE, pos + BLOCK_SIZE, i, 9);
     /* best (descending) against the segment's top half reversed: the larger
      * of each pair form a bitonic run holding the best BLOCK_SIZE keys. */
@@ -123,7 +132,8 @@ inline void topk_segments(const topk_row_t *r, uint i, int limit, int width, int
   topk_store(r, pos, i, BLOCK_SIZE, k, width);
 }
 #define TOPK_LOCAL (3 * BLOCK_SIZE)
-#define TOPK_CALL(r, item) topk_segments(&r, item, limit, width, k, keys, pos)
+#define TOPK_EXTRA_LOCAL __local int improves;
+#define TOPK_CALL(r, item) topk_segments(&r, item, limit, width, k, keys, pos, &improves)
 #define TOPK_NAME(axis) topk_##axis##_bitnoic_segment
 #endif
 
@@ -154,6 +164,7 @@ inline void topk_segments(const topk_row_t *r, uint i, int limit, int width, int
 __kernel void TOPK_NAME(axis0)(TOPK_PARAMS(DECL_TENSOR2D)) {
   __local float keys[TOPK_LOCAL];
   __local uint pos[TOPK_LOCAL];
+  TOPK_EXTRA_LOCAL
   TOPK_ROW(r, AXIS0_OFF, x)
   TOPK_CALL(r, get_local_id(0));
 }
@@ -161,6 +172,7 @@ __kernel void TOPK_NAME(axis0)(TOPK_PARAMS(DECL_TENSOR2D)) {
 __kernel void TOPK_NAME(axis1)(TOPK_PARAMS(AXIS1_DECL)) {
   __local float keys[TOPK_LOCAL];
   __local uint pos[TOPK_LOCAL];
+  TOPK_EXTRA_LOCAL
   TOPK_ROW(r, AXIS1_OFF, y)
   TOPK_CALL(r, get_local_id(1));
 }
