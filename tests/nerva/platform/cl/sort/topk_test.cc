@@ -76,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
                       TopKCase{{1}, 0, 1, true}, TopKCase{{3, 2048}, 1, 16, true},
                       TopKCase{{300, 4}, 0, 10, false}, TopKCase{{4, 300, 3}, 1, 7, true},
                       TopKCase{{2, 5001}, 1, 16, true}, TopKCase{{2, 5001}, 1, 512, false},
-                      TopKCase{{2, 3000, 3}, 1, 20, true}));
+                      TopKCase{{2, 3000, 3}, 1, 20, true}, TopKCase{{2, 3000}, 1, 600, false}));
 
 TEST(TopKErrorTest, KAndShapes) {
   Tensor in = TestSession().MakeTensor({4, 6}, kFloat);

@@ -17,12 +17,16 @@ namespace {
 constexpr long kWholeRowMaxKeys = 2048;
 constexpr long kSegmentBlock = 512;  // BLOCK_SIZE of the segment programs
 
-struct RowLayout {
+}  // namespace
+
+struct TopKKernel::RowLayout {
   long outer = 1, length = 1, inner = 1;
 };
 
-RowLayout LayoutOf(const Shape& shape, int axis) {
-  RowLayout l;
+namespace {
+
+TopKKernel::RowLayout LayoutOf(const Shape& shape, int axis) {
+  TopKKernel::RowLayout l;
   for (int i = 0; i < static_cast<int>(shape.ndim()); ++i) {
     if (i < axis) l.outer *= shape[i];
     if (i > axis) l.inner *= shape[i];
@@ -31,7 +35,7 @@ RowLayout LayoutOf(const Shape& shape, int axis) {
   return l;
 }
 
-ClTensor RowView(const Tensor& t, const RowLayout& l, long n) {
+ClTensor RowView(const Tensor& t, const TopKKernel::RowLayout& l, long n) {
   if (l.inner == 1) return ClTensor(t.Reshape({l.outer, n}));
   if (l.outer == 1) return ClTensor(t.Reshape({n, l.inner}));
   return ClTensor(t.Reshape({l.outer, n, l.inner}));
@@ -110,9 +114,8 @@ void TopKKernel::Compile(std::shared_ptr<SessionImpl> session) {
     options.AddOption("-DIS_SEGMENT").AddDefinitionAutoType("BLOCK_SIZE", kSegmentBlock);
     kernel += "_bitnoic_segment";
   } else {
-    throw std::invalid_argument(StrCat(name(), ": k ", option_.k, " above ", kSegmentBlock,
-                                       " on rows of ", l.length,
-                                       " elements is not supported on this device"));
+    CompileFullSort(session, l);
+    return;
   }
   const size_t outer = static_cast<size_t>(l.outer), inner = static_cast<size_t>(l.inner);
   auto unit = MakeSubKernel(session, ConcatenateStrings(name(), "bitonic"), {"common.h", "topk.cl"},
@@ -127,6 +130,37 @@ void TopKKernel::Compile(std::shared_ptr<SessionImpl> session) {
   } else {
     unit->SetGlobal({inner, group, outer}).SetLocal({1, group, 1});
   }
+}
+
+void TopKKernel::CompileFullSort(const std::shared_ptr<SessionImpl>& session, const RowLayout& l) {
+  Session owner(session);
+  std::vector<long> ext_sizes = input_.shape().sizes();
+  const int axis = GetRealAxis(option_.dim, input_.shape().ndim());
+  ext_sizes[axis] = BitonicExtendedLength(l.length);
+  BitonicSortTensors sort;
+  sort.input = input_;
+  sort.out = owner.MakeTensor(input_.shape().sizes(), input_.dtype());
+  sort.indices = owner.MakeTensor(input_.shape().sizes(), kInt64);
+  sort.temp = owner.MakeTensor(ext_sizes, input_.dtype());
+  sort.temp_indices = owner.MakeTensor(ext_sizes, kInt32);
+  sort.axis = axis;
+  sort.descending = option_.largest;
+  AppendBitonicSort(*this, session, sort);
+  scratch_ = {sort.out, sort.indices, sort.temp, sort.temp_indices};
+  BuildOption options;
+  options.AddOption("-DTOPK_HEAD")
+      .AddDefinition("IN_DTYPE", GetDataTypeCode(input_.dtype()))
+      .AddDefinition("OUT_DTYPE", GetDataTypeCode(values_.dtype()))
+      .AddDefinition("INDICES_DTYPE", GetDataTypeCode(indices_.dtype()));
+  const auto view = [&](const Tensor& t, long n) {
+    return ClTensor(t.Reshape({l.outer, n, l.inner}));
+  };
+  MakeSubKernel(session, ConcatenateStrings(name(), "head"), {"common.h", "topk.cl"}, options,
+                "topk_head")
+      ->SetArgs(view(sort.out, l.length), view(sort.indices, l.length), view(values_, option_.k),
+                view(indices_, option_.k))
+      .SetGlobal({static_cast<size_t>(l.inner), static_cast<size_t>(option_.k),
+                  static_cast<size_t>(l.outer)});
 }
 
 NERVA_STATIC_REGISTER {

@@ -15,6 +15,9 @@
  *   with no key above the current k-th best is skipped); k is at most
  *   BLOCK_SIZE.
  *
+ * - topk_head (TOPK_HEAD): copies the first k entries of rows that the
+ *   bitonic sort ordered in full.
+ *
  * Build definitions: IN_DTYPE, OUT_DTYPE, INDICES_DTYPE, LARGEST, IS_3D
  * (axis1 on a middle axis: x inner, y searched, z outer), LOCAL_SIZE0 or
  * IS_SEGMENT with BLOCK_SIZE. _axis0 searches along x of (x, row) views,
@@ -22,6 +25,7 @@
  */
 // #include "common.h"
 
+#ifndef TOPK_HEAD
 #define TOPK_FILLER (-2147483647.0f)
 #define IN_REG DECL_VEC_TYPE(IN_DTYPE, 1)
 
@@ -176,3 +180,17 @@ __kernel void TOPK_NAME(axis1)(TOPK_PARAMS(AXIS1_DECL)) {
   TOPK_ROW(r, AXIS1_OFF, y)
   TOPK_CALL(r, get_local_id(1));
 }
+#endif /* TOPK_HEAD */
+
+#ifdef TOPK_HEAD
+/* The first k entries of fully sorted rows ((x inner, y sorted, z outer)
+ * views), for a k beyond the segment variant on long rows. */
+__kernel void topk_head(DECL_TENSOR3D(sorted), DECL_TENSOR3D(sorted_indices), DECL_TENSOR3D(values),
+                        DECL_TENSOR3D(indices)) {
+  const size_t x = get_global_id(0), j = get_global_id(1), z = get_global_id(2);
+  const DECL_VEC_TYPE(IN_DTYPE, 1) v = VLOAD(IN_DTYPE, 1, TENSOR3D_PTR(sorted, IN_DTYPE, x, j, z));
+  VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), TENSOR3D_PTR(values, OUT_DTYPE, x, j, z));
+  *TENSOR3D_PTR(indices, INDICES_DTYPE, x, j, z) =
+      (INDICES_DTYPE)*TENSOR3D_PTR(sorted_indices, long, x, j, z);
+}
+#endif
