@@ -1,6 +1,7 @@
 /*
- * Bernoulli: lane k of one rand_uniform4 draw gives 1 when u_k <= p_k (the
- * input probability as float), else 0; widths 1-3 use the first lanes.
+ * Bernoulli: lane k of the first rand_uniform4 draw of the work item's stream
+ * gives 1 when u_k <= p_k (the input probability as float), else 0; widths
+ * 1-3 use the first lanes.
  * Build definitions: VEC_SIZE (1 to 4), VEC_SIZE_LEFTOVER, DTYPE (input),
  * OUT_DTYPE.
  */
@@ -11,16 +12,24 @@
 #error: Only Support VEC_SIZE <= 4
 #endif
 
-#define FLOATV NERVA_VEC(float, VEC_SIZE)
+#define BERNOULLI_LANE(lane, w)                                                \
+  RANDOM_STORE(q, lane,                                                      \
+               uniform_from_word(w) <= CONVERT(float, 1, VLOAD(DTYPE, 1, p + (lane))) ? 1.0f \
+                                                                                   : 0.0f)
 
 __kernel void bernoulli(DECL_TENSOR1D(in), DECL_TENSOR1D(out), DECL_PHILOX_STATE) {
-  philox4x32_state_t state;
-  rand_init(philox_args_seed, get_global_id(0), philox_args_offset, &state);
-  const FLOATV u = RANDOM_LANES(VEC_SIZE, rand_uniform4(&state));
+  PHILOX_FIRST_BLOCK(philox_args_seed, get_global_id(0), philox_args_offset, w0, w1, w2, w3);
   const size_t offset = RANDOM_WI_OFFSET;
-  const FLOATV p = CONVERT(float, VEC_SIZE, VLOAD(DTYPE, VEC_SIZE,
-                                                  (__global DTYPE *)TENSOR_BASE(in) + offset));
-  const FLOATV v = select((FLOATV)(0.0f), (FLOATV)(1.0f), u <= p);
-  VSTORE(OUT_DTYPE, VEC_SIZE, CONVERT(OUT_DTYPE, VEC_SIZE, v),
-         (__global OUT_DTYPE *)TENSOR_BASE(out) + offset);
+  __global const DTYPE *p = (__global const DTYPE *)TENSOR_BASE(in) + offset;
+  __global OUT_DTYPE *q = (__global OUT_DTYPE *)TENSOR_BASE(out) + offset;
+  BERNOULLI_LANE(0, w0);
+#if VEC_SIZE > 1
+  BERNOULLI_LANE(1, w1);
+#endif
+#if VEC_SIZE > 2
+  BERNOULLI_LANE(2, w2);
+#endif
+#if VEC_SIZE > 3
+  BERNOULLI_LANE(3, w3);
+#endif
 }

@@ -18,11 +18,13 @@ __kernel void random_int_uniform_philox(DECL_TENSOR1D(out), DECL_PHILOX_STATE
                                         , long low, long step
 #endif
 ) {
+#if VEC_SIZE == 4
+  PHILOX_FIRST_BLOCK(philox_args_seed, get_global_id(0), philox_args_offset, w0, w1, w2, w3);
+  LONGV v = (long4)((long)w0, (long)w1, (long)w2, (long)w3);
+#else
   philox4x32_state_t state;
   rand_init(philox_args_seed, get_global_id(0), philox_args_offset, &state);
-#if VEC_SIZE == 4
-  LONGV v = convert_long4(rand4(&state));
-#elif VEC_SIZE == 3
+#if VEC_SIZE == 3
   const long a = rand(&state), b = rand(&state), c = rand(&state);
   LONGV v = (long3)(a, b, c);
 #elif VEC_SIZE == 2
@@ -30,6 +32,7 @@ __kernel void random_int_uniform_philox(DECL_TENSOR1D(out), DECL_PHILOX_STATE
   LONGV v = (long2)(a, b);
 #else
   LONGV v = (long)rand(&state);
+#endif
 #endif
 #ifdef UPDATE_RANGE
   v = v % step + low;
