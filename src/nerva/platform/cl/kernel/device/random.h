@@ -192,19 +192,71 @@ RANDOM_INLINE float4 rand_log_normal4(philox4x32_state_t *state, float mean, flo
     }                                                                        \
   }
 
+/* Logarithm, sine and cosine for Box-Muller. CPU devices get branch-free
+ * polynomial forms (about 1e-7 relative error) that vectorise across work
+ * items, where the library calls do not; other devices use the library. */
+#ifdef NERVA_HOST_CPU_DEVICE
+/* ln u for u > 0: u = m * 2^e with m in [sqrt(1/2), sqrt(2)), ln m by the
+ * atanh series in t = (m - 1) / (m + 1). */
+RANDOM_INLINE float random_log(float u) {
+  const int bits = as_int(u);
+  int e = ((bits >> 23) & 0xFF) - 127;
+  float m = as_float((bits & 0x007FFFFF) | 0x3F800000);
+  const int big = m > 1.41421356f;
+  m = big ? m * 0.5f : m;
+  e += big;
+  const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
+  const float series = t * (2.0f + t2 * (0.666666667f + t2 * (0.4f + t2 * (0.285714286f +
+                                                                          t2 * 0.222222222f))));
+  return (float)e * 0.693147181f + series;
+}
+/* sin and cos of v in [0, 2 pi): quadrant reduction to [-pi/4, pi/4]. */
+RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
+  /* Round to nearest: adding and removing 1.5 * 2^23 leaves an integer. */
+  const float q = (v * 0.636619772f + 12582912.0f) - 12582912.0f;
+  const float x = (v - q * 1.57079625f) - q * 7.54978995e-8f;
+  const float x2 = x * x;
+  const float sx = x * (1.0f + x2 * (-0.166666667f + x2 * (8.33333333e-3f +
+                                                           x2 * (-1.98412698e-4f + x2 * 2.75573192e-6f))));
+  const float cx = 1.0f + x2 * (-0.5f + x2 * (4.16666667e-2f + x2 * (-1.38888889e-3f +
+                                                                     x2 * 2.48015873e-5f)));
+  const int k = (int)q & 3;
+  const float sv = (k & 1) ? cx : sx, cv = (k & 1) ? sx : cx;
+  *s = (k == 1 || k == 0) ? sv : -sv;
+  *c = (k == 0 || k == 3) ? cv : -cv;
+}
+#else
+#define random_log(u) log(u)
+RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
+  *s = sin(v);
+  *c = cos(v);
+}
+#endif
+
 /* Box-Muller on words (x, y) into two scalars (sin(v) * s, cos(v) * s). */
 #define BOX_MULLER(x, y, n0, n1)                                               \
   float n0, n1;                                                              \
   {                                                                          \
     const float bm_u = uniform_from_word(x);                                 \
     const float bm_v = word_to_float(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f; \
-    const float bm_s = sqrt(-2.0f * log(bm_u));                              \
-    n0 = sin(bm_v) * bm_s;                                                   \
-    n1 = cos(bm_v) * bm_s;                                                   \
+    const float bm_s = sqrt(-2.0f * random_log(bm_u));                       \
+    float bm_sin, bm_cos;                                                    \
+    random_sincos(bm_v, &bm_sin, &bm_cos);                                   \
+    n0 = bm_sin * bm_s;                                                      \
+    n1 = bm_cos * bm_s;                                                      \
   }
 
-/* Stores the register value v (a float or long scalar) as element `lane` of p. */
-#define RANDOM_STORE(p, lane, v) VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + (lane))
+/* Stores the register value v (a float or long scalar) as element `lane` of p.
+ * On CPU devices the lane is xor-ed with a zero the compiler cannot prove (a
+ * global size is never 0): otherwise it fuses the four lanes of a work item
+ * into one 4-wide vector and then cannot vectorise across work items. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define RANDOM_LANE_KEY (get_global_size(0) == 0 ? 1 : 0)
+#else
+#define RANDOM_LANE_KEY 0
+#endif
+#define RANDOM_STORE(p, lane, v)                                               \
+  VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + ((lane) ^ RANDOM_LANE_KEY))
 
 /* First element of this work item's vector in a flat output of VEC_SIZE-wide
  * vectors (the first two overlap when there is a leftover). */
