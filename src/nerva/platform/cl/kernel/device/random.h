@@ -1,0 +1,276 @@
+/*
+ * Counter-based Philox-4x32-10 generator shared by the random programs.
+ *
+ * A stream is (seed, subsequence, offset): the key is the seed's two words,
+ * the counter is (offset lo, offset hi, subsequence lo, subsequence hi), and
+ * the first output block is the ten-round image of that counter. Each later
+ * block is the ten-round image of the previous block. Every work item uses its
+ * global id as the subsequence, so results do not depend on scheduling.
+ *
+ * Floating conversions are kept free of fused multiply-adds so that every
+ * device produces the same bits (and a host model can reproduce them).
+ */
+#ifndef NERVA_RANDOM_H
+#define NERVA_RANDOM_H
+
+#pragma OPENCL FP_CONTRACT OFF
+
+#define PHILOX10A 0x9E3779B9u
+#define PHILOX10B 0xBB67AE85u
+#define PHILOXSA 0xD2511F53u
+#define PHILOXSB 0xCD9E8D57u
+#define RAN_INV_M32 2.3283064e-10f
+#define RAND_2POW32_INV 2.3283064e-10f
+#define RAND_2POW32_INV_2PI (2.3283064e-10f * 6.2831855f)
+#define RAND_EXTRA_FLAG_NONE 0
+#define RAND_EXTRA_FLAG_NORMAL 1
+#define RAND_EXTRA_FLAG_LOG_NORMAL 2
+
+/* The generator arguments of every random kernel: seed and launch offset. */
+#define DECL_PHILOX_STATE ulong philox_args_seed, ulong philox_args_offset
+
+/* Every helper is inlined: CPU devices vectorise a kernel across work items
+ * only when it makes no calls. */
+#define RANDOM_INLINE inline __attribute__((always_inline))
+
+typedef struct {
+  uchar stat;           /* next word (0-3) of ctr to hand out */
+  uint2 key;
+  uint4 ctr;            /* current output block */
+  int boxmuller_flag;   /* RAND_EXTRA_FLAG_*: what boxmuller_extra holds */
+  float boxmuller_extra;
+} philox4x32_state_t;
+
+/* One round on scalar words (CPU devices vectorise scalar code across work
+ * items): (hi(SB * c.z) ^ c.y ^ k.x, lo(SB * c.z), hi(SA * c.x) ^ c.w ^ k.y,
+ * lo(SA * c.x)). */
+#define PHILOX_ROUND(c0, c1, c2, c3, k0, k1)                                   \
+  {                                                                          \
+    const ulong pa = (ulong)PHILOXSA * c0, pb = (ulong)PHILOXSB * c2;        \
+    const uint n0 = (uint)(pb >> 32) ^ c1 ^ k0, n2 = (uint)(pa >> 32) ^ c3 ^ k1; \
+    c0 = n0;                                                                 \
+    c1 = (uint)pb;                                                           \
+    c2 = n2;                                                                 \
+    c3 = (uint)pa;                                                           \
+  }
+
+RANDOM_INLINE uint4 philox4x32_round(uint4 c, uint2 k) {
+  uint c0 = c.x, c1 = c.y, c2 = c.z, c3 = c.w;
+  PHILOX_ROUND(c0, c1, c2, c3, k.x, k.y)
+  return (uint4)(c0, c1, c2, c3);
+}
+
+/* A round, then nine times: key += (PHILOX10A, PHILOX10B) and a round. */
+RANDOM_INLINE uint4 philox4x32_10(uint4 c, uint2 k) {
+  uint c0 = c.x, c1 = c.y, c2 = c.z, c3 = c.w, k0 = k.x, k1 = k.y;
+#pragma unroll
+  for (int i = 0; i < 10; ++i) {
+    PHILOX_ROUND(c0, c1, c2, c3, k0, k1)
+    k0 += PHILOX10A;
+    k1 += PHILOX10B;
+  }
+  return (uint4)(c0, c1, c2, c3);
+}
+
+RANDOM_INLINE void rand_init(ulong seed, ulong subsequence, ulong offset, philox4x32_state_t *state) {
+  state->key = (uint2)((uint)seed, (uint)(seed >> 32));
+  state->ctr = philox4x32_10(
+      (uint4)((uint)offset, (uint)(offset >> 32), (uint)subsequence, (uint)(subsequence >> 32)),
+      state->key);
+  state->stat = 0;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+  state->boxmuller_extra = 0.0f;
+}
+
+RANDOM_INLINE uint philox_word(uint4 block, uint i) {
+  return i == 0 ? block.x : (i == 1 ? block.y : (i == 2 ? block.z : block.w));
+}
+
+RANDOM_INLINE uint rand(philox4x32_state_t *state) {
+  const uint r = philox_word(state->ctr, state->stat);
+  if (++state->stat == 4) {
+    state->ctr = philox4x32_10(state->ctr, state->key);
+    state->stat = 0;
+  }
+  return r;
+}
+
+/* Four words from `stat` on; always moves to the next block, `stat` unchanged. */
+RANDOM_INLINE uint4 rand4(philox4x32_state_t *state) {
+  const uint4 cur = state->ctr;
+  const uint4 next = philox4x32_10(cur, state->key);
+  state->ctr = next;
+  switch (state->stat) {
+    case 1:
+      return (uint4)(cur.y, cur.z, cur.w, next.x);
+    case 2:
+      return (uint4)(cur.z, cur.w, next.x, next.y);
+    case 3:
+      return (uint4)(cur.w, next.x, next.y, next.z);
+    default:
+      return cur;
+  }
+}
+
+/* word * 2^-32 + 2^-33: inside (0, 1), rounding to 1.0f for the top words. */
+/* (float)x, rounded to nearest even, from two exact 16-bit halves: one
+ * rounding in the sum. Signed conversions vectorise on CPU devices where the
+ * unsigned one does not. */
+RANDOM_INLINE float word_to_float(uint x) {
+  return (float)(int)(x >> 16) * 65536.0f + (float)(int)(x & 0xFFFFu);
+}
+
+RANDOM_INLINE float uniform_from_word(uint x) {
+  const float scaled = word_to_float(x) * RAND_2POW32_INV;
+  return scaled + RAND_2POW32_INV / 2.0f;
+}
+
+RANDOM_INLINE float4 uniform4_from_words(uint4 x) {
+  return (float4)(uniform_from_word(x.x), uniform_from_word(x.y), uniform_from_word(x.z),
+                  uniform_from_word(x.w));
+}
+
+RANDOM_INLINE float rand_uniform(philox4x32_state_t *state) { return uniform_from_word(rand(state)); }
+
+RANDOM_INLINE float4 rand_uniform4(philox4x32_state_t *state) {
+  return uniform4_from_words(rand4(state));
+}
+
+/* Box-Muller on two words: (sin(v) * s, cos(v) * s). */
+RANDOM_INLINE float2 box_muller(uint x, uint y) {
+  const float u = uniform_from_word(x);
+  const float v = word_to_float(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f;
+  const float s = sqrt(-2.0f * log(u));
+  return (float2)(sin(v) * s, cos(v) * s);
+}
+
+RANDOM_INLINE float rand_normal(philox4x32_state_t *state) {
+  if (state->boxmuller_flag == RAND_EXTRA_FLAG_NORMAL) {
+    state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+    return state->boxmuller_extra;
+  }
+  const uint x = rand(state);
+  const float2 pair = box_muller(x, rand(state));
+  state->boxmuller_extra = pair.y;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_NORMAL;
+  return pair.x;
+}
+
+RANDOM_INLINE float4 rand_normal4(philox4x32_state_t *state) {
+  const uint4 w = rand4(state);
+  return (float4)(box_muller(w.x, w.y), box_muller(w.z, w.w));
+}
+
+RANDOM_INLINE float rand_log_normal(philox4x32_state_t *state, float mean, float stddev) {
+  if (state->boxmuller_flag == RAND_EXTRA_FLAG_LOG_NORMAL) {
+    state->boxmuller_flag = RAND_EXTRA_FLAG_NONE;
+    return exp(mean + stddev * state->boxmuller_extra);
+  }
+  const uint x = rand(state);
+  const float2 pair = box_muller(x, rand(state));
+  state->boxmuller_extra = pair.y;
+  state->boxmuller_flag = RAND_EXTRA_FLAG_LOG_NORMAL;
+  return exp(mean + stddev * pair.x);
+}
+
+RANDOM_INLINE float4 rand_log_normal4(philox4x32_state_t *state, float mean, float stddev) {
+  return exp(mean + stddev * rand_normal4(state));
+}
+
+/* The first block of a fresh stream as four scalar words: the same words as
+ * rand_init(seed, subsequence, offset) followed by rand4. Kernels use this
+ * scalar form so that CPU devices can vectorise them across work items. */
+#define PHILOX_FIRST_BLOCK(seed, subsequence, offset, w0, w1, w2, w3)          \
+  uint w0 = (uint)(offset), w1 = (uint)((ulong)(offset) >> 32);             \
+  uint w2 = (uint)(subsequence), w3 = (uint)((ulong)(subsequence) >> 32);   \
+  {                                                                          \
+    uint k0 = (uint)(seed), k1 = (uint)((ulong)(seed) >> 32);               \
+    _Pragma("unroll") for (int r = 0; r < 10; ++r) {                         \
+      PHILOX_ROUND(w0, w1, w2, w3, k0, k1)                                   \
+      k0 += PHILOX10A;                                                       \
+      k1 += PHILOX10B;                                                       \
+    }                                                                        \
+  }
+
+/* Logarithm, sine and cosine for Box-Muller. CPU devices get branch-free
+ * polynomial forms (about 1e-7 relative error) that vectorise across work
+ * items, where the library calls do not; other devices use the library. */
+#ifdef NERVA_HOST_CPU_DEVICE
+/* ln u for u > 0: u = m * 2^e with m in [sqrt(1/2), sqrt(2)), ln m by the
+ * atanh series in t = (m - 1) / (m + 1). */
+RANDOM_INLINE float random_log(float u) {
+  const int bits = as_int(u);
+  int e = ((bits >> 23) & 0xFF) - 127;
+  float m = as_float((bits & 0x007FFFFF) | 0x3F800000);
+  const int big = m > 1.41421356f;
+  m = big ? m * 0.5f : m;
+  e += big;
+  const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
+  const float series = t * (2.0f + t2 * (0.666666667f + t2 * (0.4f + t2 * (0.285714286f +
+                                                                          t2 * 0.222222222f))));
+  return (float)e * 0.693147181f + series;
+}
+/* sin and cos of v in [0, 2 pi): quadrant reduction to [-pi/4, pi/4]. */
+RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
+  /* Round to nearest: adding and removing 1.5 * 2^23 leaves an integer. */
+  const float q = (v * 0.636619772f + 12582912.0f) - 12582912.0f;
+  const float x = (v - q * 1.57079625f) - q * 7.54978995e-8f;
+  const float x2 = x * x;
+  const float sx = x * (1.0f + x2 * (-0.166666667f + x2 * (8.33333333e-3f +
+                                                           x2 * (-1.98412698e-4f + x2 * 2.75573192e-6f))));
+  const float cx = 1.0f + x2 * (-0.5f + x2 * (4.16666667e-2f + x2 * (-1.38888889e-3f +
+                                                                     x2 * 2.48015873e-5f)));
+  const int k = (int)q & 3;
+  const float sv = (k & 1) ? cx : sx, cv = (k & 1) ? sx : cx;
+  *s = (k == 1 || k == 0) ? sv : -sv;
+  *c = (k == 0 || k == 3) ? cv : -cv;
+}
+#else
+#define random_log(u) log(u)
+RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
+  *s = sin(v);
+  *c = cos(v);
+}
+#endif
+
+/* Box-Muller on words (x, y) into two scalars (sin(v) * s, cos(v) * s). */
+#define BOX_MULLER(x, y, n0, n1)                                               \
+  float n0, n1;                                                              \
+  {                                                                          \
+    const float bm_u = uniform_from_word(x);                                 \
+    const float bm_v = word_to_float(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f; \
+    const float bm_s = sqrt(-2.0f * random_log(bm_u));                       \
+    float bm_sin, bm_cos;                                                    \
+    random_sincos(bm_v, &bm_sin, &bm_cos);                                   \
+    n0 = bm_sin * bm_s;                                                      \
+    n1 = bm_cos * bm_s;                                                      \
+  }
+
+/* Stores the register value v (a float or long scalar) as element `lane` of p.
+ * On CPU devices the lane is xor-ed with a zero the compiler cannot prove (a
+ * global size is never 0): otherwise it fuses the four lanes of a work item
+ * into one 4-wide vector and then cannot vectorise across work items. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define RANDOM_LANE_KEY (get_global_size(0) == 0 ? 1 : 0)
+#else
+#define RANDOM_LANE_KEY 0
+#endif
+#define RANDOM_STORE(p, lane, v)                                               \
+  VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + ((lane) ^ RANDOM_LANE_KEY))
+
+/* First element of this work item's vector in a flat output of VEC_SIZE-wide
+ * vectors (the first two overlap when there is a leftover). */
+#if defined(VEC_SIZE) && defined(VEC_SIZE_LEFTOVER) && VEC_SIZE_LEFTOVER != 0
+#define RANDOM_WI_OFFSET VEC_OFFSET(get_global_id(0), VEC_SIZE, VEC_SIZE_LEFTOVER)
+#else
+#define RANDOM_WI_OFFSET (get_global_id(0) * VEC_SIZE)
+#endif
+
+/* The first N lanes of a 4-lane vector. */
+#define RANDOM_LANES(N, v) NERVA_CAT(RANDOM_LANES_, N)(v)
+#define RANDOM_LANES_1(v) (v).x
+#define RANDOM_LANES_2(v) (v).xy
+#define RANDOM_LANES_3(v) (v).xyz
+#define RANDOM_LANES_4(v) (v)
+
+#endif /* NERVA_RANDOM_H */
