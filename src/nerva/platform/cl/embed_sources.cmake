@@ -5,7 +5,14 @@ set(body "")
 set(index 0)
 foreach(path ${files})
   file(RELATIVE_PATH name ${KERNEL_DIR} ${path})
-  string(REGEX REPLACE "(^|/)device/" "\\1" name "${name}")
+  # A source is named by its file name alone (family folders and "device/"
+  # dropped); the tensor-core family keeps its "tensorcore/" prefix.
+  get_filename_component(base ${name} NAME)
+  if(name MATCHES "^tensorcore/")
+    set(name "tensorcore/${base}")
+  else()
+    set(name "${base}")
+  endif()
   file(READ ${path} text)
   # Raw strings are limited in length by some compilers: emit 8 KiB pieces.
   string(LENGTH "${text}" length)
