@@ -1,0 +1,110 @@
+/*
+ * The element-wise kernel frame. A program defines
+ *   EW_ARITY      number of input tensors (1, 2 or 3);
+ *   EW_OP(a0, ..) its function of one element of each input, each already
+ *                 converted to the register type of ARG<i>_DTYPE;
+ *   EW_PARAMS     its own kernel parameters, each with a leading comma
+ *                 (empty when it has none);
+ * and then expands EW_KERNELS(Name), which defines two kernels:
+ *   Name          contiguous tensors of one shape seen as flat arrays, VEC_SIZE
+ *                 consecutive elements per work item; every vector after the
+ *                 first is shifted back by `shift` elements so that the last
+ *                 one ends exactly at the end (vectors may overlap);
+ *   Name##Strided one element per work item at (x, y, z) over byte strides per
+ *                 tensor (0 on broadcast dimensions); dimensions 3 to 7 are
+ *                 folded into z and recovered from the sizes in `dims`.
+ * Build definitions from the host: OUT_DTYPE, IN<i>_DTYPE (element types),
+ * ARG<i>_DTYPE (the type input i is converted to), IN<i>_CVT and OUT_CVT (the
+ * conversion kind: WRAP, SAT or BOOL), EW_INT (1 when ARG0_DTYPE is an
+ * integer or boolean type) and VEC_SIZE.
+ */
+#ifndef NERVA_ELEMENTWISE_H
+#define NERVA_ELEMENTWISE_H
+
+/* ---- conversions of one register value to the register type of T ----
+ * WRAP: convert_<T> (modular between integers, round to nearest into floats);
+ * SAT: floating point to integer, rounding toward zero, saturating, NaN to 0;
+ * BOOL: nonzero (NaN included) gives 1. */
+#define EW_CVT(MODE, T, v) NERVA_CAT(EW_CVT_, MODE)(T, v)
+#define EW_CVT_WRAP(T, v) CONVERT_WRAP(T, 1, v)
+#define EW_CVT_SAT(T, v) CONVERT(T, 1, v)
+#define EW_CVT_BOOL(T, v) ((REG_TYPE(T))((v) != 0))
+
+/* Register types of the arguments and of the output. */
+#define EW_T0 REG_TYPE(ARG0_DTYPE)
+#define EW_T1 REG_TYPE(ARG1_DTYPE)
+#define EW_T2 REG_TYPE(ARG2_DTYPE)
+#define EW_OUT_T REG_TYPE(OUT_DTYPE)
+
+/* Element i of input `in<i>` at pointer p, converted to ARG<i>_DTYPE. */
+#define EW_LOAD_ARG(i, p)                                                     \
+  EW_CVT(NERVA_CAT3(IN, i, _CVT), NERVA_CAT3(ARG, i, _DTYPE),                \
+         VLOAD(NERVA_CAT3(IN, i, _DTYPE), 1, p))
+#define EW_STORE_OUT(v, p) VSTORE(OUT_DTYPE, 1, EW_CVT(OUT_CVT, OUT_DTYPE, v), p)
+
+/* The tensors of a kernel, output first. */
+#define EW_TENSORS(F) NERVA_CAT(EW_TENSORS_, EW_ARITY)(F)
+#define EW_TENSORS_1(F) F(out) F(in0)
+#define EW_TENSORS_2(F) F(out) F(in0) F(in1)
+#define EW_TENSORS_3(F) F(out) F(in0) F(in1) F(in2)
+/* The function applied to the inputs at their addresses A(i). */
+#define EW_APPLY(A) NERVA_CAT(EW_APPLY_, EW_ARITY)(A)
+#define EW_APPLY_1(A) EW_OP(EW_LOAD_ARG(0, A(0)))
+#define EW_APPLY_2(A) EW_OP(EW_LOAD_ARG(0, A(0)), EW_LOAD_ARG(1, A(1)))
+#define EW_APPLY_3(A) \
+  EW_OP(EW_LOAD_ARG(0, A(0)), EW_LOAD_ARG(1, A(1)), EW_LOAD_ARG(2, A(2)))
+
+/* ---- flat kernel ---- */
+#define EW_FLAT_PARAM(t) , __global uchar *t##_ptr, uint t##_offset
+#define EW_FLAT_BASE(t) __global uchar *t##_base = t##_ptr + t##_offset;
+#define EW_FLAT_ADDR(i)                                                       \
+  ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT3(in, i, _base) + first + nerva_lane)
+
+#define EW_FLAT_KERNEL(NAME)                                                  \
+  __kernel void NAME(int shift EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
+    const size_t first = (size_t)max((long)get_global_id(0) * VEC_SIZE - shift, 0L); \
+    EW_TENSORS(EW_FLAT_BASE)                                                  \
+    _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
+      EW_STORE_OUT(EW_APPLY(EW_FLAT_ADDR),                                    \
+                   (__global OUT_DTYPE *)out_base + first + nerva_lane);     \
+    }                                                                         \
+  }
+
+/* ---- strided kernel ---- */
+#define EW_STRIDED_PARAM(t) , __global uchar *t##_ptr, uint t##_offset, uint8 t##_strides
+#define EW_STRIDED_START(t)                                                   \
+  uint t##_at = t##_offset + x * t##_strides.s0 + y * t##_strides.s1 + z * t##_strides.s2;
+#define EW_WALK(k, s)                                                         \
+  if (rank > k) {                                                             \
+    const uint c = rest % dims.s;                                             \
+    rest /= dims.s;                                                           \
+    EW_TENSORS(NERVA_CAT(EW_WALK_, s))                                        \
+  }
+#define EW_WALK_s3(t) t##_at += c * t##_strides.s3;
+#define EW_WALK_s4(t) t##_at += c * t##_strides.s4;
+#define EW_WALK_s5(t) t##_at += c * t##_strides.s5;
+#define EW_WALK_s6(t) t##_at += c * t##_strides.s6;
+#define EW_WALK_s7(t) t##_at += c * t##_strides.s7;
+#define EW_STRIDED_ADDR(i)                                                    \
+  ((__global NERVA_CAT3(IN, i, _DTYPE) *)(NERVA_CAT3(in, i, _ptr) + NERVA_CAT3(in, i, _at)))
+
+#define EW_STRIDED_KERNEL(NAME)                                               \
+  __kernel void NAME(uint8 dims, int rank EW_TENSORS(EW_STRIDED_PARAM) EW_PARAMS) { \
+    const uint x = get_global_id(0), y = get_global_id(1);                   \
+    uint z = get_global_id(2), rest = 0;                                      \
+    if (rank > 3) {                                                           \
+      rest = z / dims.s2;                                                     \
+      z = z % dims.s2;                                                        \
+    }                                                                         \
+    EW_TENSORS(EW_STRIDED_START)                                              \
+    EW_WALK(3, s3)                                                            \
+    EW_WALK(4, s4)                                                            \
+    EW_WALK(5, s5)                                                            \
+    EW_WALK(6, s6)                                                            \
+    EW_WALK(7, s7)                                                            \
+    EW_STORE_OUT(EW_APPLY(EW_STRIDED_ADDR), (__global OUT_DTYPE *)(out_ptr + out_at)); \
+  }
+
+#define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME) EW_STRIDED_KERNEL(NAME##Strided)
+
+#endif /* NERVA_ELEMENTWISE_H */
