@@ -76,6 +76,20 @@ std::vector<long> BroadcastStrides(const Tensor& t, const std::vector<long>& out
 
 }  // namespace
 
+bool BroadcastTogether(const std::vector<long>& a, const std::vector<long>& b,
+                       std::vector<long>* out) {
+  const size_t rank = std::max(a.size(), b.size());
+  std::vector<long> result(rank);
+  for (size_t i = 0; i < rank; ++i) {
+    const long x = i < a.size() ? a[a.size() - 1 - i] : 1;
+    const long y = i < b.size() ? b[b.size() - 1 - i] : 1;
+    if (x != 1 && y != 1 && x != y) return false;
+    result[rank - 1 - i] = x == 1 ? y : x;
+  }
+  if (out) *out = std::move(result);
+  return true;
+}
+
 bool SharesMemory(const Tensor& a, const Tensor& b) {
   if (!a.storage() || !b.storage()) return false;
   const auto ra = RootOf(a.storage());
@@ -116,6 +130,7 @@ std::string ConversionKind(DataType from, DataType to) {
 }
 
 DataType PromoteTypes(const std::vector<DataType>& types) {
+  if (std::all_of(types.begin(), types.end(), [](DataType t) { return t == kBool; })) return kBool;
   DataType result = types.at(0);
   for (size_t i = 1; i < types.size(); ++i)
     result = TypeTraitsHelper::TypePromote(result, types[i]);
@@ -192,11 +207,10 @@ void ElementwiseKernel::VerifyShapes() const {
   std::vector<long> shape = inputs_.empty() ? out_.shape().sizes() : inputs_[0].shape().sizes();
   for (size_t i = 1; i < inputs_.size(); ++i) {
     const auto& other = inputs_[i].shape().sizes();
-    if (!CanBroadcast(shape, other)) {
+    if (!BroadcastTogether(shape, other, &shape)) {
       throw std::runtime_error(
           StrCat(name(), ": cannot broadcast ", Dims(shape), " with ", Dims(other)));
     }
-    shape = BroadcastSizes(shape, other);
   }
   if (out_.shape().sizes() != shape) {
     throw std::runtime_error(StrCat(name(), ": output shape ", Dims(out_.shape().sizes()),
@@ -262,7 +276,8 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
         .AddDefinition("IN" + index + "_CVT",
                        ConversionKind(inputs_[i].dtype(), spec.arg_types.at(i)));
   }
-  const std::vector<std::string> sources = {"common.h", "math.h", "elementwise.h", spec.program};
+  std::vector<std::string> sources = {"common.h", "math.h", "elementwise.h", spec.program};
+  if (!spec.math) sources.erase(sources.begin() + 1);
   const std::string program = ConcatenateStrings(name(), "elementwise");
   std::vector<ClTensor> views;
   for (const Tensor& t : tensors) views.emplace_back(t);

@@ -38,9 +38,15 @@ Tensor MakeTensor(const TensorOption& option, const Buffer& buffer);
 bool CanCast(DataType from, DataType to);
 // The device conversion kind ("WRAP", "SAT", "BOOL") from `from` to `to`.
 std::string ConversionKind(DataType from, DataType to);
-// The promoted type of all `types` by the library's promotion table.
+// The promoted type of all `types` by the library's promotion table (which
+// computes the small integer types in int32; written back to a narrower output
+// the results wrap exactly as in the narrow type); bool with bool stays bool.
 DataType PromoteTypes(const std::vector<DataType>& types);
 bool IsFloat(DataType type);
+// PyTorch's broadcast of two size lists (a size 0 against 1 gives 0) into
+// `out`; false when they do not broadcast.
+bool BroadcastTogether(const std::vector<long>& a, const std::vector<long>& b,
+                       std::vector<long>* out);
 
 // Sizes and byte strides of the tensors of one launch, innermost dimension
 // first, after broadcasting every input to the output's shape, dropping
@@ -58,6 +64,7 @@ struct ElementwiseSpec {
   std::vector<DataType> arg_types;  // the type each input is converted to
   DataType result_type;             // the type of the program's EW_OP value
   BuildOption options;              // the operator's own definitions (OP=...)
+  bool math = true;                 // the program uses "math.h"
 };
 
 // Base of the element-wise kernels: `inputs` broadcast to `out`'s shape.
