@@ -107,4 +107,47 @@
 
 #define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME) EW_STRIDED_KERNEL(NAME##Strided)
 
+/* ---- multi-tensor kernel ----
+ * NAME applies EW_OP to up to 16 contiguous tensor tuples in one launch. Tuple
+ * k has counts.s<k> elements and owns the work items from ends.s<k-1> (0 for
+ * the first) up to ends.s<k>; each work item covers VEC_SIZE elements of its
+ * tuple, bounds-checked, so in-place tuples need no care. Unused tuples repeat
+ * a used one with count 0. */
+#define EW_TENSORS_AT(F, k) NERVA_CAT(EW_TENSORS_AT_, EW_ARITY)(F, k)
+#define EW_TENSORS_AT_1(F, k) F(out, k) F(in0, k)
+#define EW_TENSORS_AT_2(F, k) F(out, k) F(in0, k) F(in1, k)
+#define EW_TENSORS_AT_3(F, k) F(out, k) F(in0, k) F(in1, k) F(in2, k)
+#define EW_SLOTS(M)                                                           \
+  M(0, s0) M(1, s1) M(2, s2) M(3, s3) M(4, s4) M(5, s5) M(6, s6) M(7, s7)   \
+  M(8, s8) M(9, s9) M(10, sa) M(11, sb) M(12, sc) M(13, sd) M(14, se) M(15, sf)
+#define EW_SLOT_PARAM(t, k) , __global uchar *t##_##k
+#define EW_SLOT_PARAMS(k, s) EW_TENSORS_AT(EW_SLOT_PARAM, k)
+#define EW_SLOT_TAKE(t, k) t = t##_##k;
+#define EW_SLOT_PICK(k, s)                                                    \
+  if (slot == k) {                                                            \
+    EW_TENSORS_AT(EW_SLOT_TAKE, k)                                            \
+    begin = k ? prev : 0;                                                     \
+    count = counts.s;                                                         \
+  }                                                                           \
+  prev = ends.s;
+#define EW_SLOT_COUNT(k, s) slot += g >= ends.s;
+#define EW_SLOT_DECL(t) __global uchar *t = 0;
+#define EW_LIST_ADDR(i) ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT(in, i) + at)
+
+#define EW_FOREACH_KERNEL(NAME)                                               \
+  __kernel void NAME(uint16 ends, uint16 counts EW_SLOTS(EW_SLOT_PARAMS) EW_PARAMS) { \
+    const uint g = get_global_id(0);                                          \
+    uint slot = 0, begin = 0, count = 0, prev = 0;                            \
+    EW_SLOTS(EW_SLOT_COUNT)                                                   \
+    EW_TENSORS(EW_SLOT_DECL)                                                  \
+    EW_SLOTS(EW_SLOT_PICK)                                                    \
+    const uint first = (g - begin) * VEC_SIZE;                                \
+    _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
+      const uint at = first + nerva_lane;                                     \
+      if (at < count) {                                                       \
+        EW_STORE_OUT(EW_APPLY(EW_LIST_ADDR), (__global OUT_DTYPE *)out + at); \
+      }                                                                       \
+    }                                                                         \
+  }
+
 #endif /* NERVA_ELEMENTWISE_H */

@@ -124,12 +124,17 @@ bool BinaryKernel::Verify() const {
   return true;
 }
 
-void BinaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
-  const auto types = Types(option_.op_type, input_type(0), input_type(1));
+ElementwiseSpec BinaryKernel::Spec(BinaryType op, DataType a, DataType b) {
+  const auto types = Types(op, a, b);
   ElementwiseSpec spec{
       "binary.cl", {types.first.first, types.first.second}, types.second, BuildOption()};
-  spec.options.AddDefinition("OP", OpName(option_.op_type))
+  spec.options.AddDefinition("OP", OpName(op))
       .AddDefinitionAutoType("EW_SIGNED", TypeTraitsHelper::IsSigned(types.first.first));
+  return spec;
+}
+
+void BinaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  const ElementwiseSpec spec = Spec(option_.op_type, input_type(0), input_type(1));
   const float alpha = option_.alpha;
   CompileElementwise(session, spec, [alpha](KernelUnit& unit) { unit.SetArg(alpha); });
 }

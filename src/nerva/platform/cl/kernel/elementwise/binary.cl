@@ -136,3 +136,4 @@ inline T bi_xlogy(T a, T b) {
 #define BI_LOGICAL_XOR(a, b) (((a) != 0) ^ ((b) != 0))
 
 EW_KERNELS(Binary)
+EW_FOREACH_KERNEL(ForEachBinary)

@@ -36,6 +36,8 @@ class BinaryKernel : public ElementwiseKernel {
   // The types the two inputs are converted to, and the result type.
   static std::pair<std::pair<DataType, DataType>, DataType> Types(BinaryType op, DataType a,
                                                                   DataType b);
+  // The program, types and definitions of `op` (shared with ForEachBinary).
+  static ElementwiseSpec Spec(BinaryType op, DataType a, DataType b);
 
  private:
   BinaryOption option_;

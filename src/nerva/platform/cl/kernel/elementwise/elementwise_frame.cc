@@ -177,6 +177,30 @@ ElementwiseLayout CoalesceLayout(const Tensor& out, const std::vector<Tensor>& i
   return layout;
 }
 
+BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
+                               const std::vector<DataType>& inputs, int vec) {
+  BuildOption options = spec.options;
+  options.AddDefinitionAutoType("VEC_SIZE", vec)
+      .AddDefinition("OUT_DTYPE", GetDataTypeCode(out))
+      .AddDefinition("OUT_CVT", ConversionKind(spec.result_type, out));
+  if (!spec.arg_types.empty()) {
+    options.AddDefinitionAutoType("EW_INT", !IsFloat(spec.arg_types[0]));
+  }
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    const std::string index = std::to_string(i);
+    options.AddDefinition("IN" + index + "_DTYPE", GetDataTypeCode(inputs[i]))
+        .AddDefinition("ARG" + index + "_DTYPE", GetDataTypeCode(spec.arg_types.at(i)))
+        .AddDefinition("IN" + index + "_CVT", ConversionKind(inputs[i], spec.arg_types.at(i)));
+  }
+  return options;
+}
+
+std::vector<std::string> ElementwiseSources(const ElementwiseSpec& spec) {
+  std::vector<std::string> sources = {"common.h", "math.h", "elementwise.h", spec.program};
+  if (!spec.math) sources.erase(sources.begin() + 1);
+  return sources;
+}
+
 ElementwiseKernel::ElementwiseKernel(std::string name, std::vector<Tensor> inputs, Tensor out,
                                      std::vector<std::string> input_names)
     : KernelImpl(std::move(name)),
@@ -245,7 +269,7 @@ void ElementwiseKernel::ThrowUnsupportedTypes(const std::string& what) const {
 }
 
 void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& session,
-                                           ElementwiseSpec spec,
+                                           const ElementwiseSpec& spec,
                                            const std::function<void(KernelUnit&)>& bind) {
   if (Count(out_.shape().sizes()) == 0) return;
   const ElementwiseLayout layout = CoalesceLayout(out_, inputs_);
@@ -262,22 +286,10 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   if (flat && aliased) vec = ElementwiseVecSize(4, n, true);
   if (n < vec) flat = false;
 
-  BuildOption& options = spec.options;
-  options.AddDefinitionAutoType("VEC_SIZE", vec)
-      .AddDefinition("OUT_DTYPE", GetDataTypeCode(out_.dtype()))
-      .AddDefinition("OUT_CVT", ConversionKind(spec.result_type, out_.dtype()));
-  if (!spec.arg_types.empty()) {
-    options.AddDefinitionAutoType("EW_INT", !IsFloat(spec.arg_types[0]));
-  }
-  for (size_t i = 0; i < inputs_.size(); ++i) {
-    const std::string index = std::to_string(i);
-    options.AddDefinition("IN" + index + "_DTYPE", GetDataTypeCode(inputs_[i].dtype()))
-        .AddDefinition("ARG" + index + "_DTYPE", GetDataTypeCode(spec.arg_types.at(i)))
-        .AddDefinition("IN" + index + "_CVT",
-                       ConversionKind(inputs_[i].dtype(), spec.arg_types.at(i)));
-  }
-  std::vector<std::string> sources = {"common.h", "math.h", "elementwise.h", spec.program};
-  if (!spec.math) sources.erase(sources.begin() + 1);
+  std::vector<DataType> types;
+  for (const Tensor& in : inputs_) types.push_back(in.dtype());
+  const BuildOption options = ElementwiseOptions(spec, out_.dtype(), types, vec);
+  const std::vector<std::string> sources = ElementwiseSources(spec);
   const std::string program = ConcatenateStrings(name(), "elementwise");
   std::vector<ClTensor> views;
   for (const Tensor& t : tensors) views.emplace_back(t);

@@ -67,6 +67,14 @@ struct ElementwiseSpec {
   bool math = true;                 // the program uses "math.h"
 };
 
+// The build definitions of an element-wise program: the operator's own, then
+// VEC_SIZE, the output's type and conversion, EW_INT and per input its type,
+// argument type and conversion.
+BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
+                               const std::vector<DataType>& inputs, int vec);
+// "common.h", "math.h" (when the program uses it), "elementwise.h", the program.
+std::vector<std::string> ElementwiseSources(const ElementwiseSpec& spec);
+
 // Base of the element-wise kernels: `inputs` broadcast to `out`'s shape.
 class ElementwiseKernel : public KernelImpl {
  public:
@@ -84,7 +92,7 @@ class ElementwiseKernel : public KernelImpl {
   [[noreturn]] void ThrowUnsupportedTypes(const std::string& what) const;
   // Builds the program and the unit for the output's layout; `bind` appends the
   // operator's own arguments (EW_PARAMS). Nothing is built for an empty output.
-  void CompileElementwise(const std::shared_ptr<SessionImpl>& session, ElementwiseSpec spec,
+  void CompileElementwise(const std::shared_ptr<SessionImpl>& session, const ElementwiseSpec& spec,
                           const std::function<void(KernelUnit&)>& bind);
 
   const std::vector<Tensor>& inputs() const { return inputs_; }

@@ -48,10 +48,16 @@ bool TernaryKernel::Verify() const {
   return true;
 }
 
-void TernaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
-  const DataType t = Types(option_.op_type, input_type(0), input_type(1), input_type(2));
+ElementwiseSpec TernaryKernel::Spec(TernaryType op, DataType input, DataType tensor1,
+                                    DataType tensor2) {
+  const DataType t = Types(op, input, tensor1, tensor2);
   ElementwiseSpec spec{"ternary.cl", {t, t, t}, t, BuildOption(), false};
-  spec.options.AddDefinition("OP", OpName(option_.op_type));
+  spec.options.AddDefinition("OP", OpName(op));
+  return spec;
+}
+
+void TernaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  const ElementwiseSpec spec = Spec(option_.op_type, input_type(0), input_type(1), input_type(2));
   const float value_f = option_.value;
   const long value_l = static_cast<long>(option_.value);
   CompileElementwise(session, spec,

@@ -21,3 +21,4 @@
 #define EW_OP(x, a, b) NERVA_CAT(TE_, OP)(x, a, b)
 
 EW_KERNELS(Ternary)
+EW_FOREACH_KERNEL(ForEachTernary)

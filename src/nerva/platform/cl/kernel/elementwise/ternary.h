@@ -27,6 +27,8 @@ class TernaryKernel : public ElementwiseKernel {
   static const char* OpName(TernaryType op);
   // The promoted type, checked against what the operator accepts.
   static DataType Types(TernaryType op, DataType input, DataType tensor1, DataType tensor2);
+  // The program, types and definitions of `op` (shared with ForEachTernary).
+  static ElementwiseSpec Spec(TernaryType op, DataType input, DataType tensor1, DataType tensor2);
 
  private:
   TernaryOption option_;

@@ -94,12 +94,15 @@ bool UnaryKernel::Verify() const {
   return true;
 }
 
-void UnaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
-  const auto types = Types(option_.op_type, input_type(0));
+ElementwiseSpec UnaryKernel::Spec(UnaryType op, DataType input) {
+  const auto types = Types(op, input);
   ElementwiseSpec spec{"unary.cl", {types.first}, types.second, BuildOption()};
-  spec.options.AddDefinition("OP", OpName(option_.op_type))
-      .AddDefinitionAutoType("BOOL_ARG", input_type(0) == kBool);
-  CompileElementwise(session, spec, [](KernelUnit&) {});
+  spec.options.AddDefinition("OP", OpName(op)).AddDefinitionAutoType("BOOL_ARG", input == kBool);
+  return spec;
+}
+
+void UnaryKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  CompileElementwise(session, Spec(option_.op_type, input_type(0)), [](KernelUnit&) {});
 }
 
 NERVA_STATIC_REGISTER {

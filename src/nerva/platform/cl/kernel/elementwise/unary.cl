@@ -107,3 +107,4 @@ inline float nerva_erfinv(float x) {
 #define UN_LOGICAL_NOT(x) ((x) == 0)
 
 EW_KERNELS(Unary)
+EW_FOREACH_KERNEL(ForEachUnary)

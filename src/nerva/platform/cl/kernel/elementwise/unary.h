@@ -30,6 +30,8 @@ class UnaryKernel : public ElementwiseKernel {
   static const char* OpName(UnaryType op);
   // The type the input is converted to and the type of the result.
   static std::pair<DataType, DataType> Types(UnaryType op, DataType input);
+  // The program, types and definitions of `op` on `input` (shared with ForEachUnary).
+  static ElementwiseSpec Spec(UnaryType op, DataType input);
 
  private:
   UnaryOption option_;
