@@ -7,9 +7,11 @@
  *                 (empty when it has none);
  * and then expands EW_KERNELS(Name), which defines two kernels:
  *   Name          contiguous tensors of one shape seen as flat arrays, VEC_SIZE
- *                 consecutive elements per work item; every vector after the
- *                 first is shifted back by `shift` elements so that the last
- *                 one ends exactly at the end (vectors may overlap);
+ *                 consecutive elements per work item from element `base`; a
+ *                 length that VEC_SIZE does not divide takes a second launch
+ *                 of one work item whose vector ends exactly at the end,
+ *                 overlapping the one before it (the address stays affine in
+ *                 the work-item id, so the compiler vectorises across items);
  *   Name##Strided one element per work item at (x, y, z) over byte strides per
  *                 tensor (0 on broadcast dimensions); dimensions 3 to 7 are
  *                 folded into z and recovered from the sizes in `dims`.
@@ -61,8 +63,8 @@
   ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT3(in, i, _base) + first + nerva_lane)
 
 #define EW_FLAT_KERNEL(NAME)                                                  \
-  __kernel void NAME(int shift EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
-    const size_t first = (size_t)max((long)get_global_id(0) * VEC_SIZE - shift, 0L); \
+  __kernel void NAME(uint base EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
+    const size_t first = base + get_global_id(0) * VEC_SIZE;                  \
     EW_TENSORS(EW_FLAT_BASE)                                                  \
     _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
       EW_STORE_OUT(EW_APPLY(EW_FLAT_ADDR),                                    \
@@ -108,11 +110,10 @@
 #define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME) EW_STRIDED_KERNEL(NAME##Strided)
 
 /* ---- multi-tensor kernel ----
- * NAME applies EW_OP to up to 16 contiguous tensor tuples in one launch. Tuple
- * k has counts.s<k> elements and owns the work items from ends.s<k-1> (0 for
- * the first) up to ends.s<k>; each work item covers VEC_SIZE elements of its
- * tuple, bounds-checked, so in-place tuples need no care. Unused tuples repeat
- * a used one with count 0. */
+ * NAME applies EW_OP to up to 16 contiguous tensor tuples in one launch:
+ * work item (x, k) covers VEC_SIZE elements from x * VEC_SIZE of tuple k,
+ * which has counts.s<k> elements; bounds-checked, so in-place tuples need no
+ * care. Unused tuples repeat a used one with count 0. */
 #define EW_TENSORS_AT(F, k) NERVA_CAT(EW_TENSORS_AT_, EW_ARITY)(F, k)
 #define EW_TENSORS_AT_1(F, k) F(out, k) F(in0, k)
 #define EW_TENSORS_AT_2(F, k) F(out, k) F(in0, k) F(in1, k)
@@ -126,25 +127,25 @@
 #define EW_SLOT_PICK(k, s)                                                    \
   if (slot == k) {                                                            \
     EW_TENSORS_AT(EW_SLOT_TAKE, k)                                            \
-    begin = k ? prev : 0;                                                     \
     count = counts.s;                                                         \
-  }                                                                           \
-  prev = ends.s;
-#define EW_SLOT_COUNT(k, s) slot += g >= ends.s;
+  }
 #define EW_SLOT_DECL(t) __global uchar *t = 0;
 #define EW_LIST_ADDR(i) ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT(in, i) + at)
 
 #define EW_FOREACH_KERNEL(NAME)                                               \
-  __kernel void NAME(uint16 ends, uint16 counts EW_SLOTS(EW_SLOT_PARAMS) EW_PARAMS) { \
-    const uint g = get_global_id(0);                                          \
-    uint slot = 0, begin = 0, count = 0, prev = 0;                            \
-    EW_SLOTS(EW_SLOT_COUNT)                                                   \
+  __kernel void NAME(uint16 counts EW_SLOTS(EW_SLOT_PARAMS) EW_PARAMS) {     \
+    const uint slot = get_global_id(1);                                       \
+    uint count = 0;                                                           \
     EW_TENSORS(EW_SLOT_DECL)                                                  \
     EW_SLOTS(EW_SLOT_PICK)                                                    \
-    const uint first = (g - begin) * VEC_SIZE;                                \
-    _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
-      const uint at = first + nerva_lane;                                     \
-      if (at < count) {                                                       \
+    const uint first = get_global_id(0) * VEC_SIZE;                           \
+    if (first + VEC_SIZE <= count) {                                          \
+      _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
+        const uint at = first + nerva_lane;                                   \
+        EW_STORE_OUT(EW_APPLY(EW_LIST_ADDR), (__global OUT_DTYPE *)out + at); \
+      }                                                                       \
+    } else {                                                                  \
+      for (uint at = first; at < count; ++at) {                               \
         EW_STORE_OUT(EW_APPLY(EW_LIST_ADDR), (__global OUT_DTYPE *)out + at); \
       }                                                                       \
     }                                                                         \

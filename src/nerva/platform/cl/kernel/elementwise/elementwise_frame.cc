@@ -294,11 +294,16 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   std::vector<ClTensor> views;
   for (const Tensor& t : tensors) views.emplace_back(t);
   if (flat) {
-    auto unit = MakeSubKernel(session, program, sources, options, name());
-    unit->SetArgs(static_cast<int>((vec - n % vec) % vec));
-    for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset()});
-    bind(*unit);
-    unit->SetGlobal({static_cast<size_t>(n)}, {static_cast<size_t>(vec)});
+    // Whole vectors, then (for a leftover) one vector ending at the last element.
+    const long whole = n / vec;
+    for (long base : {0L, n % vec ? n - vec : -1L}) {
+      if (base < 0) break;
+      auto unit = MakeSubKernel(session, program, sources, options, name());
+      unit->SetArgs(static_cast<cl_uint>(base));
+      for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset()});
+      bind(*unit);
+      unit->SetGlobal({static_cast<size_t>(base ? 1 : whole)});
+    }
     return;
   }
   auto unit = MakeSubKernel(session, program, sources, options, name() + "Strided");

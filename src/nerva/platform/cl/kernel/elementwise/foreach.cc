@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/elementwise/foreach.h"
 
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 
@@ -31,7 +32,7 @@ std::vector<Tensor> MakeList(const std::vector<TensorOption>& opts,
 
 }  // namespace
 
-// The per-tuple work-item ends or element counts (a uint16 kernel argument).
+// The element counts of the tuples of one launch (a uint16 kernel argument).
 struct EwSlotValues {
   cl_uint16 values;
 };
@@ -112,25 +113,22 @@ void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
     const ElementwiseSpec spec = spec_of(members[0]);
     for (size_t start = 0; start < members.size(); start += kSlots) {
       const size_t used = std::min(kSlots, members.size() - start);
-      EwSlotValues ends{}, counts{};
-      cl_uint total = 0;
-      for (size_t k = 0; k < kSlots; ++k) {
-        if (k < used) {
-          const long n = lists_[1][members[start + k]].shape().size();
-          counts.values.s[k] = static_cast<cl_uint>(n);
-          total += static_cast<cl_uint>((n + kVec - 1) / kVec);
-        }
-        ends.values.s[k] = total;
+      EwSlotValues counts{};
+      size_t widest = 0;
+      for (size_t k = 0; k < used; ++k) {
+        const long n = lists_[1][members[start + k]].shape().size();
+        counts.values.s[k] = static_cast<cl_uint>(n);
+        widest = std::max(widest, static_cast<size_t>((n + kVec - 1) / kVec));
       }
       auto unit =
           MakeSubKernel(session, program, ElementwiseSources(spec), group_options[key], name());
-      unit->SetArgs(ends, counts);
+      unit->SetArgs(counts);
       for (size_t k = 0; k < kSlots; ++k) {
         const size_t i = members[start + (k < used ? k : 0)];
         for (const auto& list : lists_) unit->SetArg(EwMem{ClTensor(list[i]).mem()});
       }
       bind(*unit);
-      unit->SetGlobal({total});
+      unit->SetGlobal({widest, used});
     }
   }
 }
