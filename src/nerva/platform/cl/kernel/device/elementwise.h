@@ -18,7 +18,7 @@
  * Build definitions from the host: OUT_DTYPE, IN<i>_DTYPE (element types),
  * ARG<i>_DTYPE (the type input i is converted to), IN<i>_CVT and OUT_CVT (the
  * conversion kind: WRAP, SAT or BOOL), EW_INT (1 when ARG0_DTYPE is an
- * integer or boolean type) and VEC_SIZE.
+ * integer or boolean type), VEC_SIZE and EW_FORM (the kernel built).
  */
 #ifndef NERVA_ELEMENTWISE_H
 #define NERVA_ELEMENTWISE_H
@@ -107,7 +107,15 @@
     EW_STORE_OUT(EW_APPLY(EW_STRIDED_ADDR), (__global OUT_DTYPE *)(out_ptr + out_at)); \
   }
 
-#define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME) EW_STRIDED_KERNEL(NAME##Strided)
+/* One form per build (EW_FORM: 0 flat, 1 strided, 2 list), so each build
+ * compiles one kernel. */
+#if EW_FORM == 0
+#define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME)
+#elif EW_FORM == 1
+#define EW_KERNELS(NAME) EW_STRIDED_KERNEL(NAME##Strided)
+#else
+#define EW_KERNELS(NAME)
+#endif
 
 /* ---- multi-tensor kernel ----
  * NAME applies EW_OP to up to 16 contiguous tensor tuples in one launch:
@@ -132,6 +140,9 @@
 #define EW_SLOT_DECL(t) __global uchar *t = 0;
 #define EW_LIST_ADDR(i) ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT(in, i) + at)
 
+#if EW_FORM != 2
+#define EW_FOREACH_KERNEL(NAME)
+#else
 #define EW_FOREACH_KERNEL(NAME)                                               \
   __kernel void NAME(uint16 counts EW_SLOTS(EW_SLOT_PARAMS) EW_PARAMS) {     \
     const uint slot = get_global_id(1);                                       \
@@ -150,5 +161,6 @@
       }                                                                       \
     }                                                                         \
   }
+#endif
 
 #endif /* NERVA_ELEMENTWISE_H */

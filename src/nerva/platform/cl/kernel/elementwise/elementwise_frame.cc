@@ -178,9 +178,10 @@ ElementwiseLayout CoalesceLayout(const Tensor& out, const std::vector<Tensor>& i
 }
 
 BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
-                               const std::vector<DataType>& inputs, int vec) {
+                               const std::vector<DataType>& inputs, int vec, ElementwiseForm form) {
   BuildOption options = spec.options;
   options.AddDefinitionAutoType("VEC_SIZE", vec)
+      .AddDefinitionAutoType("EW_FORM", static_cast<int>(form))
       .AddDefinition("OUT_DTYPE", GetDataTypeCode(out))
       .AddDefinition("OUT_CVT", ConversionKind(spec.result_type, out));
   if (!spec.arg_types.empty()) {
@@ -288,7 +289,9 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
 
   std::vector<DataType> types;
   for (const Tensor& in : inputs_) types.push_back(in.dtype());
-  const BuildOption options = ElementwiseOptions(spec, out_.dtype(), types, vec);
+  const BuildOption options =
+      ElementwiseOptions(spec, out_.dtype(), types, flat ? vec : 1,
+                         flat ? ElementwiseForm::kFlat : ElementwiseForm::kStrided);
   const std::vector<std::string> sources = ElementwiseSources(spec);
   const std::string program = ConcatenateStrings(name(), "elementwise");
   std::vector<ClTensor> views;

@@ -68,10 +68,12 @@ struct ElementwiseSpec {
 };
 
 // The build definitions of an element-wise program: the operator's own, then
-// VEC_SIZE, the output's type and conversion, EW_INT and per input its type,
+// VEC_SIZE, EW_FORM, the output's type and conversion, EW_INT and per input its type,
 // argument type and conversion.
+// The kernel a build holds: flat vectors, the strided walk, or tensor lists.
+enum class ElementwiseForm { kFlat = 0, kStrided = 1, kList = 2 };
 BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
-                               const std::vector<DataType>& inputs, int vec);
+                               const std::vector<DataType>& inputs, int vec, ElementwiseForm form);
 // "common.h", "math.h" (when the program uses it), "elementwise.h", the program.
 std::vector<std::string> ElementwiseSources(const ElementwiseSpec& spec);
 

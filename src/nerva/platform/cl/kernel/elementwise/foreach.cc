@@ -102,7 +102,8 @@ void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
     const ElementwiseSpec spec = spec_of(i);
     std::vector<DataType> inputs;
     for (size_t l = 1; l < lists_.size(); ++l) inputs.push_back(type(l, i));
-    const BuildOption options = ElementwiseOptions(spec, type(0, i), inputs, kVec);
+    const BuildOption options =
+        ElementwiseOptions(spec, type(0, i), inputs, kVec, ElementwiseForm::kList);
     if (!groups.count(options.str())) order.push_back(options.str());
     groups[options.str()].push_back(i);
     group_options.emplace(options.str(), options);
