@@ -18,7 +18,8 @@
  * Build definitions from the host: OUT_DTYPE, IN<i>_DTYPE (element types),
  * ARG<i>_DTYPE (the type input i is converted to), IN<i>_CVT and OUT_CVT (the
  * conversion kind: WRAP, SAT or BOOL), EW_INT (1 when ARG0_DTYPE is an
- * integer or boolean type), VEC_SIZE and EW_FORM (the kernel built).
+ * integer or boolean type), VEC_SIZE, EW_FORM (the kernel built) and, for
+ * the strided form, EW_XS_out, EW_XS_in<i> (see EW_XSTRIDE).
  */
 #ifndef NERVA_ELEMENTWISE_H
 #define NERVA_ELEMENTWISE_H
@@ -74,11 +75,15 @@
 
 /* ---- strided kernel ---- */
 #define EW_STRIDED_PARAM(t) , __global uchar *t##_ptr, uint t##_offset, uint8 t##_strides
+/* The x stride of tensor t: the build's EW_XS_<t> when that is a byte count
+ * (0 for a broadcast dimension, the item size for a contiguous one: a constant
+ * lets the compiler vectorise across work items), else the argument. */
+#define EW_XSTRIDE(t) (NERVA_CAT(EW_XS_, t) >= 0 ? (uint)NERVA_CAT(EW_XS_, t) : t##_strides.s0)
 #define EW_STRIDED_START(t)                                                   \
-  uint t##_at = t##_offset + x * t##_strides.s0 + y * t##_strides.s1 + z * t##_strides.s2;
+  size_t t##_at = t##_offset + x * EW_XSTRIDE(t) + y * t##_strides.s1 + z * t##_strides.s2;
 #define EW_WALK(k, s)                                                         \
   if (rank > k) {                                                             \
-    const uint c = rest % dims.s;                                             \
+    const size_t c = rest % dims.s;                                           \
     rest /= dims.s;                                                           \
     EW_TENSORS(NERVA_CAT(EW_WALK_, s))                                        \
   }
@@ -90,20 +95,26 @@
 #define EW_STRIDED_ADDR(i)                                                    \
   ((__global NERVA_CAT3(IN, i, _DTYPE) *)(NERVA_CAT3(in, i, _ptr) + NERVA_CAT3(in, i, _at)))
 
+/* Dimensions beyond the third exist only in EW_DEEP builds, so the common
+ * kernel has no branches in the way of vectorisation. */
+#if EW_DEEP
+#define EW_STRIDED_SPLIT_Z                                                    \
+  const size_t rest0 = z / dims.s2;                                           \
+  z = z % dims.s2;                                                            \
+  size_t rest = rest0;
+#define EW_STRIDED_WALKS EW_WALK(3, s3) EW_WALK(4, s4) EW_WALK(5, s5) EW_WALK(6, s6) EW_WALK(7, s7)
+#else
+#define EW_STRIDED_SPLIT_Z
+#define EW_STRIDED_WALKS
+#endif
+
 #define EW_STRIDED_KERNEL(NAME)                                               \
   __kernel void NAME(uint8 dims, int rank EW_TENSORS(EW_STRIDED_PARAM) EW_PARAMS) { \
-    const uint x = get_global_id(0), y = get_global_id(1);                   \
-    uint z = get_global_id(2), rest = 0;                                      \
-    if (rank > 3) {                                                           \
-      rest = z / dims.s2;                                                     \
-      z = z % dims.s2;                                                        \
-    }                                                                         \
+    const size_t x = get_global_id(0), y = get_global_id(1);                 \
+    size_t z = get_global_id(2);                                              \
+    EW_STRIDED_SPLIT_Z                                                        \
     EW_TENSORS(EW_STRIDED_START)                                              \
-    EW_WALK(3, s3)                                                            \
-    EW_WALK(4, s4)                                                            \
-    EW_WALK(5, s5)                                                            \
-    EW_WALK(6, s6)                                                            \
-    EW_WALK(7, s7)                                                            \
+    EW_STRIDED_WALKS                                                          \
     EW_STORE_OUT(EW_APPLY(EW_STRIDED_ADDR), (__global OUT_DTYPE *)(out_ptr + out_at)); \
   }
 

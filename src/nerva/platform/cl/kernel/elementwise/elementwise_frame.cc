@@ -289,9 +289,18 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
 
   std::vector<DataType> types;
   for (const Tensor& in : inputs_) types.push_back(in.dtype());
-  const BuildOption options =
+  BuildOption options =
       ElementwiseOptions(spec, out_.dtype(), types, flat ? vec : 1,
                          flat ? ElementwiseForm::kFlat : ElementwiseForm::kStrided);
+  if (!flat) {  // x strides that are 0 or one item become constants
+    options.AddDefinitionAutoType("EW_DEEP", layout.sizes.size() > 3);
+    for (size_t t = 0; t < tensors.size(); ++t) {
+      const long x = layout.strides[t][0];
+      const bool known = x == 0 || x == static_cast<long>(tensors[t].option().item_size());
+      options.AddDefinitionAutoType(t ? "EW_XS_in" + std::to_string(t - 1) : "EW_XS_out",
+                                    known ? x : -1L);
+    }
+  }
   const std::vector<std::string> sources = ElementwiseSources(spec);
   const std::string program = ConcatenateStrings(name(), "elementwise");
   std::vector<ClTensor> views;
