@@ -8,6 +8,9 @@
 
 #define EW_ARITY 2
 #define EW_PARAMS , float lo, float hi, float alpha
-#define EW_OP(g, x) ((x) > lo && (x) < hi ? (g) * alpha : 0.0f)
+inline float hardsigmoid_grad(float g, float x, float lo, float hi, float alpha) {
+  return x > lo && x < hi ? g * alpha : 0.0f;
+}
+#define EW_OP(g, x) hardsigmoid_grad(g, x, lo, hi, alpha)
 
 EW_KERNELS(HardSigmoidBackward)

@@ -7,7 +7,9 @@
 
 #define EW_ARITY 2
 #define EW_PARAMS
-#define EW_OP(g, x) \
-  ((x) < -3.0f ? 0.0f : ((x) <= 3.0f ? (g) * ((x) / 3.0f + 0.5f) : (g)))
+inline float hardswish_grad(float g, float x) {
+  return x < -3.0f ? 0.0f : (x <= 3.0f ? g * (x / 3.0f + 0.5f) : g);
+}
+#define EW_OP(g, x) hardswish_grad(g, x)
 
 EW_KERNELS(HardSwishBackward)

@@ -7,6 +7,9 @@
 
 #define EW_ARITY 2
 #define EW_PARAMS , float min_val, float max_val
-#define EW_OP(g, x) ((x) <= min_val || (x) >= max_val ? 0.0f : (g))
+inline float hardtanh_grad(float g, float x, float min_val, float max_val) {
+  return x <= min_val || x >= max_val ? 0.0f : g;
+}
+#define EW_OP(g, x) hardtanh_grad(g, x, min_val, max_val)
 
 EW_KERNELS(HardTanHBackward)

@@ -7,6 +7,10 @@
 
 #define EW_ARITY 2
 #define EW_PARAMS
-#define EW_OP(g, x) ((x) <= (EW_T1)0 ? (EW_T0)0 : (g))
+/* A function, so that both loads happen unconditionally and the work items vectorise. */
+inline EW_T0 relu_grad(EW_T0 g, EW_T1 x) {
+  return x <= (EW_T1)0 ? (EW_T0)0 : g;
+}
+#define EW_OP(g, x) relu_grad(g, x)
 
 EW_KERNELS(ReLUBackward)

@@ -7,6 +7,9 @@
 
 #define EW_ARITY 2
 #define EW_PARAMS
-#define EW_OP(g, x) ((x) >= 0.0f ? 2.0f * (x) * (g) : 0.0f)
+inline float srelu_grad(float g, float x) {
+  return x >= 0.0f ? 2.0f * x * g : 0.0f;
+}
+#define EW_OP(g, x) srelu_grad(g, x)
 
 EW_KERNELS(SReLUBackward)

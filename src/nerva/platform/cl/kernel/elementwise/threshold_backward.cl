@@ -13,6 +13,9 @@
 #else
 #define TH_THRESHOLD threshold_f
 #endif
-#define EW_OP(g, x) ((x) <= TH_THRESHOLD ? (EW_T0)0 : (g))
+inline EW_T0 threshold_grad(EW_T0 g, EW_T1 x, float threshold_f, long threshold_l) {
+  return x <= TH_THRESHOLD ? (EW_T0)0 : g;
+}
+#define EW_OP(g, x) threshold_grad(g, x, threshold_f, threshold_l)
 
 EW_KERNELS(ThresholdBackward)
