@@ -351,3 +351,83 @@ TEST(ActivationBackwardTest, Errors) {
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva
+
+namespace nerva {
+namespace cl {
+namespace testing {
+namespace {
+
+// grad_input of glu along `dim` of `in` (row-major values) for grad_output values g.
+std::vector<double> GluGrad(const std::vector<long>& sizes, int dim, const std::vector<double>& in,
+                            const std::vector<double>& g) {
+  long outer = 1, inner = 1;
+  for (int d = 0; d < dim; ++d) outer *= sizes[d];
+  for (size_t d = dim + 1; d < sizes.size(); ++d) inner *= sizes[d];
+  const long n = sizes[dim] / 2;
+  std::vector<double> out(in.size());
+  for (long o = 0; o < outer; ++o) {
+    for (long j = 0; j < n; ++j) {
+      for (long i = 0; i < inner; ++i) {
+        const long ia = (o * 2 * n + j) * inner + i, ib = ia + n * inner;
+        const double s = 1 / (1 + std::exp(-in[ib])), gv = g[(o * n + j) * inner + i];
+        out[ia] = s * gv;
+        out[ib] = (1 - s) * s * in[ia] * gv;
+      }
+    }
+  }
+  return out;
+}
+
+TEST(GLUBackwardTest, DimsLayoutsAndTypes) {
+  struct Case {
+    std::vector<long> sizes;
+    int dim;
+    Layout layout;  // of the input
+    DataType type;
+  } cases[] = {
+      {{4, 6}, -1, Layout::kContiguous, kFloat},
+      {{3, 4, 5}, 1, Layout::kTransposed, kFloat},
+      {{2, 3, 5}, 0, Layout::kStepped, kFloat},
+      {{2}, 0, Layout::kContiguous, kFloat},
+      {{3, 2, 4, 5, 2}, 2, Layout::kTransposed, kFloat},
+      {{5, 8}, 1, Layout::kContiguous, kHalf},
+  };
+  unsigned seed = 300;
+  for (const Case& c : cases) {
+    const Operand in = RandomOperand(c.sizes, c.type, -4, 4, ++seed, c.layout);
+    std::vector<long> half = c.sizes;
+    const int dim = c.dim < 0 ? c.dim + static_cast<int>(half.size()) : c.dim;
+    half[dim] /= 2;
+    const Operand g = RandomOperand(half, c.type, -2, 2, ++seed);
+    Operand out = OutputOperand(c.sizes, c.type);
+    TestQueue().Enqueue(GLUBackward::Create(TestQueue(), GLUBackwardOption{c.dim}, g.opt, g.buf,
+                                            in.opt, in.buf, out.opt, out.buf));
+    std::vector<double> expected = GluGrad(c.sizes, dim, in.values, g.values);
+    for (double& v : expected) v = Quantize(v, c.type);
+    ExpectClose(ReadBack(out), expected, c.type == kHalf ? 3e-3 : 1e-5,
+                c.type == kHalf ? 1e-3 : 1e-6, StrCat("glu ", c.sizes.size(), "-d dim ", c.dim));
+  }
+}
+
+TEST(GLUBackwardTest, Errors) {
+  Operand in = OutputOperand({4, 5}, kFloat), g = OutputOperand({2, 5}, kFloat),
+          bad = OutputOperand({4, 2}, kFloat), ints = OutputOperand({4, 5}, kInt32);
+  Operand out = OutputOperand({4, 5}, kFloat);
+  auto create = [&](int dim, const Operand& go, const Operand& x, Operand& gi) {
+    return GLUBackward::Create(TestQueue(), GLUBackwardOption{dim}, go.opt, go.buf, x.opt, x.buf,
+                               gi.opt, gi.buf);
+  };
+  EXPECT_NO_THROW(create(0, g, in, out));
+  EXPECT_THROW(create(1, bad, in, out), std::runtime_error);  // 5 is odd
+  EXPECT_THROW(create(0, bad, in, out), std::runtime_error);  // wrong grad_output
+  EXPECT_THROW(create(2, g, in, out), std::out_of_range);
+  EXPECT_THROW(create(0, g, ints, out), std::invalid_argument);
+  EXPECT_THROW(create(0, g, in, ints), std::invalid_argument);
+  Operand same = in;
+  EXPECT_THROW(create(0, g, in, same), std::runtime_error);  // overlaps the input
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace cl
+}  // namespace nerva
