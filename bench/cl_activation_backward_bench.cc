@@ -71,7 +71,7 @@ std::pair<double, double> TimePair(nerva::Queue& queue, const nerva::Kernel& a,
 
 int main() {
   constexpr long kN = 16L << 20;
-  constexpr int kRuns = 11;
+  constexpr int kRuns = 25;
   nerva::Session session("opencl", 0);
   nerva::Queue queue = session.MakeQueue();
   auto impl = std::dynamic_pointer_cast<nerva::cl::SessionImpl>(session.impl());
@@ -109,16 +109,23 @@ int main() {
       {"MishBackward",
        [&] { return nerva::MishBackward::Create(queue, opt, grad, opt, x, opt, out); }},
   };
-  std::printf("%-16s %9s %9s %11s %11s %9s\n", "operator", "op ms", "copy ms", "op GB/s",
-              "copy GB/s", "of copy");
+  // Each operator alternates with the copy; the copy's best time over all of them is the
+  // baseline, so every ratio is taken against the same, most favourable copy.
+  std::vector<std::pair<const char*, double>> best;
+  double copy_s = 1e30;
   for (const auto& [name, make] : ops) {
-    const auto [op_s, copy_s] = TimePair(queue, make(), copy_kernel, kRuns);
-    const double bw = op_bytes / op_s, copy_bw = copy_bytes / copy_s;
-    std::printf("%-16s %9.3f %9.3f %11.2f %11.2f %9.2f%s\n", name, op_s * 1e3, copy_s * 1e3,
-                bw / 1e9, copy_bw / 1e9, bw / copy_bw,
-                std::string(name) == "SigmoidBackward" || std::string(name) == "MishBackward"
-                    ? ""
-                    : "  (target 0.85)");
+    const auto [op_s, c_s] = TimePair(queue, make(), copy_kernel, kRuns);
+    best.emplace_back(name, op_s);
+    copy_s = std::min(copy_s, c_s);
+  }
+  const double copy_bw = copy_bytes / copy_s;
+  std::printf("%-16s %9.3f ms %7.2f GB/s\n", "copy float4", copy_s * 1e3, copy_bw / 1e9);
+  for (const auto& [name, op_s] : best) {
+    const double bw = op_bytes / op_s;
+    const bool target =
+        std::string(name) != "SigmoidBackward" && std::string(name) != "MishBackward";
+    std::printf("%-16s %9.3f ms %7.2f GB/s  %.2f of copy%s\n", name, op_s * 1e3, bw / 1e9,
+                bw / copy_bw, target ? "  (target 0.85)" : "");
   }
   return 0;
 }
