@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/elementwise/activation_backward.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
@@ -154,11 +155,15 @@ GradientBinder SwishParams(const SwishBackwardOption& o) {
   return [=](KernelUnit& unit, DataType) { unit.SetArg(alpha); };
 }
 
+// Integer tensors compare with the threshold truncated toward zero, saturated to the
+// range of long (NaN as 0).
 GradientBinder ThresholdParams(const ThresholdBackwardOption& o) {
   const double threshold = o.threshold;
-  return [=](KernelUnit& unit, DataType t) {
-    unit.SetArg(RoundToType(threshold, t)).SetArg(static_cast<long>(threshold));
-  };
+  const double limit = 9.2e18;  // just inside the range of long
+  const long as_long =
+      std::isnan(threshold) ? 0 : static_cast<long>(std::max(-limit, std::min(limit, threshold)));
+  return
+      [=](KernelUnit& unit, DataType t) { unit.SetArg(RoundToType(threshold, t)).SetArg(as_long); };
 }
 
 NERVA_STATIC_REGISTER {
