@@ -36,10 +36,10 @@ Create With(Option option) {
 struct GradCase {
   const char* name;
   Create create;
-  std::function<double(double x)> derivative;  // of the forward, at its input x
-  double lo, hi;                               // range of random inputs
-  std::vector<double> points;                  // kinks and extremes, always tested
-  std::function<double(double x)> forward;     // when the gradient takes the output
+  std::function<double(double x)> derivative;         // of the forward, at its input x
+  double lo, hi;                                      // range of random inputs
+  std::vector<double> points;                         // kinks and extremes, always tested
+  std::function<double(double x)> forward = nullptr;  // when the gradient takes the output
 };
 
 const ELUBackwardOption kElu{1.5f, 1.25f, 0.5f, false};

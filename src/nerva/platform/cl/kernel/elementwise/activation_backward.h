@@ -6,10 +6,12 @@
 // "<name>_backward.cl" and one registration in activation_backward.cc, which turns the
 // operator's option record into the program's scalar arguments.
 //
-// Inputs broadcast together; grad_input must have the broadcast shape and a floating-point
-// type that the promoted input type may be written into (PyTorch's out= rule). Half
-// tensors compute in float. Bounds compared with the saved tensor (thresholds, clamp
-// limits, logit eps) are first rounded to the computation type, as PyTorch does.
+// Inputs broadcast together (any strides); grad_input must have the broadcast shape and a
+// type that the promoted input type may be written into (PyTorch's out= rule); it may be
+// grad_output itself (in place). Floating-point types only, except where noted; half
+// tensors compute in float. Empty tensors give a kernel with no work. Bounds compared with the
+// saved tensor (thresholds, clamp limits, logit eps) are first rounded to the computation type, as
+// PyTorch does.
 //
 //   ReLUBackward        (input)   input <= 0 ? 0 : g; integer types too
 //   SigmoidBackward     (output)  g * (1 - y) * y
