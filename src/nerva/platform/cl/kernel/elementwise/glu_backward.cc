@@ -91,7 +91,8 @@ void GLUBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const ElementwiseSpec spec{"glu_backward.cl", {t, t}, t, BuildOption()};
   auto unit = MakeSubKernel(
       session, ConcatenateStrings(name(), "glu"), ElementwiseSources(spec),
-      ElementwiseOptions(spec, grad_input_.dtype(), {grad_output_.dtype(), input_.dtype()}, 1),
+      ElementwiseOptions(spec, grad_input_.dtype(), {grad_output_.dtype(), input_.dtype()}, 1,
+                         ElementwiseForm::kStrided),
       name());
   const size_t rank = layout.sizes.size();
   EwDims dims{};

@@ -13,6 +13,12 @@
 #define EW_ARITY GLU
 #define EW_TENSORS_GLU(F) F(ga) F(gb) F(go) F(a) F(b)
 #define GLU_AT(t, T) ((__global T *)(t##_ptr + t##_at))
+/* Every x stride comes from the arguments. */
+#define EW_XS_ga -1
+#define EW_XS_gb -1
+#define EW_XS_go -1
+#define EW_XS_a -1
+#define EW_XS_b -1
 
 __kernel void GLUBackward(uint8 dims, int rank EW_TENSORS(EW_STRIDED_PARAM)) {
   const uint x = get_global_id(0), y = get_global_id(1);
