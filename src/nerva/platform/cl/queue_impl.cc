@@ -90,8 +90,10 @@ Event QueueImpl::Enqueue(const Kernel& kernel, const std::vector<Event>& wait_li
 ::cl::Event QueueImpl::Enqueue(const Kernel& kernel, const ClEventVector& wait_list) {
   auto impl = std::dynamic_pointer_cast<KernelImpl>(kernel.impl());
   if (!impl) throw std::runtime_error("Enqueue invalid CL kernel, please compile it first!");
-  auto owner = LockSession();
-  if (!impl->units().empty() && impl->session().lock() != owner) {
+  // A queue outliving its session still runs the kernels it was given, as
+  // the objects they hold stay retained; a live session refuses others' kernels.
+  auto owner = session_.lock();
+  if (owner && !impl->units().empty() && impl->session().lock() != owner) {
     throw std::invalid_argument("Enqueue CL kernel " + impl->name() +
                                 " fail, it was created for another session");
   }
