@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "bench_util.h"
 #include "nerva/nerva.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/program.h"
@@ -15,45 +16,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using nerva::bench::CopyKernel;
 
-const char kCopySource[] = R"(
-__kernel void Copy4(__global const float4* x, __global float4* y) {
-  const size_t i = get_global_id(0);
-  y[i] = x[i];
-}
-)";
-
-class CopyKernel : public nerva::cl::KernelImpl {
- public:
-  CopyKernel(nerva::Buffer x, nerva::Buffer y, size_t n)
-      : KernelImpl("Copy4"), x_(std::move(x)), y_(std::move(y)), n_(n) {}
-  bool Verify() const override { return true; }
-  void Compile(std::shared_ptr<nerva::cl::SessionImpl> session) override {
-    nerva::cl::SourceManager::singleton().AddClSource("cl_bench_copy.cl", kCopySource);
-    MakeSubKernel(session, "Copy4::bench", {"cl_bench_copy.cl"}, nerva::cl::BuildOption(), name())
-        ->SetArgs(x_, y_)
-        .SetGlobal({n_}, {4});
-  }
-
- private:
-  nerva::Buffer x_, y_;
-  size_t n_;
-};
-
-double TimeKernel(nerva::Queue& queue, const nerva::Kernel& kernel, int runs) {
-  for (int i = 0; i < 3; ++i) queue.Enqueue(kernel);
-  queue.Wait();
-  std::vector<double> times;
-  for (int i = 0; i < runs; ++i) {
-    const auto start = Clock::now();
-    queue.Enqueue(kernel);
-    queue.Wait();
-    times.push_back(std::chrono::duration<double>(Clock::now() - start).count());
-  }
-  std::nth_element(times.begin(), times.begin() + runs / 2, times.end());
-  return times[runs / 2];
-}
+using nerva::bench::TimeKernel;
 
 }  // namespace
 
