@@ -1,0 +1,84 @@
+#include "nerva/platform/cl/kernel/norm/norm_util.h"
+
+#include <stdexcept>
+
+#include "nerva/platform/cl/session_impl.h"
+#include "nerva/platform/cl/util.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+Tensor OptionalTensor(const TensorOption& option, const Buffer& buffer) {
+  if (option.shape.ndim() == 0 || !buffer) return Tensor();
+  return Tensor(option, buffer, 0);
+}
+
+void CheckPresent(const std::string& op, const std::string& arg, const Tensor& tensor) {
+  if (tensor.shape().ndim() == 0 || (ElementCount(tensor) > 0 && !tensor.storage())) {
+    throw std::invalid_argument(StrCat(op, ": ", arg, " is undefined"));
+  }
+}
+
+void CheckNormType(const std::string& op, const std::string& arg, const Tensor& tensor) {
+  if (tensor.dtype() != kFloat && tensor.dtype() != kHalf) {
+    throw std::invalid_argument(StrCat(op, ": unsupported ", arg, " type ", tensor.dtype()));
+  }
+}
+
+void CheckStatOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
+                     long count) {
+  CheckPresent(op, arg, tensor);
+  CheckNormType(op, arg, tensor);
+  CheckContiguous(op, arg, tensor);
+  if (ElementCount(tensor) != count) {
+    throw std::runtime_error(
+        StrCat(op, ": ", arg, " has shape ", tensor.shape(), " but needs ", count, " elements"));
+  }
+}
+
+void CheckOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
+                 const std::vector<long>& expected, DataType dtype) {
+  CheckPresent(op, arg, tensor);
+  CheckContiguous(op, arg, tensor);
+  CheckSizes(op, arg, tensor, expected, "the input");
+  if (tensor.dtype() != dtype) {
+    throw std::invalid_argument(
+        StrCat(op, ": ", arg, " type ", tensor.dtype(), " differs from the input type ", dtype));
+  }
+}
+
+RunSplit SplitRun(long length) {
+  RunSplit split;
+  split.vec = AdjustVecSize(4, length);
+  split.leftover = static_cast<int>(length % split.vec);
+  split.vectors = length / split.vec;
+  return split;
+}
+
+BuildOption NormBuildOption(DataType dtype, const RunSplit& split) {
+  BuildOption options;
+  options.AddDefinition("DTYPE", GetDataTypeCode(dtype))
+      .AddDefinitionAutoType("VEC_SIZE", split.vec)
+      .AddDefinitionAutoType("VEC_SIZE_LEFTOVER", split.leftover)
+      .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize);
+  return options;
+}
+
+void AddTensorSwitch(BuildOption& options, const Tensor& tensor, const std::string& flag,
+                     const std::string& type_name) {
+  if (!tensor.defined()) return;
+  options.AddOption("-D" + flag).AddDefinition(type_name, GetDataTypeCode(tensor.dtype()));
+}
+
+bool RowCacheFits(const SessionImpl& session, long floats, int vec) {
+  const unsigned long bytes = static_cast<unsigned long>(floats * 4 + 512L * vec);
+  return bytes <= session.local_mem_size();
+}
+
+std::vector<std::string> NormSources(const std::string& program) {
+  return {"common.h", "reduce.h", "norm.h", program};
+}
+
+}  // namespace cl
+}  // namespace nerva

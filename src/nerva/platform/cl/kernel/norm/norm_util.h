@@ -1,0 +1,64 @@
+#pragma once
+
+// Host pieces shared by the normalisation kernels: optional inputs, type
+// checks, the common build definitions and the local row-cache rule.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "nerva/buffer.h"
+#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
+#include "nerva/platform/cl/program.h"
+#include "nerva/tensor.h"
+
+namespace nerva {
+namespace cl {
+
+class SessionImpl;
+
+// An input the caller may leave out: undefined when its option has an empty
+// shape or its buffer is null.
+Tensor OptionalTensor(const TensorOption& option, const Buffer& buffer);
+
+// A tensor the caller must give: a rank-0 option, or a null buffer under a
+// non-empty shape, throws std::invalid_argument "<op>: <arg> is undefined".
+void CheckPresent(const std::string& op, const std::string& arg, const Tensor& tensor);
+// Normalised data and statistics are float or half; anything else throws
+// std::invalid_argument "<op>: unsupported <arg> type DataType::...".
+void CheckNormType(const std::string& op, const std::string& arg, const Tensor& tensor);
+// A defined output of `count` elements, contiguous, float or half.
+void CheckStatOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
+                     long count);
+// A defined output with `expected` sizes and the type `dtype`, contiguous.
+void CheckOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
+                 const std::vector<long>& expected, DataType dtype);
+
+// The vector width and leftover of a run of `length` elements.
+struct RunSplit {
+  int vec = 1;
+  int leftover = 0;
+  long vectors = 0;  // whole vectors after the leftover elements
+};
+RunSplit SplitRun(long length);
+
+// DTYPE, VEC_SIZE, VEC_SIZE_LEFTOVER and BLOCK_SIZE.
+BuildOption NormBuildOption(DataType dtype, const RunSplit& split);
+// `flag` and `type_name`=type of `tensor` when it is defined.
+void AddTensorSwitch(BuildOption& options, const Tensor& tensor, const std::string& flag,
+                     const std::string& type_name);
+
+// True when `floats` cached floats per group plus the two reduction arrays
+// ((vectors * 4 + 512) * vec bytes for one row) fit in the device's local memory.
+bool RowCacheFits(const SessionImpl& session, long floats, int vec);
+
+// The sources of a normalisation program: the shared headers, then `program`.
+std::vector<std::string> NormSources(const std::string& program);
+
+// Rows x run view of a contiguous tensor, `step` elements per item along x.
+inline ClTensor RowView(const Tensor& tensor, long rows, long run, uint32_t step = 1) {
+  return ContiguousView(tensor, {rows, run}, step);
+}
+
+}  // namespace cl
+}  // namespace nerva
