@@ -22,7 +22,7 @@
 #else
 #define LN_CACHE_PARAM
 #define LN_KEEP(i, x)
-#define LN_X(i) NORM_LOAD(DTYPE, p + VEC_SIZE_LEFTOVER + (i) * VEC_SIZE)
+#define LN_X(i) NORM_LOAD(DTYPE, p + VEC_SIZE_LEFTOVER + (i)*VEC_SIZE)
 #endif
 
 #ifdef USE_SCALE
@@ -39,11 +39,11 @@
 #define LN_BIAS_PARAM DECL_TENSOR2D(bias),
 /* Bias of whole vector i (after the shift by the leading elements) and of
  * the row's first vector. */
-#define LN_B(i)                                                                \
-  NORM_LOAD(DTYPE_BIAS, (__global DTYPE_BIAS *)(TENSOR_BASE(bias) +                \
-                                                VEC_SIZE_LEFTOVER * LN_BIAS_STRIDE + \
-                                                (i) * VEC_SIZE * bias_stride_x))
-#define LN_B_FIRST() NORM_LOAD(DTYPE_BIAS, (__global DTYPE_BIAS *)TENSOR_BASE(bias))
+#define LN_B(i)                                                                             \
+  NORM_LOAD(DTYPE_BIAS,                                                                     \
+            (__global DTYPE_BIAS*)(TENSOR_BASE(bias) + VEC_SIZE_LEFTOVER * LN_BIAS_STRIDE + \
+                                   (i)*VEC_SIZE * bias_stride_x))
+#define LN_B_FIRST() NORM_LOAD(DTYPE_BIAS, (__global DTYPE_BIAS*)TENSOR_BASE(bias))
 #else
 #define LN_BIAS_PARAM
 #define LN_B(i) ((NORM_VEC)(0.0f))
@@ -64,13 +64,13 @@
 #define LN_OUT(x, w, b) ((x) * ((w)*row_rstd) + ((b)-row_mean * ((w)*row_rstd)))
 
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm(
-    LN_CACHE_PARAM DECL_TENSOR2D(src), LN_SCALE_PARAM LN_BIAS_PARAM LN_MEAN_PARAM LN_RSTD_PARAM
-        DECL_TENSOR2D(dst),
+    LN_CACHE_PARAM DECL_TENSOR2D(src),
+    LN_SCALE_PARAM LN_BIAS_PARAM LN_MEAN_PARAM LN_RSTD_PARAM DECL_TENSOR2D(dst),
     int mult_of_vector_size, float inv_normalized_size) {
   const int lid = get_local_id(0);
   const int row = get_global_id(1);
-  __global const DTYPE *p = TENSOR2D_PTR(src, DTYPE, 0, row);
-  __global DTYPE *q = TENSOR2D_PTR(dst, DTYPE, 0, row);
+  __global const DTYPE* p = TENSOR2D_PTR(src, DTYPE, 0, row);
+  __global DTYPE* q = TENSOR2D_PTR(dst, DTYPE, 0, row);
   NORM_DECL_LOCALS
 
   NORM_VEC s = 0.0f, ss = 0.0f;
