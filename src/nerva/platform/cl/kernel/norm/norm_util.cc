@@ -48,6 +48,24 @@ void CheckOutput(const std::string& op, const std::string& arg, const Tensor& te
   }
 }
 
+ChannelFold FoldChannels(const std::string& op, const Tensor& input) {
+  const auto& sizes = input.shape().sizes();
+  if (sizes.size() < 2) {
+    throw std::runtime_error(
+        StrCat(op, ": input must have at least 2 dimensions, got shape ", input.shape()));
+  }
+  return {sizes[0], sizes[1], Product(sizes, 2, sizes.size())};
+}
+
+void CheckChannelTensor(const std::string& op, const std::string& arg, const Tensor& tensor,
+                        long channels) {
+  CheckNormType(op, arg, tensor);
+  if (ElementCount(tensor) != channels) {
+    throw std::runtime_error(StrCat(op, ": ", arg, " has shape ", tensor.shape(),
+                                    " but the input has ", channels, " channels"));
+  }
+}
+
 RunSplit SplitRun(long length) {
   RunSplit split;
   split.vec = AdjustVecSize(4, length);

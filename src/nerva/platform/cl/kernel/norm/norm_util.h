@@ -34,6 +34,19 @@ void CheckStatOutput(const std::string& op, const std::string& arg, const Tensor
 void CheckOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
                  const std::vector<long>& expected, DataType dtype);
 
+// An (N, C, spatial...) input as batch x channels x spatial run; fewer than two
+// dimensions throw std::runtime_error.
+struct ChannelFold {
+  long batch = 0;
+  long channels = 0;
+  long spatial = 1;
+};
+ChannelFold FoldChannels(const std::string& op, const Tensor& input);
+// A defined per-channel tensor (weight, bias, running statistics) of
+// `channels` elements, float or half.
+void CheckChannelTensor(const std::string& op, const std::string& arg, const Tensor& tensor,
+                        long channels);
+
 // The vector width and leftover of a run of `length` elements.
 struct RunSplit {
   int vec = 1;
