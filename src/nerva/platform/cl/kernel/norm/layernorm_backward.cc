@@ -43,13 +43,8 @@ bool LayerNormBackwardKernel::WritesGradBias() const {
 
 bool LayerNormBackwardKernel::Verify() const {
   CheckPresent(name(), "input", input_);
-  CheckPresent(name(), "grad_output", grad_);
   CheckNormType(name(), "input", input_);
-  CheckSameSizes(name(), "grad_output", grad_, "input", input_);
-  if (grad_.dtype() != input_.dtype()) {
-    throw std::invalid_argument(StrCat(name(), ": grad_output type ", grad_.dtype(),
-                                       " differs from the input type ", input_.dtype()));
-  }
+  CheckLike(name(), "grad_output", grad_, "input", input_);
   long rows = 0, length = 0;
   LayerNormSplit(name(), input_.shape().sizes(), option_.normalized_shape, &rows, &length);
   for (const Tensor* t : {&mean_, &rstd_}) {

@@ -37,6 +37,16 @@ void CheckStatOutput(const std::string& op, const std::string& arg, const Tensor
   }
 }
 
+void CheckLike(const std::string& op, const std::string& arg, const Tensor& tensor,
+               const std::string& other_arg, const Tensor& other) {
+  CheckPresent(op, arg, tensor);
+  CheckSameSizes(op, arg, tensor, other_arg, other);
+  if (tensor.dtype() != other.dtype()) {
+    throw std::invalid_argument(StrCat(op, ": ", arg, " type ", tensor.dtype(),
+                                       " differs from the ", other_arg, " type ", other.dtype()));
+  }
+}
+
 void CheckOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
                  const std::vector<long>& expected, DataType dtype) {
   CheckPresent(op, arg, tensor);

@@ -3,6 +3,7 @@
 // Host pieces shared by the normalisation kernels: optional inputs, type
 // checks, the common build definitions and the local row-cache rule.
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,6 +31,9 @@ void CheckNormType(const std::string& op, const std::string& arg, const Tensor& 
 // A defined output of `count` elements, contiguous, float or half.
 void CheckStatOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
                      long count);
+// A given input with the sizes and type of `other`.
+void CheckLike(const std::string& op, const std::string& arg, const Tensor& tensor,
+               const std::string& other_arg, const Tensor& other);
 // A defined output with `expected` sizes and the type `dtype`, contiguous.
 void CheckOutput(const std::string& op, const std::string& arg, const Tensor& tensor,
                  const std::vector<long>& expected, DataType dtype);
@@ -46,6 +50,16 @@ ChannelFold FoldChannels(const std::string& op, const Tensor& input);
 // `channels` elements, float or half.
 void CheckChannelTensor(const std::string& op, const std::string& arg, const Tensor& tensor,
                         long channels);
+
+// The three outputs of a normalisation backward: each is written when its
+// output_mask entry is set and the caller gives it.
+struct GradOutputs {
+  std::array<bool, 3> mask{true, true, true};
+  Tensor input, weight, bias;
+  bool WritesInput() const { return mask[0] && input.defined(); }
+  bool WritesWeight() const { return mask[1] && weight.defined(); }
+  bool WritesBias() const { return mask[2] && bias.defined(); }
+};
 
 // The vector width and leftover of a run of `length` elements.
 struct RunSplit {
