@@ -15,7 +15,8 @@ Tensor OptionalTensor(const TensorOption& option, const Buffer& buffer) {
 }
 
 void CheckPresent(const std::string& op, const std::string& arg, const Tensor& tensor) {
-  if (tensor.shape().ndim() == 0 || (ElementCount(tensor) > 0 && !tensor.storage())) {
+  if (!tensor.impl() || tensor.shape().ndim() == 0 ||
+      (ElementCount(tensor) > 0 && !tensor.storage())) {
     throw std::invalid_argument(StrCat(op, ": ", arg, " is undefined"));
   }
 }
