@@ -68,6 +68,7 @@ TEST(ClGroupNormTest, SpatialRunsAndGroups) {
   RunGroupNorm({{2, 4, 4, 16}, 2}, seed++);  // two spatial dimensions, 64 elements
   RunGroupNorm({{1, 2, 4097}, 1}, seed++);
   RunGroupNorm({{2, 6, 5}, 6, false}, seed++);  // one channel per group, no affine
+  RunGroupNorm({{33, 4, 5}, 2}, seed++);        // 66 groups: one item each on CPU devices
 }
 
 TEST(ClGroupNormTest, SavedStatisticsAndHalf) {

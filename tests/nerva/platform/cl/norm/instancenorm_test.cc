@@ -43,6 +43,7 @@ TEST(ClInstanceNormTest, SpatialRunsAffineAndHalf) {
   RunInstanceNorm({1, 2, 4097}, true, kFloat, seed++);
   RunInstanceNorm({3, 2, 5}, false, kFloat, seed++);
   RunInstanceNorm({2, 3, 67}, true, kHalf, seed++);
+  RunInstanceNorm({33, 2, 5}, true, kFloat, seed++);  // one item per run on CPU devices
 }
 
 TEST(ClInstanceNormTest, RejectsBadArguments) {

@@ -91,6 +91,8 @@ TEST(ClLayerNormTest, SavedStatisticsAndConstantRows) {
   RunLayerNorm({{5, 64}, 1, true, true, true}, seed++);
   RunLayerNorm({{5, 64}, 1, true, true, true, kFloat, true}, seed++);
   RunLayerNorm({{5, 5}, 1, true, true, true, kFloat, true}, seed++);
+  // 64 rows or more: one item per row on CPU devices.
+  RunLayerNorm({{80, 5}, 1, true, true, true}, seed++);
 }
 
 TEST(ClLayerNormTest, HalfData) {

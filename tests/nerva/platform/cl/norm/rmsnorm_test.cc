@@ -43,6 +43,7 @@ TEST(ClRMSNormTest, RowLengthsWeightAndHalf) {
   RunRMSNorm({2, 2, 5}, false, kFloat, seed++);
   RunRMSNorm({4, 64}, true, kFloat, seed++, true);
   RunRMSNorm({3, 67}, true, kHalf, seed++);
+  RunRMSNorm({70, 5}, true, kFloat, seed++);  // one item per row on CPU devices
 }
 
 TEST(ClRMSNormTest, RejectsBadArguments) {

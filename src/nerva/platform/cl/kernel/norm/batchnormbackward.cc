@@ -73,7 +73,8 @@ void BatchNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
       out_.WritesInput() && option_.training && RowCacheFits(*session, floats, split.vec);
   const bool cache_g =
       out_.WritesInput() && RowCacheFits(*session, (cache_x ? 2 : 1) * floats, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, fold.channels);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddOptionIf(option_.training, "-DTRAINING")
       .AddOptionIf(weight_.defined(), "-DUSE_WEIGHT")
       .AddOptionIf(out_.WritesInput(), "-DSAVE_GRAD_INPUT")
@@ -98,8 +99,8 @@ void BatchNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(static_cast<int>(fold.batch))
       .SetArg(1.0f / static_cast<float>(fold.batch * fold.spatial))
       .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(fold.channels)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(fold.channels)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 NERVA_STATIC_REGISTER {

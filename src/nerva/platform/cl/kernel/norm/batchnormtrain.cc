@@ -71,7 +71,8 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long cached = fold.batch * split.vectors * split.vec;
   const bool share = RowCacheFits(*session, cached, split.vec);
   const bool update = running_mean_.defined();
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, fold.channels);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddOptionIf(update, "-DUPDATE_RUNNING")
       .AddOptionIf(weight_.defined(), "-DUSE_SCALE")
       .AddOptionIf(bias_.defined(), "-DUSE_BIAS")
@@ -104,8 +105,8 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(static_cast<float>(n) / static_cast<float>(n - 1))
       .SetArg(option_.momentum)
       .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(fold.channels)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(fold.channels)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 NERVA_STATIC_REGISTER {

@@ -65,7 +65,8 @@ void GroupNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(fold.spatial);
   const long cached = per_group * split.vectors * split.vec;
   const bool share = RowCacheFits(*session, cached, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, groups * fold.batch);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");
   AddTensorSwitch(options, mean_, "SAVE_MEAN", "MEAN_DTYPE");
@@ -86,9 +87,9 @@ void GroupNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(per_group * fold.spatial))
       .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(groups),
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(groups),
                   static_cast<size_t>(fold.batch)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1, 1});
+      .SetLocal({static_cast<size_t>(block), 1, 1});
 }
 
 GroupNormWithTrainingKernel::GroupNormWithTrainingKernel(

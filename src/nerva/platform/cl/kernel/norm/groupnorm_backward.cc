@@ -65,8 +65,8 @@ void GroupNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (out_.WritesWeight() || out_.WritesBias()) CompileGradWeightBias(session);
 }
 
-BuildOption GroupNormBackwardKernel::Options(const RunSplit& split) const {
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+BuildOption GroupNormBackwardKernel::Options(const RunSplit& split, int block) const {
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()));
   return options;
@@ -78,7 +78,8 @@ void GroupNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
   const long floats = per_group * split.vectors * split.vec;
   const bool cache_x = RowCacheFits(*session, floats, split.vec);
   const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec);
-  BuildOption options = Options(split);
+  const int block = NormBlockSize(*session, groups * fold_.batch);
+  BuildOption options = Options(split, block);
   AddTensorSwitch(options, weight_, "USE_WEIGHT", "DTYPE_WEIGHT");
   options.AddOptionIf(cache_x, "-DUSE_INPUT_SHARE_MEMORY")
       .AddOptionIf(cache_g, "-DUSE_GRAD_SHARE_MEMORY");
@@ -98,15 +99,16 @@ void GroupNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
       .SetArg(static_cast<int>(per_group))
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(per_group * fold_.spatial))
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(groups),
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(groups),
                   static_cast<size_t>(fold_.batch)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1, 1});
+      .SetLocal({static_cast<size_t>(block), 1, 1});
 }
 
 void GroupNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   const long groups = option_.num_groups, per_group = fold_.channels / groups;
   const RunSplit split = SplitRun(fold_.spatial);
-  BuildOption options = Options(split);
+  const int block = NormBlockSize(*session, fold_.channels);
+  BuildOption options = Options(split, block);
   options.AddOption("-DGRAD_WEIGHT_BIAS");
   const Tensor none;
   AddTensorSwitch(options, out_.WritesWeight() ? out_.weight : none, "SAVE_WEIGHT", "DTYPE_SCALE");
@@ -124,8 +126,8 @@ void GroupNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
   unit->SetArg(static_cast<int>(fold_.batch))
       .SetArg(static_cast<int>(per_group))
       .SetArg(static_cast<int>(split.vectors))
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(fold_.channels)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(fold_.channels)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 NERVA_STATIC_REGISTER {

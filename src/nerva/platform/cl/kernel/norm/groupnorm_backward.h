@@ -32,7 +32,7 @@ class GroupNormBackwardKernel : public KernelImpl {
   void CompileGradWeightBias(std::shared_ptr<SessionImpl> session);
 
  private:
-  BuildOption Options(const RunSplit& split) const;
+  BuildOption Options(const RunSplit& split, int block) const;
 
   GroupNormBackwardOption option_;
   Tensor grad_, input_, mean_, rstd_, weight_;

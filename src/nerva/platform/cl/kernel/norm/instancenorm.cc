@@ -46,7 +46,8 @@ void InstanceNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (bias_.defined()) bias_ = MakeContiguous(*this, session, bias_);
   const RunSplit split = SplitRun(fold.spatial);
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, fold.channels * fold.batch);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");
   options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
@@ -61,9 +62,9 @@ void InstanceNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(fold.spatial))
       .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(fold.channels),
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(fold.channels),
                   static_cast<size_t>(fold.batch)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1, 1});
+      .SetLocal({static_cast<size_t>(block), 1, 1});
 }
 
 NERVA_STATIC_REGISTER {

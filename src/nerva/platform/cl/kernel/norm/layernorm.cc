@@ -91,7 +91,8 @@ void LayerNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (bias_.defined()) bias_ = MakeContiguous(*this, session, bias_);
   const RunSplit split = SplitRun(length);
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, rows);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinitionAutoType("EPS", option_.eps);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");
@@ -109,8 +110,8 @@ void LayerNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   unit->SetArg(RowView(output_, rows, length))
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(length))
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(rows)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 LayerNormWithTrainingKernel::LayerNormWithTrainingKernel(

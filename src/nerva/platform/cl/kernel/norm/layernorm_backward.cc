@@ -88,7 +88,8 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
   // The input row, then g * w, each kept when everything kept so far fits.
   const bool cache_x = RowCacheFits(*session, floats, split.vec);
   const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, rows_);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()));
   AddTensorSwitch(options, weight_, "USE_WEIGHT", "DTYPE_WEIGHT");
@@ -108,13 +109,13 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
   unit->SetArg(RowView(grad_input_, rows_, length_))
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(length_))
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(rows_)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows_)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(length_);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()))
       .AddOption("-DGRAD_WEIGHT_BIAS");

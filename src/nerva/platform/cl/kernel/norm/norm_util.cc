@@ -85,12 +85,17 @@ RunSplit SplitRun(long length) {
   return split;
 }
 
-BuildOption NormBuildOption(DataType dtype, const RunSplit& split) {
+int NormBlockSize(const SessionImpl& session, long groups) {
+  const bool cpu = session.device().getInfo<CL_DEVICE_TYPE>() == CL_DEVICE_TYPE_CPU;
+  return cpu && groups >= kReduceBlockSize ? 1 : kReduceBlockSize;
+}
+
+BuildOption NormBuildOption(DataType dtype, const RunSplit& split, int block) {
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(dtype))
       .AddDefinitionAutoType("VEC_SIZE", split.vec)
       .AddDefinitionAutoType("VEC_SIZE_LEFTOVER", split.leftover)
-      .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize);
+      .AddDefinitionAutoType("BLOCK_SIZE", block);
   return options;
 }
 

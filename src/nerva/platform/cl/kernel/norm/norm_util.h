@@ -69,8 +69,15 @@ struct RunSplit {
 };
 RunSplit SplitRun(long length);
 
-// DTYPE, VEC_SIZE, VEC_SIZE_LEFTOVER and BLOCK_SIZE.
-BuildOption NormBuildOption(DataType dtype, const RunSplit& split);
+// The group size of the programs that fold a row per group, for `groups`
+// groups: 64, except on devices whose compiler targets the host CPU when
+// there are at least 64 groups: there a group's items run one after the
+// other on one thread, so one item per row reads the row sequentially without
+// barriers, and the many groups keep the cores busy.
+int NormBlockSize(const SessionImpl& session, long groups);
+
+// DTYPE, VEC_SIZE, VEC_SIZE_LEFTOVER and BLOCK_SIZE (`block`).
+BuildOption NormBuildOption(DataType dtype, const RunSplit& split, int block);
 // `flag` and `type_name`=type of `tensor` when it is defined.
 void AddTensorSwitch(BuildOption& options, const Tensor& tensor, const std::string& flag,
                      const std::string& type_name);

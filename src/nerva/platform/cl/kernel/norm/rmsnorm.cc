@@ -44,7 +44,8 @@ void RMSNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   const RunSplit split = SplitRun(length);
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
-  BuildOption options = NormBuildOption(input_.dtype(), split);
+  const int block = NormBlockSize(*session, rows);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
   auto unit =
@@ -56,8 +57,8 @@ void RMSNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(length))
       .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(kReduceBlockSize), static_cast<size_t>(rows)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 NERVA_STATIC_REGISTER {
