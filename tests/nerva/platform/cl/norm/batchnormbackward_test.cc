@@ -94,10 +94,8 @@ TEST(ClBatchNormBackwardTest, TrainingAndInferenceForms) {
   unsigned seed = 7100;
   RunBackward({{2, 3, 5}, true}, seed++);
   RunBackward({{4, 3}, true}, seed++);
-  RunBackward({{2, 3, 4, 16}, true}, seed++);
   RunBackward({{2, 2, 4097}, true}, seed++);
   RunBackward({{2, 3, 5}, false}, seed++);
-  RunBackward({{4, 3}, false}, seed++);
   RunBackward({{2, 64, 5}, true}, seed++);  // one item per channel on CPU devices
 }
 
