@@ -69,11 +69,11 @@ void BatchNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(fold.spatial);
   const long floats = fold.batch * split.vectors * split.vec;
   // The second pass of the input gradient reads x (training only) and dy again.
-  const bool cache_x =
-      out_.WritesInput() && option_.training && RowCacheFits(*session, floats, split.vec);
-  const bool cache_g =
-      out_.WritesInput() && RowCacheFits(*session, (cache_x ? 2 : 1) * floats, split.vec);
   const int block = NormBlockSize(*session, fold.channels);
+  const bool cache_x =
+      out_.WritesInput() && option_.training && RowCacheFits(*session, floats, split.vec, block);
+  const bool cache_g =
+      out_.WritesInput() && RowCacheFits(*session, (cache_x ? 2 : 1) * floats, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddOptionIf(option_.training, "-DTRAINING")
       .AddOptionIf(weight_.defined(), "-DUSE_WEIGHT")

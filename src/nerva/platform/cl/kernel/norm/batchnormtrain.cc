@@ -69,9 +69,9 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
   const RunSplit split = SplitRun(fold.spatial);
   const long cached = fold.batch * split.vectors * split.vec;
-  const bool share = RowCacheFits(*session, cached, split.vec);
-  const bool update = running_mean_.defined();
   const int block = NormBlockSize(*session, fold.channels);
+  const bool share = RowCacheFits(*session, cached, split.vec, block);
+  const bool update = running_mean_.defined();
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddOptionIf(update, "-DUPDATE_RUNNING")
       .AddOptionIf(weight_.defined(), "-DUSE_SCALE")

@@ -64,8 +64,8 @@ void GroupNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long groups = option_.num_groups, per_group = fold.channels / groups;
   const RunSplit split = SplitRun(fold.spatial);
   const long cached = per_group * split.vectors * split.vec;
-  const bool share = RowCacheFits(*session, cached, split.vec);
   const int block = NormBlockSize(*session, groups * fold.batch);
+  const bool share = RowCacheFits(*session, cached, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");

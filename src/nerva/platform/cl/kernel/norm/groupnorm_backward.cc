@@ -76,9 +76,9 @@ void GroupNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
   const long groups = option_.num_groups, per_group = fold_.channels / groups;
   const RunSplit split = SplitRun(fold_.spatial);
   const long floats = per_group * split.vectors * split.vec;
-  const bool cache_x = RowCacheFits(*session, floats, split.vec);
-  const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec);
   const int block = NormBlockSize(*session, groups * fold_.batch);
+  const bool cache_x = RowCacheFits(*session, floats, split.vec, block);
+  const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec, block);
   BuildOption options = Options(split, block);
   AddTensorSwitch(options, weight_, "USE_WEIGHT", "DTYPE_WEIGHT");
   options.AddOptionIf(cache_x, "-DUSE_INPUT_SHARE_MEMORY")

@@ -45,8 +45,8 @@ void InstanceNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   if (bias_.defined()) bias_ = MakeContiguous(*this, session, bias_);
   const RunSplit split = SplitRun(fold.spatial);
-  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
   const int block = NormBlockSize(*session, fold.channels * fold.batch);
+  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");

@@ -90,8 +90,8 @@ void LayerNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   if (bias_.defined()) bias_ = MakeContiguous(*this, session, bias_);
   const RunSplit split = SplitRun(length);
-  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
   const int block = NormBlockSize(*session, rows);
+  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinitionAutoType("EPS", option_.eps);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");

@@ -86,9 +86,9 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
   const RunSplit split = SplitRun(length_);
   const long floats = split.vectors * split.vec;
   // The input row, then g * w, each kept when everything kept so far fits.
-  const bool cache_x = RowCacheFits(*session, floats, split.vec);
-  const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec);
   const int block = NormBlockSize(*session, rows_);
+  const bool cache_x = RowCacheFits(*session, floats, split.vec, block);
+  const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()));

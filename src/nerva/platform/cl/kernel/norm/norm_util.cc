@@ -105,7 +105,8 @@ void AddTensorSwitch(BuildOption& options, const Tensor& tensor, const std::stri
   options.AddOption("-D" + flag).AddDefinition(type_name, GetDataTypeCode(tensor.dtype()));
 }
 
-bool RowCacheFits(const SessionImpl& session, long floats, int vec) {
+bool RowCacheFits(const SessionImpl& session, long floats, int vec, int block) {
+  if (block == 1) return false;
   const unsigned long bytes = static_cast<unsigned long>(floats * 4 + 512L * vec);
   return bytes <= session.local_mem_size();
 }

@@ -83,8 +83,11 @@ void AddTensorSwitch(BuildOption& options, const Tensor& tensor, const std::stri
                      const std::string& type_name);
 
 // True when `floats` cached floats per group plus the two reduction arrays
-// ((vectors * 4 + 512) * vec bytes for one row) fit in the device's local memory.
-bool RowCacheFits(const SessionImpl& session, long floats, int vec);
+// ((vectors * 4 + 512) * vec bytes for one row) fit in the device's local
+// memory. Groups of one item (host-CPU devices) keep no cache: their item
+// reads the row again from the processor's cache, and the local array, host
+// memory itself, would only add copies.
+bool RowCacheFits(const SessionImpl& session, long floats, int vec, int block);
 
 // The sources of a normalisation program: the shared headers, then `program`.
 std::vector<std::string> NormSources(const std::string& program);

@@ -43,8 +43,8 @@ void RMSNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   input_ = MakeContiguous(*this, session, input_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   const RunSplit split = SplitRun(length);
-  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec);
   const int block = NormBlockSize(*session, rows);
+  const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
