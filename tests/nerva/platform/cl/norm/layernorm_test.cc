@@ -100,6 +100,29 @@ TEST(ClLayerNormTest, HalfData) {
   RunLayerNorm({{3, 2, 67}, 1, true, true, false, kHalf}, 1501);
 }
 
+TEST(ClLayerNormTest, TransposedInput) {
+  // A [5, 8] tensor viewed as [8, 5]: rows of 5 elements strided by 8.
+  const std::vector<double> base = RoundTrip(RandomValues(40, -2, 3, 1600), kFloat);
+  const std::vector<double> w = RoundTrip(RandomValues(5, 0.5, 1.5, 1601), kFloat);
+  const std::vector<double> b = RoundTrip(RandomValues(5, -1, 1, 1602), kFloat);
+  const Tensor input = UploadAs(base, {5, 8}, kFloat).Transpose({1, 0});
+  ASSERT_FALSE(input.is_contiguous());
+  Tensor weight = UploadAs(w, {5}, kFloat), bias = UploadAs(b, {5}, kFloat);
+  Tensor output = MakeOutput({8, 5}, kFloat);
+  TestQueue().Enqueue(LayerNorm::Create(
+      TestQueue(), LayerNormOption{{5}}, input.option(), input.storage(), weight.option(),
+      weight.storage(), bias.option(), bias.storage(), output.option(), output.storage()));
+  std::vector<double> x(40), want(40);
+  for (long r = 0; r < 8; ++r) {
+    for (long k = 0; k < 5; ++k) x[r * 5 + k] = base[k * 8 + r];
+  }
+  for (long r = 0; r < 8; ++r) {
+    const Stats st = RunStats(x, r * 5, 1, 0, 5, 1e-5);
+    for (long k = 0; k < 5; ++k) want[r * 5 + k] = (x[r * 5 + k] - st.mean) * st.rstd * w[k] + b[k];
+  }
+  ExpectClose(DownloadAs(output), want, 2e-4, 1e-4, "output");
+}
+
 TEST(ClLayerNormTest, RejectsBadArguments) {
   Buffer buf = TestSession().MakeBuffer(kMemReadWrite, 4096);
   const TensorOption x{Shape({2, 6}), kFloat};
