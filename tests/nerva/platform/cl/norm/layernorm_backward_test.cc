@@ -81,6 +81,7 @@ TEST(ClLayerNormBackwardTest, AllGradientsOverRowLengths) {
   unsigned seed = 2100;
   for (long n : {1L, 5L, 64L, 4097L}) RunBackward({3, n}, seed++);
   RunBackward({70, 5}, seed++);  // more rows than one block of the column walk
+  RunBackward({70, 133}, seed++);  // 34 column vectors: chunks of 16 on CPU devices
 }
 
 TEST(ClLayerNormBackwardTest, WithoutWeightAndPartialMasks) {

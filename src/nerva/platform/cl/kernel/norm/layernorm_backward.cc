@@ -115,7 +115,13 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(length_);
-  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
+  // On host-CPU devices with many rows an item walks a chunk of 16 column
+  // vectors (rows read as contiguous runs); elsewhere groups of 64 items
+  // walk one vector each.
+  const bool chunked = NormBlockSize(*session, rows_) == 1;
+  const int chunk = chunked ? 16 : 1, block = chunked ? 1 : kReduceBlockSize;
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
+  options.AddDefinitionAutoType("COLUMN_CHUNK", chunk);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()))
       .AddOption("-DGRAD_WEIGHT_BIAS");
@@ -135,8 +141,8 @@ void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
   const long items = split.vectors + (split.leftover ? 1 : 0);
   unit->SetArg(static_cast<int>(rows_))
       .SetArg(static_cast<int>(items))
-      .SetGlobal({static_cast<size_t>(items)})
-      .SetLocal({static_cast<size_t>(kReduceBlockSize)});
+      .SetGlobal({static_cast<size_t>((items + chunk - 1) / chunk)})
+      .SetLocal({static_cast<size_t>(block)});
 }
 
 NERVA_STATIC_REGISTER {

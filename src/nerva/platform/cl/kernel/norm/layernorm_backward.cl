@@ -14,7 +14,8 @@
  * items, the first vector shifted as in VEC_OFFSET) walks the rows:
  * dw = sum grad * x^ (SAVE_WEIGHT, DTYPE_SCALE) and db = sum grad (SAVE_BIAS,
  * DTYPE_BIAS). Groups meet at a barrier every LNB_ROWS rows, so on devices
- * that run a group's items one after the other the rows stay cached.
+ * that run a group's items one after the other the rows stay cached; with
+ * COLUMN_CHUNK above 1 an item takes that many neighbouring vectors instead.
  */
 // #include "common.h"
 // #include "reduce.h"
@@ -114,6 +115,37 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_
 #define LNB_DB_PARAM
 #endif
 
+#if COLUMN_CHUNK > 1
+/* Each item sums COLUMN_CHUNK neighbouring column vectors, so it reads every
+ * row as one contiguous run (host-CPU devices, groups of one item). */
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
+    DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
+    LNB_DW_PARAM LNB_DB_PARAM int rows, int mult_of_vector_size_x) {
+  const int v0 = get_global_id(0) * COLUMN_CHUNK;
+  const int count = min(COLUMN_CHUNK, mult_of_vector_size_x - v0);
+  NORM_VEC dw[COLUMN_CHUNK], db[COLUMN_CHUNK];
+  for (int j = 0; j < COLUMN_CHUNK; ++j) dw[j] = db[j] = 0.0f;
+  for (int r = 0; r < rows; ++r) {
+    const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
+    const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
+    for (int j = 0; j < count; ++j) {
+      const int col = LNB_COLUMN(v0 + j);
+      const NORM_VEC g = NORM_LOAD(DTYPE, TENSOR2D_PTR(grad, DTYPE, col, r));
+      dw[j] += g * ((NORM_LOAD(DTYPE, TENSOR2D_PTR(src, DTYPE, col, r)) - mu) * rs);
+      db[j] += g;
+    }
+  }
+  for (int j = 0; j < count; ++j) {
+    const int col = LNB_COLUMN(v0 + j);
+#ifdef SAVE_WEIGHT
+    NORM_STORE(DTYPE_SCALE, dw[j], TENSOR1D_PTR(grad_weight, DTYPE_SCALE, col));
+#endif
+#ifdef SAVE_BIAS
+    NORM_STORE(DTYPE_BIAS, db[j], TENSOR1D_PTR(grad_bias, DTYPE_BIAS, col));
+#endif
+  }
+}
+#else
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
     DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
     LNB_DW_PARAM LNB_DB_PARAM int rows, int mult_of_vector_size_x) {
@@ -139,4 +171,5 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_
   NORM_STORE(DTYPE_BIAS, db, TENSOR1D_PTR(grad_bias, DTYPE_BIAS, col));
 #endif
 }
+#endif
 #endif
