@@ -1,0 +1,175 @@
+/*
+ * Gradients of layer normalisation from the saved mean and rstd, on a 2-D
+ * view (rows on y). Definitions: DTYPE (grad, input and grad input),
+ * MEAN_DTYPE, RSTD_DTYPE, VEC_SIZE, VEC_SIZE_LEFTOVER, BLOCK_SIZE.
+ *
+ * layernorm_backward_grad_x: one group per row. With x^ = (x - mean) * rstd
+ * and g^ = grad * w (USE_WEIGHT, DTYPE_WEIGHT), the group sums S1 = sum g^
+ * and S2 = sum g^ x^ give dx = rstd / n * (n g^ - S1 - x^ S2), written
+ * through the factor rstd * inv_normalized_size. Local caches (first
+ * arguments, in this order) keep the row between the two passes:
+ * USE_INPUT_SHARE_MEMORY the input, USE_GRAD_SHARE_MEMORY g^.
+ *
+ * layernorm_backward_grad_wb: one item per vector of columns (mult_of_vector_size_x
+ * items, the first vector shifted as in VEC_OFFSET) walks the rows:
+ * dw = sum grad * x^ (SAVE_WEIGHT, DTYPE_SCALE) and db = sum grad (SAVE_BIAS,
+ * DTYPE_BIAS). Groups meet at a barrier every LNB_ROWS rows, so on devices
+ * that run a group's items one after the other the rows stay cached; with
+ * COLUMN_CHUNK above 1 an item takes that many neighbouring vectors instead.
+ */
+// #include "common.h"
+// #include "reduce.h"
+// #include "norm.h"
+
+#ifdef USE_INPUT_SHARE_MEMORY
+#define LNB_X_CACHE __local float *x_cache,
+#define LNB_KEEP_X(i, v) NORM_CACHE_STORE(x_cache, i, v)
+#define LNB_X(i) NORM_CACHE_LOAD(x_cache, i)
+#else
+#define LNB_X_CACHE
+#define LNB_KEEP_X(i, v)
+#define LNB_X(i) NORM_LOAD(DTYPE, p + VEC_SIZE_LEFTOVER + (i)*VEC_SIZE)
+#endif
+#ifdef USE_GRAD_SHARE_MEMORY
+#define LNB_G_CACHE __local float *g_cache,
+#define LNB_KEEP_G(i, v) NORM_CACHE_STORE(g_cache, i, v)
+#else
+#define LNB_G_CACHE
+#define LNB_KEEP_G(i, v)
+#endif
+#define LNB_W(i) LNB_W_AT(VEC_SIZE_LEFTOVER + (i)*VEC_SIZE)
+#ifdef USE_WEIGHT
+#define LNB_WEIGHT_PARAM DECL_TENSOR2D(weight),
+#define LNB_W_AT(off) NORM_LOAD(DTYPE_WEIGHT, TENSOR2D_PTR(weight, DTYPE_WEIGHT, off, 0))
+#else
+#define LNB_WEIGHT_PARAM
+#define LNB_W_AT(off) ((NORM_VEC)(1.0f))
+#endif
+#ifdef USE_GRAD_SHARE_MEMORY
+#define LNB_GH(i) NORM_CACHE_LOAD(g_cache, i)
+#else
+#define LNB_GH(i) (NORM_LOAD(DTYPE, pg + VEC_SIZE_LEFTOVER + (i)*VEC_SIZE) * LNB_W(i))
+#endif
+
+#ifndef GRAD_WEIGHT_BIAS
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_x(
+    LNB_X_CACHE LNB_G_CACHE DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean),
+    DECL_TENSOR1D(rstd), LNB_WEIGHT_PARAM DECL_TENSOR2D(dst), int mult_of_vector_size,
+    float inv_normalized_size) {
+  const int lid = get_local_id(0);
+  const int row = get_global_id(1);
+  __global const DTYPE* p = TENSOR2D_PTR(src, DTYPE, 0, row);
+  __global const DTYPE* pg = TENSOR2D_PTR(grad, DTYPE, 0, row);
+  __global DTYPE* q = TENSOR2D_PTR(dst, DTYPE, 0, row);
+  const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, row));
+  const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, row));
+  NORM_DECL_LOCALS
+
+  NORM_VEC s1 = 0.0f, s2 = 0.0f;
+  if (VEC_SIZE_LEFTOVER > 0 && lid == 0) {
+    for (int k = 0; k < VEC_SIZE_LEFTOVER; ++k) {
+      const float gh = NORM_LOAD1(DTYPE, pg + k) * NORM_FIRST_LANE(LNB_W_AT(k));
+      NORM_FIRST_LANE(s1) += gh;
+      NORM_FIRST_LANE(s2) += gh * (NORM_LOAD1(DTYPE, p + k) - mu) * rs;
+    }
+  }
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
+    const int off = VEC_SIZE_LEFTOVER + i * VEC_SIZE;
+    const NORM_VEC x = NORM_LOAD(DTYPE, p + off);
+    const NORM_VEC w = LNB_W_AT(off);
+    const NORM_VEC gh = NORM_LOAD(DTYPE, pg + off) * w;
+    LNB_KEEP_X(i, x);
+    LNB_KEEP_G(i, gh);
+    s1 += gh;
+    s2 += gh * ((x - mu) * rs);
+  }
+  NORM_GROUP_SUM2(lid, s1, s2, sum_g, sum_gx)
+  const float n = (float)(mult_of_vector_size * VEC_SIZE + VEC_SIZE_LEFTOVER);
+  const float f = rs * inv_normalized_size;
+#define LNB_DX(x, gh) (f * ((gh)*n - sum_g - ((x)-mu) * rs * sum_gx))
+#if VEC_SIZE_LEFTOVER > 0
+  if (lid == 0) {
+    NORM_STORE(DTYPE, LNB_DX(NORM_LOAD(DTYPE, p), NORM_LOAD(DTYPE, pg) * LNB_W_AT(0)), q);
+  }
+#endif
+  FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
+    NORM_STORE(DTYPE, LNB_DX(LNB_X(i), LNB_GH(i)), q + VEC_SIZE_LEFTOVER + i * VEC_SIZE);
+  }
+}
+
+#else /* GRAD_WEIGHT_BIAS */
+#define LNB_ROWS 32
+#if VEC_SIZE_LEFTOVER == 0
+#define LNB_COLUMN(item) ((item)*VEC_SIZE)
+#else
+#define LNB_COLUMN(item) VEC_OFFSET(item, VEC_SIZE, VEC_SIZE_LEFTOVER)
+#endif
+#ifdef SAVE_WEIGHT
+#define LNB_DW_PARAM DECL_TENSOR1D(grad_weight),
+#else
+#define LNB_DW_PARAM
+#endif
+#ifdef SAVE_BIAS
+#define LNB_DB_PARAM DECL_TENSOR1D(grad_bias),
+#else
+#define LNB_DB_PARAM
+#endif
+
+#if COLUMN_CHUNK > 1
+/* Each item sums COLUMN_CHUNK neighbouring column vectors, so it reads every
+ * row as one contiguous run (host-CPU devices, groups of one item). */
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
+    DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
+    LNB_DW_PARAM LNB_DB_PARAM int rows, int mult_of_vector_size_x) {
+  const int v0 = get_global_id(0) * COLUMN_CHUNK;
+  const int count = min(COLUMN_CHUNK, mult_of_vector_size_x - v0);
+  NORM_VEC dw[COLUMN_CHUNK], db[COLUMN_CHUNK];
+  for (int j = 0; j < COLUMN_CHUNK; ++j) dw[j] = db[j] = 0.0f;
+  for (int r = 0; r < rows; ++r) {
+    const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
+    const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
+    for (int j = 0; j < count; ++j) {
+      const int col = LNB_COLUMN(v0 + j);
+      const NORM_VEC g = NORM_LOAD(DTYPE, TENSOR2D_PTR(grad, DTYPE, col, r));
+      dw[j] += g * ((NORM_LOAD(DTYPE, TENSOR2D_PTR(src, DTYPE, col, r)) - mu) * rs);
+      db[j] += g;
+    }
+  }
+  for (int j = 0; j < count; ++j) {
+    const int col = LNB_COLUMN(v0 + j);
+#ifdef SAVE_WEIGHT
+    NORM_STORE(DTYPE_SCALE, dw[j], TENSOR1D_PTR(grad_weight, DTYPE_SCALE, col));
+#endif
+#ifdef SAVE_BIAS
+    NORM_STORE(DTYPE_BIAS, db[j], TENSOR1D_PTR(grad_bias, DTYPE_BIAS, col));
+#endif
+  }
+}
+#else
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
+    DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
+    LNB_DW_PARAM LNB_DB_PARAM int rows, int mult_of_vector_size_x) {
+  const int item = get_global_id(0);
+  const int col = LNB_COLUMN(min(item, mult_of_vector_size_x - 1));
+  NORM_VEC dw = 0.0f, db = 0.0f;
+  for (int r0 = 0; r0 < rows; r0 += LNB_ROWS) {
+    const int r1 = min(rows, r0 + LNB_ROWS);
+    for (int r = r0; r < r1; ++r) {
+      const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
+      const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
+      const NORM_VEC g = NORM_LOAD(DTYPE, TENSOR2D_PTR(grad, DTYPE, col, r));
+      dw += g * ((NORM_LOAD(DTYPE, TENSOR2D_PTR(src, DTYPE, col, r)) - mu) * rs);
+      db += g;
+    }
+    barrier(CLK_GLOBAL_MEM_FENCE);
+  }
+  if (item >= mult_of_vector_size_x) return;
+#ifdef SAVE_WEIGHT
+  NORM_STORE(DTYPE_SCALE, dw, TENSOR1D_PTR(grad_weight, DTYPE_SCALE, col));
+#endif
+#ifdef SAVE_BIAS
+  NORM_STORE(DTYPE_BIAS, db, TENSOR1D_PTR(grad_bias, DTYPE_BIAS, col));
+#endif
+}
+#endif
+#endif

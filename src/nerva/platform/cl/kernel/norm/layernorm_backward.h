@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "nerva/kernel/train_option.h"
+#include "nerva/platform/cl/kernel_impl.h"
+
+namespace nerva {
+namespace cl {
+
+// Gradients of layer_norm from the saved mean and rstd ("LayerNormBackward",
+// program "layernorm_backward.cl"). The input gradient runs one group per row
+// (CompileGradX), the weight and bias gradients one item per column vector
+// walking the rows (CompileGradWeightBias). An output is written when its
+// output_mask entry is set and the caller gives it; weight and bias may be
+// left out (bias is only checked).
+class LayerNormBackwardKernel : public KernelImpl {
+ public:
+  LayerNormBackwardKernel(const LayerNormBackwardOption& option, const TensorOption& grad_opt,
+                          const Buffer& grad, const TensorOption& input_opt, const Buffer& input,
+                          const TensorOption& mean_opt, const Buffer& mean,
+                          const TensorOption& rstd_opt, const Buffer& rstd,
+                          const TensorOption& weight_opt, const Buffer& weight,
+                          const TensorOption& bias_opt, const Buffer& bias,
+                          const TensorOption& grad_input_opt, Buffer& grad_input,
+                          const TensorOption& grad_weight_opt, Buffer& grad_weight,
+                          const TensorOption& grad_bias_opt, Buffer& grad_bias);
+
+  bool Verify() const override;
+  void Compile(std::shared_ptr<SessionImpl> session) override;
+  void CompileGradX(std::shared_ptr<SessionImpl> session);
+  void CompileGradWeightBias(std::shared_ptr<SessionImpl> session);
+
+ private:
+  bool WritesGradX() const;
+  bool WritesGradWeight() const;
+  bool WritesGradBias() const;
+
+  LayerNormBackwardOption option_;
+  Tensor grad_, input_, mean_, rstd_, weight_, bias_, grad_input_, grad_weight_, grad_bias_;
+  long rows_ = 0;
+  long length_ = 0;
+};
+
+}  // namespace cl
+}  // namespace nerva
