@@ -3,9 +3,9 @@ find_package(OpenCL REQUIRED)
 target_link_libraries(nerva PUBLIC OpenCL::OpenCL)
 
 # Every .cl and device header under platform/cl/kernel becomes a string in a
-# generated source that registers it in SourceManager under its name relative
-# to kernel/, with "device/" folders dropped ("common.h", "activation.cl",
-# "tensorcore/matmul.cl"). Regenerated whenever one of them changes.
+# generated source that registers it in SourceManager under its file name,
+# family and "device/" folders dropped ("common.h", "activation.cl"); the
+# tensor-core family keeps its folder ("tensorcore/matmul.cl"). Regenerated whenever one of them changes.
 set(NERVA_CL_KERNEL_DIR ${CMAKE_CURRENT_LIST_DIR}/kernel)
 file(GLOB_RECURSE NERVA_CL_DEVICE_SOURCES CONFIGURE_DEPENDS
   ${NERVA_CL_KERNEL_DIR}/*.cl ${NERVA_CL_KERNEL_DIR}/*device/*.h)

@@ -6,7 +6,8 @@
 #include <stdexcept>
 
 #include "nerva/platform/cl/cl_test_util.h"
-#include "nerva/platform/cl/kernel/activation.h"
+#include "nerva/platform/cl/kernel/elementwise/activation.h"
+#include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 
 namespace nerva {
 namespace cl {
@@ -277,6 +278,61 @@ TEST(ActivationTest, ExponentialFunctionsAtExtremes) {
       }
     }
   }
+}
+
+// In place (y is x) every length must come out right: an overlapping
+// leftover vector would read elements its neighbour had already written.
+TEST(ActivationTest, InPlaceEveryLength) {
+  for (long n : {5L, 6L, 7L, 8L, 1001L}) {
+    const std::vector<float> input = RandomFloats(static_cast<size_t>(n), -6.0f, 6.0f, 11);
+    Tensor x = Upload(input, {n}, kFloat);
+    TestQueue().Enqueue(Activation::Create(TestQueue(), OptionFor(kSigmoid), x, x));
+    const std::vector<float> out = Download<float>(x, input.size());
+    for (size_t i = 0; i < input.size(); ++i) {
+      ASSERT_NEAR(out[i], 1 / (1 + std::exp(-double(input[i]))), 2e-6) << "n " << n << " at " << i;
+    }
+  }
+}
+
+// The same through two views of one buffer (sub-buffers over the same bytes).
+TEST(ActivationTest, InPlaceThroughBufferViews) {
+  const std::vector<float> input = RandomFloats(5, -6.0f, 6.0f, 12);
+  Tensor base = Upload(input, {5}, kFloat);
+  const TensorOption opt{Shape({5}), kFloat};
+  Buffer in_view = base.storage().View(0, opt.bytes(), kMemReadWrite);
+  Buffer out_view = base.storage().View(0, opt.bytes(), kMemReadWrite);
+  TestQueue().Enqueue(
+      Activation::Create(TestQueue(), OptionFor(kRelu), opt, in_view, opt, out_view));
+  const std::vector<float> out = Download<float>(base, 5);
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(out[i], std::max(input[i], 0.0f)) << i;
+}
+
+TEST(ElementwiseFrameTest, VectorWidthWhenAliased) {
+  EXPECT_EQ(ElementwiseVecSize(4, 5, false), 4);
+  EXPECT_EQ(ElementwiseVecSize(4, 3, false), 3);
+  EXPECT_EQ(ElementwiseVecSize(4, 5, true), 1);
+  EXPECT_EQ(ElementwiseVecSize(4, 6, true), 2);
+  EXPECT_EQ(ElementwiseVecSize(4, 12, true), 4);
+  EXPECT_EQ(ElementwiseVecSize(4, 3, true), 1);
+}
+
+TEST(ElementwiseFrameTest, SharesMemory) {
+  Tensor a = TestSession().MakeTensor({64, 64}, kFloat);
+  Tensor b = TestSession().MakeTensor({64, 64}, kFloat);
+  EXPECT_TRUE(SharesMemory(a, a));
+  EXPECT_FALSE(SharesMemory(a, b));
+  // Disjoint rows of one buffer, and overlapping rows.
+  Tensor top = a.Slice({0, 0}, {32, 64}), bottom = a.Slice({32, 0}, {64, 64});
+  EXPECT_FALSE(SharesMemory(top, bottom));
+  EXPECT_TRUE(SharesMemory(top, a.Slice({31, 0}, {33, 64})));
+  // Sub-buffers (aligned origins): bytes [0, 4096) and [8192, 12288).
+  const TensorOption quarter{Shape({1024}), kFloat};
+  Tensor first(quarter, a.storage().View(0, 4096, kMemReadWrite), 0);
+  Tensor third(quarter, a.storage().View(8192, 4096, kMemReadWrite), 0);
+  EXPECT_FALSE(SharesMemory(first, third));
+  EXPECT_TRUE(SharesMemory(first, top));
+  EXPECT_TRUE(SharesMemory(third, bottom));
+  EXPECT_FALSE(SharesMemory(first, bottom));
 }
 
 TEST(ActivationTest, EmptyTensorIsRejected) {

@@ -1,7 +1,8 @@
-#include "nerva/platform/cl/kernel/activation.h"
+#include "nerva/platform/cl/kernel/elementwise/activation.h"
 
 #include <stdexcept>
 
+#include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -54,7 +55,8 @@ void ActivationKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long n = x_.shape().size();
   const Tensor x = x_.Reshape({n});
   const Tensor y = y_.Reshape({n});
-  const int vec_size = AdjustVecSize(4, n);
+  // In place (y aliasing x) no vector may overlap another: see ElementwiseVecSize.
+  const int vec_size = ElementwiseVecSize(4, n, SharesMemory(x_, y_));
   BuildOption options;
   options.AddDefinition("OP", GetOpCode(option_.op_type))
       .AddDefinitionAutoType("VEC_SIZE", vec_size)

@@ -1,0 +1,359 @@
+#include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+
+#include "nerva/platform/cl/session_impl.h"
+#include "nerva/platform/cl/util.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+namespace {
+
+constexpr size_t kMaxRank = 8;
+
+// The buffer that owns `mem`'s memory and the byte origin of `mem` inside it.
+std::pair<cl_mem, long> RootOf(const Buffer& buffer) {
+  cl_mem mem = static_cast<cl_mem>(buffer.UnsafeGetPtr());
+  cl_mem parent = nullptr;
+  size_t origin = 0;
+  if (clGetMemObjectInfo(mem, CL_MEM_ASSOCIATED_MEMOBJECT, sizeof(parent), &parent, nullptr) !=
+          CL_SUCCESS ||
+      parent == nullptr) {
+    return {mem, 0};
+  }
+  clGetMemObjectInfo(mem, CL_MEM_OFFSET, sizeof(origin), &origin, nullptr);
+  return {parent, static_cast<long>(origin)};
+}
+
+// Byte span [first, last) of a tensor's elements relative to its buffer.
+std::pair<long, long> SpanOf(const Tensor& t) {
+  long lo = t.storage_offset(), hi = t.storage_offset();
+  const long item = static_cast<long>(t.option().item_size());
+  const auto& sizes = t.shape().sizes();
+  const auto& strides = t.shape().strides();
+  if (sizes.empty()) return {lo, lo};
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    if (sizes[i] == 0) return {lo, lo};
+    const long reach = (sizes[i] - 1) * strides[i] * item;
+    (reach < 0 ? lo : hi) += reach;
+  }
+  return {lo, hi + item};
+}
+
+std::string Dims(const std::vector<long>& sizes) {
+  std::ostringstream os;
+  os << "[";
+  for (size_t i = 0; i < sizes.size(); ++i) os << (i ? ", " : "") << sizes[i];
+  os << "]";
+  return os.str();
+}
+
+long Count(const std::vector<long>& sizes) {
+  long n = 1;
+  for (long s : sizes) n *= s;
+  return sizes.empty() ? 0 : n;
+}
+
+bool ValidType(DataType type) {
+  return type >= kHalf && type <= kBool && type != kDouble;
+}
+
+// Element strides of `t` seen with `out_sizes` (right-aligned, 0 where broadcast).
+std::vector<long> BroadcastStrides(const Tensor& t, const std::vector<long>& out_sizes) {
+  const auto& sizes = t.shape().sizes();
+  const auto& strides = t.shape().strides();
+  std::vector<long> result(out_sizes.size(), 0);
+  const size_t lead = out_sizes.size() - sizes.size();
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    result[lead + i] = sizes[i] == 1 ? 0 : strides[i];
+  }
+  return result;
+}
+
+}  // namespace
+
+bool BroadcastTogether(const std::vector<long>& a, const std::vector<long>& b,
+                       std::vector<long>* out) {
+  const size_t rank = std::max(a.size(), b.size());
+  std::vector<long> result(rank);
+  for (size_t i = 0; i < rank; ++i) {
+    const long x = i < a.size() ? a[a.size() - 1 - i] : 1;
+    const long y = i < b.size() ? b[b.size() - 1 - i] : 1;
+    if (x != 1 && y != 1 && x != y) return false;
+    result[rank - 1 - i] = x == 1 ? y : x;
+  }
+  if (out) *out = std::move(result);
+  return true;
+}
+
+bool SharesMemory(const Tensor& a, const Tensor& b) {
+  if (!a.storage() || !b.storage()) return false;
+  const auto ra = RootOf(a.storage());
+  const auto rb = RootOf(b.storage());
+  if (ra.first != rb.first) return false;
+  const auto sa = SpanOf(a), sb = SpanOf(b);
+  if (sa.first == sa.second || sb.first == sb.second) return false;
+  return sa.first + ra.second < sb.second + rb.second &&
+         sb.first + rb.second < sa.second + ra.second;
+}
+
+int ElementwiseVecSize(int requested, long length, bool aliased) {
+  if (!aliased) return AdjustVecSize(requested, length);
+  for (int vec : {4, 2}) {
+    if (vec <= requested && length % vec == 0) return vec;
+  }
+  return 1;
+}
+
+Tensor MakeTensor(const TensorOption& option, const Buffer& buffer) {
+  return Tensor(option, buffer, 0);
+}
+
+bool IsFloat(DataType type) {
+  return TypeTraitsHelper::IsFloattingPoint(type);
+}
+
+bool CanCast(DataType from, DataType to) {
+  if (IsFloat(from) && !IsFloat(to)) return false;
+  if (from != kBool && to == kBool) return false;
+  return true;
+}
+
+std::string ConversionKind(DataType from, DataType to) {
+  if (to == kBool) return "BOOL";
+  if (IsFloat(from) && !IsFloat(to)) return "SAT";
+  return "WRAP";
+}
+
+DataType PromoteTypes(const std::vector<DataType>& types) {
+  if (std::all_of(types.begin(), types.end(), [](DataType t) { return t == kBool; })) return kBool;
+  DataType result = types.at(0);
+  for (size_t i = 1; i < types.size(); ++i)
+    result = TypeTraitsHelper::TypePromote(result, types[i]);
+  return result;
+}
+
+ElementwiseLayout CoalesceLayout(const Tensor& out, const std::vector<Tensor>& inputs) {
+  const std::vector<long>& out_sizes = out.shape().sizes();
+  std::vector<std::vector<long>> strides;  // per tensor, outermost first
+  strides.push_back(BroadcastStrides(out, out_sizes));
+  for (const Tensor& t : inputs) strides.push_back(BroadcastStrides(t, out_sizes));
+  // Keep dimensions larger than 1, merging each into the one before it when
+  // every tensor steps over the inner one exactly.
+  ElementwiseLayout layout;
+  std::vector<std::vector<long>> kept(strides.size());
+  std::vector<long> sizes;
+  for (size_t d = 0; d < out_sizes.size(); ++d) {
+    if (out_sizes[d] == 1) continue;
+    bool merge = !sizes.empty();
+    for (size_t t = 0; merge && t < strides.size(); ++t) {
+      merge = kept[t].back() == strides[t][d] * out_sizes[d];
+    }
+    if (merge) {
+      sizes.back() *= out_sizes[d];
+      for (size_t t = 0; t < strides.size(); ++t) kept[t].back() = strides[t][d];
+    } else {
+      sizes.push_back(out_sizes[d]);
+      for (size_t t = 0; t < strides.size(); ++t) kept[t].push_back(strides[t][d]);
+    }
+  }
+  if (sizes.empty()) {  // a single element
+    sizes.push_back(1);
+    for (auto& k : kept) k.push_back(1);
+  }
+  std::reverse(sizes.begin(), sizes.end());
+  layout.sizes = sizes;
+  for (size_t t = 0; t < kept.size(); ++t) {
+    const long item =
+        static_cast<long>(TypeTraitsHelper::GetSize(t == 0 ? out.dtype() : inputs[t - 1].dtype()));
+    std::vector<long> bytes(kept[t].rbegin(), kept[t].rend());
+    for (long& b : bytes) b *= item;
+    layout.strides.push_back(bytes);
+  }
+  return layout;
+}
+
+BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
+                               const std::vector<DataType>& inputs, int vec, ElementwiseForm form) {
+  BuildOption options = spec.options;
+  options.AddDefinitionAutoType("VEC_SIZE", vec)
+      .AddDefinitionAutoType("EW_FORM", static_cast<int>(form))
+      .AddDefinition("OUT_DTYPE", GetDataTypeCode(out))
+      .AddDefinition("OUT_CVT", ConversionKind(spec.result_type, out));
+  if (!spec.arg_types.empty()) {
+    options.AddDefinitionAutoType("EW_INT", !IsFloat(spec.arg_types[0]));
+  }
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    const std::string index = std::to_string(i);
+    options.AddDefinition("IN" + index + "_DTYPE", GetDataTypeCode(inputs[i]))
+        .AddDefinition("ARG" + index + "_DTYPE", GetDataTypeCode(spec.arg_types.at(i)))
+        .AddDefinition("IN" + index + "_CVT", ConversionKind(inputs[i], spec.arg_types.at(i)));
+  }
+  return options;
+}
+
+std::vector<std::string> ElementwiseSources(const ElementwiseSpec& spec) {
+  std::vector<std::string> sources = {"common.h", "math.h", "elementwise.h", spec.program};
+  if (!spec.math) sources.erase(sources.begin() + 1);
+  return sources;
+}
+
+ElementwiseKernel::ElementwiseKernel(std::string name, std::vector<Tensor> inputs, Tensor out,
+                                     std::vector<std::string> input_names)
+    : KernelImpl(std::move(name)),
+      inputs_(std::move(inputs)),
+      out_(std::move(out)),
+      input_names_(std::move(input_names)) {}
+
+void ElementwiseKernel::VerifyShapes() const {
+  std::vector<Tensor> all = inputs_;
+  all.push_back(out_);
+  for (size_t i = 0; i < all.size(); ++i) {
+    const Tensor& t = all[i];
+    const std::string& what = i < inputs_.size() ? input_names_.at(i) : std::string("out");
+    if (!ValidType(t.dtype())) {
+      throw std::invalid_argument(StrCat(name(), ": unsupported type ", t.dtype(), " of ", what));
+    }
+    if (t.shape().ndim() > kMaxRank) {
+      throw std::invalid_argument(
+          StrCat(name(), ": rank ", t.shape().ndim(), " of ", what, " exceeds ", kMaxRank));
+    }
+    for (long s : t.shape().strides()) {
+      if (s < 0) throw std::invalid_argument(StrCat(name(), ": negative stride of ", what));
+    }
+    if (Count(t.shape().sizes()) != 0 && !t.storage()) {
+      throw std::runtime_error(StrCat(name(), ": ", what, " has no buffer"));
+    }
+  }
+  std::vector<long> shape = inputs_.empty() ? out_.shape().sizes() : inputs_[0].shape().sizes();
+  for (size_t i = 1; i < inputs_.size(); ++i) {
+    const auto& other = inputs_[i].shape().sizes();
+    if (!BroadcastTogether(shape, other, &shape)) {
+      throw std::runtime_error(
+          StrCat(name(), ": cannot broadcast ", Dims(shape), " with ", Dims(other)));
+    }
+  }
+  if (out_.shape().sizes() != shape) {
+    throw std::runtime_error(StrCat(name(), ": output shape ", Dims(out_.shape().sizes()),
+                                    " is not the broadcast shape ", Dims(shape)));
+  }
+  // An input that shares memory with the output must be the very same view.
+  for (size_t i = 0; i < inputs_.size(); ++i) {
+    const Tensor& in = inputs_[i];
+    if (!SharesMemory(in, out_)) continue;
+    const bool same = RootOf(in.storage()).second + in.storage_offset() ==
+                          RootOf(out_.storage()).second + out_.storage_offset() &&
+                      in.shape() == out_.shape() && in.dtype() == out_.dtype();
+    if (!same) {
+      throw std::runtime_error(
+          StrCat(name(), ": out overlaps ", input_names_.at(i), " without being the same view"));
+    }
+  }
+}
+
+void ElementwiseKernel::VerifyOutputType(DataType result) const {
+  if (!CanCast(result, out_.dtype())) {
+    throw std::invalid_argument(StrCat(name(), ": result type ", result,
+                                       " can't be cast to the output type ", out_.dtype()));
+  }
+}
+
+void ElementwiseKernel::ThrowUnsupportedTypes(const std::string& what) const {
+  std::ostringstream os;
+  os << name() << ": " << what << " not defined for";
+  for (size_t i = 0; i < inputs_.size(); ++i) os << (i ? ", " : " ") << inputs_[i].dtype();
+  throw std::invalid_argument(os.str());
+}
+
+void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& session,
+                                           const ElementwiseSpec& spec,
+                                           const std::function<void(KernelUnit&)>& bind) {
+  if (Count(out_.shape().sizes()) == 0) return;
+  const ElementwiseLayout layout = CoalesceLayout(out_, inputs_);
+  std::vector<Tensor> tensors = {out_};
+  tensors.insert(tensors.end(), inputs_.begin(), inputs_.end());
+  bool aliased = false;
+  for (const Tensor& in : inputs_) aliased = aliased || SharesMemory(in, out_);
+  bool flat = layout.sizes.size() == 1;
+  for (size_t t = 0; flat && t < tensors.size(); ++t) {
+    flat = layout.strides[t][0] == static_cast<long>(tensors[t].option().item_size());
+  }
+  const long n = layout.sizes[0];
+  int vec = 4;
+  if (flat && aliased) vec = ElementwiseVecSize(4, n, true);
+  if (n < vec) flat = false;
+
+  std::vector<DataType> types;
+  for (const Tensor& in : inputs_) types.push_back(in.dtype());
+  BuildOption options =
+      ElementwiseOptions(spec, out_.dtype(), types, flat ? vec : 1,
+                         flat ? ElementwiseForm::kFlat : ElementwiseForm::kStrided);
+  if (!flat) {  // x strides that are 0 or one item become constants
+    options.AddDefinitionAutoType("EW_DEEP", layout.sizes.size() > 3);
+    for (size_t t = 0; t < tensors.size(); ++t) {
+      const long x = layout.strides[t][0];
+      const bool known = x == 0 || x == static_cast<long>(tensors[t].option().item_size());
+      options.AddDefinitionAutoType(t ? "EW_XS_in" + std::to_string(t - 1) : "EW_XS_out",
+                                    known ? x : -1L);
+    }
+  }
+  const std::vector<std::string> sources = ElementwiseSources(spec);
+  const std::string program = ConcatenateStrings(name(), "elementwise");
+  std::vector<ClTensor> views;
+  for (const Tensor& t : tensors) views.emplace_back(t);
+  if (flat) {
+    // Whole vectors, then (for a leftover) one vector ending at the last element.
+    const long whole = n / vec;
+    for (long base : {0L, n % vec ? n - vec : -1L}) {
+      if (base < 0) break;
+      auto unit = MakeSubKernel(session, program, sources, options, name());
+      unit->SetArgs(static_cast<cl_uint>(base));
+      for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset()});
+      bind(*unit);
+      unit->SetGlobal({static_cast<size_t>(base ? 1 : whole)});
+    }
+    return;
+  }
+  auto unit = MakeSubKernel(session, program, sources, options, name() + "Strided");
+  const size_t rank = layout.sizes.size();
+  EwDims dims{};
+  for (size_t d = 0; d < 8; ++d)
+    dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(layout.sizes[d]) : 1;
+  unit->SetArgs(dims, static_cast<int>(rank));
+  for (size_t t = 0; t < views.size(); ++t) {
+    EwStridedArg arg{views[t].mem(), views[t].offset(), {}};
+    for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
+    unit->SetArg(arg);
+  }
+  bind(*unit);
+  std::vector<size_t> global;
+  for (size_t d = 0; d < std::min<size_t>(rank, 3); ++d) {
+    global.push_back(static_cast<size_t>(layout.sizes[d]));
+  }
+  for (size_t d = 3; d < rank; ++d) global[2] *= static_cast<size_t>(layout.sizes[d]);
+  unit->SetGlobal(global);
+}
+
+cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwFlatArg& arg) {
+  cl_int status = clSetKernelArg(kernel, index++, sizeof(cl_mem), &arg.mem);
+  return status == CL_SUCCESS ? clSetKernelArg(kernel, index++, sizeof(cl_uint), &arg.offset)
+                              : status;
+}
+
+cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwStridedArg& arg) {
+  cl_int status = clSetKernelArg(kernel, index++, sizeof(cl_mem), &arg.mem);
+  if (status == CL_SUCCESS) status = clSetKernelArg(kernel, index++, sizeof(cl_uint), &arg.offset);
+  return status == CL_SUCCESS ? clSetKernelArg(kernel, index++, sizeof(cl_uint8), &arg.strides)
+                              : status;
+}
+
+cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwDims& arg) {
+  return clSetKernelArg(kernel, index++, sizeof(cl_uint8), &arg.sizes);
+}
+
+}  // namespace cl
+}  // namespace nerva
