@@ -84,13 +84,19 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
                                 const std::function<void(KernelUnit&)>& bind) {
   const std::vector<std::string> sources = {"common.h", "reduce.h", "loss_frame.cl", program};
   const std::string key = "Loss::" + program;
+  Tensor result = out;
   if (!Reduced()) {
-    if (count == 0) return;
-    auto unit = MakeSubKernel(session, key, sources, options, "loss_none");
-    unit->SetArgs(static_cast<cl_long>(count), MakeLossArg(out));
-    bind(*unit);
-    unit->SetGlobal({static_cast<size_t>(count)});
-    return;
+    if (count > 0) {
+      auto unit = MakeSubKernel(session, key, sources, options, "loss_none");
+      unit->SetArgs(static_cast<cl_long>(count), MakeLossArg(out));
+      bind(*unit);
+      unit->SetGlobal({static_cast<size_t>(count)});
+    }
+    if (total_weight == nullptr) return;
+    // The summed weights still go to total_weight; the sum of losses is dropped.
+    result =
+        Tensor(TensorOption{Shape({1}), total_weight->dtype()}, MakeScratchBuffer(session, 8), 0);
+    keep_.push_back(result);
   }
   const long block = kReduceBlockSize;
   const long groups = std::clamp(
@@ -104,9 +110,10 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
   partial->SetGlobal({static_cast<size_t>(groups * block)}).SetLocal({static_cast<size_t>(block)});
   const bool has_tw = total_weight != nullptr;
   auto final_unit = MakeSubKernel(session, key, sources, options, "loss_final");
-  final_unit->SetArgs(
-      static_cast<int>(groups), static_cast<int>(reduction() == LossReduction::kMean), divisor,
-      part, MakeLossArg(out), MakeLossArg(has_tw ? *total_weight : out), static_cast<int>(has_tw));
+  final_unit->SetArgs(static_cast<int>(groups),
+                      static_cast<int>(reduction() == LossReduction::kMean), divisor, part,
+                      MakeLossArg(result), MakeLossArg(has_tw ? *total_weight : result),
+                      static_cast<int>(has_tw));
   final_unit->SetGlobal({static_cast<size_t>(block)}).SetLocal({static_cast<size_t>(block)});
 }
 

@@ -181,8 +181,8 @@ NERVA_STATIC_REGISTER {
   Register<BCELossOption, TO, CB, TO, CB, TO, CB, TO, MB>(
       "BCELoss", [](const std::string& n, const BCELossOption& o, TO xo, CB x, TO to, CB t, TO wo,
                     CB w, TO oo, MB out) {
-        return Weighted(n, o.reduction, "bce_loss.cl", xo, x, to, t, MakeTensor(wo, w), None(),
-                        oo, out);
+        return Weighted(n, o.reduction, "bce_loss.cl", xo, x, to, t, MakeTensor(wo, w), None(), oo,
+                        out);
       });
   Register<BCELossOption, TO, CB, TO, CB, TO, MB>(
       "BCELossNoWeight",
@@ -192,8 +192,8 @@ NERVA_STATIC_REGISTER {
   Register<BCEWithLogitsLossOption, TO, CB, TO, CB, TO, MB>(
       "BCEWithLogitsLoss", [](const std::string& n, const BCEWithLogitsLossOption& o, TO xo, CB x,
                               TO to, CB t, TO oo, MB out) {
-        return Weighted(n, o.reduction, "bce_with_logits_loss.cl", xo, x, to, t, None(), None(),
-                        oo, out);
+        return Weighted(n, o.reduction, "bce_with_logits_loss.cl", xo, x, to, t, None(), None(), oo,
+                        out);
       });
   Register<BCEWithLogitsLossOption, TO, CB, TO, CB, TO, CB, TO, MB>(
       "BCEWithLogitsLossWithWeight", [](const std::string& n, const BCEWithLogitsLossOption& o,
