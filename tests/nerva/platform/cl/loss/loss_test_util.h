@@ -39,6 +39,10 @@ inline void ExpectClose(const std::vector<double>& got, const std::vector<double
       EXPECT_TRUE(std::isnan(got[i])) << "at " << i << ": " << got[i];
       continue;
     }
+    if (std::isinf(want[i])) {
+      EXPECT_EQ(got[i], want[i]) << "at " << i;
+      continue;
+    }
     EXPECT_NEAR(got[i], want[i], Tolerance(type) * (1 + std::fabs(want[i]))) << "at " << i;
   }
 }
