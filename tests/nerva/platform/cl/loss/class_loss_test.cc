@@ -141,6 +141,11 @@ TEST(ClClassLossTest, LabelSmoothingHalfAndAllIgnored) {
     RunClassCase({{5, 11}, true, -100, 2, 0.0f, kHalf}, true, r, seed++);
     RunClassCase({{3, 6, 5}, true, -100, 2, 0.0f, kHalf}, false, r, seed++);
   }
+  // Long rows: one work group per item.
+  for (LossReduction r : kAllReductions) {
+    RunClassCase({{5, 300, 2}, true, 7, 3, 0.15f}, true, r, seed++);
+    RunClassCase({{4, 1001}, false, -100, 0, 0.0f}, true, r, seed++);
+  }
   // Every target ignored: 'mean' is 0 / 0.
   RunClassCase({{4, 3}, true, -100, 1}, false, LossReduction::kMean, seed++);
   RunClassCase({{4, 3}, false, -100, 1, 0.1f}, true, LossReduction::kMean, seed++);

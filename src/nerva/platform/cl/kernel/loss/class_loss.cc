@@ -63,6 +63,9 @@ ClassLayout CheckClassInputs(const std::string& op, const Tensor& input, const T
   return layout;
 }
 
+// Rows of at least this many classes take a work group each in CrossEntropyLoss.
+constexpr long kRowClasses = 256;
+
 BuildOption ClassOptions(DataType dtype, DataType target) {
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(dtype))
@@ -117,8 +120,24 @@ void ClassLossKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const float eps = label_smoothing_;
   const ClassLayout l = layout;
   const long ignore = ignore_index_;
-  CompileForward(session, program_, ClassOptions(input_.dtype(), target_.dtype()), items, -1.0f,
-                 out_, has_tw ? &total_weight_ : nullptr, [&](KernelUnit& unit) {
+  const BuildOption options = ClassOptions(input_.dtype(), target_.dtype());
+  if (smoothing && items > 0 && layout.classes >= kRowClasses) {
+    // Long rows: one group per item, then the frame's final fold.
+    Buffer part = PartialSums(session, items);
+    auto rows =
+        MakeSubKernel(session, "Loss::" + program_,
+                      {"common.h", "reduce.h", "loss_frame.cl", program_}, options, "ce_rows");
+    rows->SetArgs(part, static_cast<int>(!Reduced()), MakeLossArg(out_), MakeLossArg(x),
+                  MakeLossArg(t), MakeLossArg(w), static_cast<int>(has_w),
+                  static_cast<cl_long>(l.classes), static_cast<cl_long>(l.inner),
+                  static_cast<cl_long>(ignore), eps);
+    const auto block = static_cast<size_t>(kReduceBlockSize);
+    rows->SetGlobal({block * static_cast<size_t>(items)}).SetLocal({block});
+    if (Reduced()) CompileFinal(session, program_, options, items, part, -1.0f, out_, nullptr);
+    return;
+  }
+  CompileForward(session, program_, options, items, -1.0f, out_, has_tw ? &total_weight_ : nullptr,
+                 [&](KernelUnit& unit) {
                    unit.SetArg(MakeLossArg(x))
                        .SetArg(MakeLossArg(t))
                        .SetArg(MakeLossArg(w))

@@ -43,3 +43,61 @@ inline float loss_item(long i, float* weight LOSS_PARAMS) {
   return (1.0f - smoothing) * nll - smoothing / (float)classes * (wx - ws * lse);
 }
 LOSS_FORWARD_KERNELS
+
+/* The same loss with one group per item, for long rows: the items of the
+ * group share the row, fold its maximum and then its sum of exponentials
+ * (and, with smoothing, the weighted sums) through the group tree. Item i's
+ * loss and weight go to part[2i], part[2i + 1], which loss_final folds, and
+ * under 'none' (store_out) to out[i]. */
+#define CE_MAX_STEP(d, s) ce_a[d] = fmax(ce_a[d], ce_a[s]);
+#define CE_SUM_STEP(d, s) \
+  ce_a[d] += ce_a[s];     \
+  ce_b[d] += ce_b[s];     \
+  ce_c[d] += ce_c[s];
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
+    __global float* part, int store_out LOSS_TENSOR(out) LOSS_PARAMS) {
+  const long i = get_group_id(0);
+  const int lid = get_local_id(0);
+  const long c = LOSS_TARGET(i);
+  const int skip = c == ignore_index || c < 0 || c >= classes;
+  const long base = (i / inner) * classes * inner + i % inner;
+  const long len = skip ? 0 : classes;
+  __local float ce_a[BLOCK_SIZE], ce_b[BLOCK_SIZE], ce_c[BLOCK_SIZE];
+  float m = -INFINITY;
+  FOR_SHARE(k, lid, len, BLOCK_SIZE) { m = fmax(m, LOSS_LOAD(x, base + k * inner)); }
+  ce_a[lid] = m;
+  GROUP_TREE_REDUCE(lid, CE_MAX_STEP)
+  m = ce_a[0];
+  barrier(CLK_LOCAL_MEM_FENCE);
+  float s = 0.0f, wx = 0.0f, ws = 0.0f;
+  if (smoothing != 0.0f) {
+    FOR_SHARE(k, lid, len, BLOCK_SIZE) {
+      const float v = LOSS_LOAD(x, base + k * inner);
+      const float wk = LOSS_WEIGHT(k);
+      s += exp(v - m);
+      wx += wk * v;
+      ws += wk;
+    }
+  } else {
+    FOR_SHARE(k, lid, len, BLOCK_SIZE) { s += exp(LOSS_LOAD(x, base + k * inner) - m); }
+  }
+  ce_a[lid] = s;
+  ce_b[lid] = wx;
+  ce_c[lid] = ws;
+  GROUP_TREE_REDUCE(lid, CE_SUM_STEP)
+  if (lid != 0) return;
+  float loss, weight;
+  if (skip) {
+    loss = weight = c == ignore_index ? 0.0f : NAN;
+  } else {
+    const float lse = m + log(ce_a[0]);
+    weight = LOSS_WEIGHT(c);
+    loss = -weight * (LOSS_LOAD(x, base + c * inner) - lse);
+    if (smoothing != 0.0f) {
+      loss = (1.0f - smoothing) * loss - smoothing / (float)classes * (ce_b[0] - ce_c[0] * lse);
+    }
+  }
+  part[2 * i] = loss;
+  part[2 * i + 1] = weight;
+  if (store_out) LOSS_STORE(out, i, loss);
+}

@@ -102,18 +102,33 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
   const long groups = std::clamp(
       (count + block * kItemsPerWorkItem - 1) / (block * kItemsPerWorkItem), 1L, kMaxGroups);
   const long chunk = (count + groups - 1) / groups;
-  Buffer part = MakeScratchBuffer(session, groups * 2 * static_cast<long>(sizeof(float)));
-  scratch_.push_back(part);
+  Buffer part = PartialSums(session, groups);
   auto partial = MakeSubKernel(session, key, sources, options, "loss_partial");
   partial->SetArgs(static_cast<cl_long>(count), static_cast<cl_long>(chunk), part);
   bind(*partial);
   partial->SetGlobal({static_cast<size_t>(groups * block)}).SetLocal({static_cast<size_t>(block)});
+  CompileFinal(session, program, options, groups, part, divisor, result, total_weight);
+}
+
+Buffer LossKernel::PartialSums(const std::shared_ptr<SessionImpl>& session, long groups) {
+  Buffer part =
+      MakeScratchBuffer(session, std::max(groups, 1L) * 2 * static_cast<long>(sizeof(float)));
+  scratch_.push_back(part);
+  return part;
+}
+
+void LossKernel::CompileFinal(const std::shared_ptr<SessionImpl>& session,
+                              const std::string& program, const BuildOption& options, long groups,
+                              const Buffer& part, float divisor, const Tensor& out,
+                              const Tensor* total_weight) {
+  const long block = kReduceBlockSize;
   const bool has_tw = total_weight != nullptr;
-  auto final_unit = MakeSubKernel(session, key, sources, options, "loss_final");
-  final_unit->SetArgs(static_cast<int>(groups),
-                      static_cast<int>(reduction() == LossReduction::kMean), divisor, part,
-                      MakeLossArg(result), MakeLossArg(has_tw ? *total_weight : result),
-                      static_cast<int>(has_tw));
+  auto final_unit =
+      MakeSubKernel(session, "Loss::" + program, {"common.h", "reduce.h", "loss_frame.cl", program},
+                    options, "loss_final");
+  final_unit->SetArgs(
+      static_cast<int>(groups), static_cast<int>(reduction() == LossReduction::kMean), divisor,
+      part, MakeLossArg(out), MakeLossArg(has_tw ? *total_weight : out), static_cast<int>(has_tw));
   final_unit->SetGlobal({static_cast<size_t>(block)}).SetLocal({static_cast<size_t>(block)});
 }
 

@@ -53,6 +53,13 @@ class LossKernel : public KernelImpl {
   void CompileForward(const std::shared_ptr<SessionImpl>& session, const std::string& program,
                       const BuildOption& options, long count, float divisor, const Tensor& out,
                       const Tensor* total_weight, const std::function<void(KernelUnit&)>& bind);
+  // Device memory for the (loss, weight) sums of `groups` groups or items.
+  Buffer PartialSums(const std::shared_ptr<SessionImpl>& session, long groups);
+  // The loss_final unit folding `groups` (loss, weight) pairs of `part` into out (and the
+  // weights into total_weight when not null).
+  void CompileFinal(const std::shared_ptr<SessionImpl>& session, const std::string& program,
+                    const BuildOption& options, long groups, const Buffer& part, float divisor,
+                    const Tensor& out, const Tensor* total_weight);
   // The loss_backward unit over `count` items of a gradient program.
   void CompileBackward(const std::shared_ptr<SessionImpl>& session, const std::string& program,
                        const BuildOption& options, long count, const Tensor& grad_output,
