@@ -49,6 +49,8 @@ LOSS_FORWARD_KERNELS
  * (and, with smoothing, the weighted sums) through the group tree. Item i's
  * loss and weight go to part[2i], part[2i + 1], which loss_final folds, and
  * under 'none' (store_out) to out[i]. */
+#define CE_VEC 8
+#define CE_VT float8
 #define CE_MAX_STEP(d, s) ce_a[d] = fmax(ce_a[d], ce_a[s]);
 #define CE_SUM_STEP(d, s) \
   ce_a[d] += ce_a[s];     \
@@ -63,8 +65,16 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
   const long base = (i / inner) * classes * inner + i % inner;
   const long len = skip ? 0 : classes;
   __local float ce_a[BLOCK_SIZE], ce_b[BLOCK_SIZE], ce_c[BLOCK_SIZE];
-  float m = -INFINITY;
-  FOR_SHARE(k, lid, len, BLOCK_SIZE) { m = fmax(m, LOSS_LOAD(x, base + k * inner)); }
+  /* A contiguous row without smoothing is read CE_VEC elements at a time, so
+   * that the exponentials run on vectors; the rest one at a time. */
+  __global const DTYPE* row = LOSS_PTR(DTYPE, x_ptr, x_off) + base;
+  const int vec = inner == 1 && smoothing == 0.0f;
+  const long vlen = vec ? len / CE_VEC : 0;
+  const long tail = vlen * CE_VEC;
+  CE_VT mv = (CE_VT)(-INFINITY);
+  FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { mv = fmax(mv, VLOAD(DTYPE, CE_VEC, row + k * CE_VEC)); }
+  float m = LANE_FOLD(4, fmax(mv.lo, mv.hi), fmax);
+  for (long k = tail + lid; k < len; k += BLOCK_SIZE) m = fmax(m, LOSS_LOAD(x, base + k * inner));
   ce_a[lid] = m;
   GROUP_TREE_REDUCE(lid, CE_MAX_STEP)
   m = ce_a[0];
@@ -79,7 +89,10 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
       ws += wk;
     }
   } else {
-    FOR_SHARE(k, lid, len, BLOCK_SIZE) { s += exp(LOSS_LOAD(x, base + k * inner) - m); }
+    CE_VT sv = (CE_VT)(0.0f);
+    FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { sv += exp(VLOAD(DTYPE, CE_VEC, row + k * CE_VEC) - m); }
+    s = LANE_SUM(4, sv.lo + sv.hi);
+    for (long k = tail + lid; k < len; k += BLOCK_SIZE) s += exp(LOSS_LOAD(x, base + k * inner) - m);
   }
   ce_a[lid] = s;
   ce_b[lid] = wx;
