@@ -164,6 +164,22 @@ TEST(ClClassLossTest, OutOfRangeTargetsGiveNaN) {
   EXPECT_TRUE(std::isnan(DownloadAs(tw)[0]));
 }
 
+TEST(ClClassLossTest, EmptyBatch) {
+  Buffer memory = TestSession().MakeBuffer(kMemReadWrite, 64);
+  Tensor x(TensorOption{Shape({0, 3}), kFloat}, memory, 0);
+  Tensor t(TensorOption{Shape({0}), kInt64}, memory, 0);
+  Tensor out(TensorOption{Shape({0}), kFloat}, memory, 0);
+  Tensor mean = MakeOutput({1}, kFloat), tw = MakeOutput({1}, kFloat);
+  auto& q = TestQueue();
+  q.Enqueue(NllLoss::Create(q, NllLossOption{LossReduction::kNone}, x.option(), x.storage(),
+                            t.option(), t.storage(), out.option(), out.storage(), tw.option(),
+                            tw.storage()));
+  EXPECT_EQ(DownloadAs(tw)[0], 0.0);
+  q.Enqueue(CrossEntropyLoss::Create(q, CrossEntropyLossOption{}, x.option(), x.storage(),
+                                     t.option(), t.storage(), mean.option(), mean.storage()));
+  EXPECT_TRUE(std::isnan(DownloadAs(mean)[0]));
+}
+
 void RunNllBackward(const ClassCase& c, LossReduction r, unsigned seed) {
   SCOPED_TRACE(StrCat("sizes ", Shape(c.sizes), " weighted ", c.weighted, " reduction ",
                       static_cast<int>(r)));

@@ -112,8 +112,10 @@ void ClassLossKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const bool has_tw = Defined(total_weight_);
   if (items == 0 && !Reduced() && !has_tw) return;
   const bool empty = items == 0 || layout.classes == 0;
-  Tensor x = empty ? out_ : Dense(session, input_, input_.shape().sizes());
-  Tensor t = items == 0 ? out_ : Dense(session, target_, layout.target_sizes);
+  // Stand-ins for tensors without elements, never read: a tensor that has memory.
+  const Tensor& stand_in = Reduced() || !has_tw ? out_ : total_weight_;
+  Tensor x = empty ? stand_in : Dense(session, input_, input_.shape().sizes());
+  Tensor t = items == 0 ? stand_in : Dense(session, target_, layout.target_sizes);
   const bool has_w = Defined(weight_) && layout.classes > 0;
   Tensor w = has_w ? Dense(session, weight_, weight_.shape().sizes()) : x;
   const bool smoothing = program_ == "cross_entropy_loss.cl";
