@@ -34,6 +34,43 @@
   loss_v[d] += loss_v[s];   \
   loss_w[d] += loss_w[s];
 
+/* Folds this work item's share of the `len` items from `first` into v and w.
+ * On devices whose compiler targets the host CPU a contiguous share, eight
+ * items a step into eight independent sums (so the steps vectorise); else
+ * every BLOCK_SIZE-th item. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define LOSS_FOLD_SHARE(first, len, lid, v, w)                                 \
+  {                                                                            \
+    const long per = ((len) + BLOCK_SIZE - 1) / BLOCK_SIZE;                    \
+    const long lo = min((len), (lid) * per), hi = min((len), lo + per);        \
+    float va[8] = {0}, wa[8] = {0};                                            \
+    long j = lo;                                                               \
+    for (; j + 8 <= hi; j += 8) {                                              \
+      _Pragma("unroll") for (int u = 0; u < 8; ++u) {                          \
+        float wj;                                                              \
+        va[u] += loss_item((first) + j + u, &wj LOSS_ARGS);                    \
+        wa[u] += wj;                                                           \
+      }                                                                        \
+    }                                                                          \
+    for (; j < hi; ++j) {                                                      \
+      float wj;                                                                \
+      va[0] += loss_item((first) + j, &wj LOSS_ARGS);                          \
+      wa[0] += wj;                                                             \
+    }                                                                          \
+    _Pragma("unroll") for (int u = 0; u < 8; ++u) {                            \
+      v += va[u];                                                              \
+      w += wa[u];                                                              \
+    }                                                                          \
+  }
+#else
+#define LOSS_FOLD_SHARE(first, len, lid, v, w)                                 \
+  for (long j = (lid); j < (len); j += BLOCK_SIZE) {                           \
+    float wj;                                                                  \
+    v += loss_item((first) + j, &wj LOSS_ARGS);                                \
+    w += wj;                                                                   \
+  }
+#endif
+
 /* loss_none: one value per item. loss_partial: group g folds items
  * [g * chunk, (g + 1) * chunk) into part[2g] (losses) and part[2g + 1]
  * (weights). loss_final: one group folds the partial sums; 'mean' divides
@@ -54,11 +91,7 @@
     const long first = g * chunk;                                              \
     const long len = max(0L, min(n - first, chunk));                           \
     float v = 0.0f, w = 0.0f;                                                  \
-    FOR_SHARE(j, lid, len, BLOCK_SIZE) {                                       \
-      float wj;                                                                \
-      v += loss_item(first + j, &wj LOSS_ARGS);                                \
-      w += wj;                                                                 \
-    }                                                                          \
+    LOSS_FOLD_SHARE(first, len, lid, v, w)                                     \
     __local float loss_v[BLOCK_SIZE], loss_w[BLOCK_SIZE];                      \
     loss_v[lid] = v;                                                           \
     loss_w[lid] = w;                                                           \

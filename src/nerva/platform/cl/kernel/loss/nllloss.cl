@@ -21,6 +21,8 @@ inline float loss_item(long i, float* weight LOSS_PARAMS) {
   }
   const float w = LOSS_WEIGHT(c);
   *weight = w;
-  return -w * LOSS_LOAD(x, (i / inner) * classes * inner + c * inner + i % inner);
+  /* Without trailing dimensions the item's row starts at i * classes (no divisions). */
+  const long at = inner == 1 ? i * classes + c : (i / inner) * classes * inner + c * inner + i % inner;
+  return -w * LOSS_LOAD(x, at);
 }
 LOSS_FORWARD_KERNELS
