@@ -1,0 +1,116 @@
+/* CrossEntropyLoss over logits (outer, classes, inner) and class-index
+ * targets, with label smoothing s: (1 - s) (-w[c] lp[c]) + s / classes *
+ * sum_k -w[k] lp[k], lp the log-softmax of the item's logits, found in one
+ * pass with a running maximum. Weights, ignore_index and targets outside
+ * [0, classes) as NllLoss. */
+#define LOSS_CLASS_PARAMS \
+  LOSS_TENSOR(x) LOSS_TENSOR(tg) LOSS_W_PARAMS, long classes, long inner, long ignore_index
+#define LOSS_CLASS_ARGS , x_ptr, x_off, tg_ptr, tg_off, w_ptr, w_off, has_w, classes, inner, ignore_index
+#define LOSS_TARGET(i) ((long)LOSS_PTR(DTYPE_T, tg_ptr, tg_off)[i])
+#define LOSS_PARAMS LOSS_CLASS_PARAMS, float smoothing
+#define LOSS_ARGS LOSS_CLASS_ARGS, smoothing
+inline float loss_item(long i, float* weight LOSS_PARAMS) {
+  const long c = LOSS_TARGET(i);
+  if (c == ignore_index) {
+    *weight = 0.0f;
+    return 0.0f;
+  }
+  if (c < 0 || c >= classes) {
+    *weight = NAN;
+    return NAN;
+  }
+  const long base = (i / inner) * classes * inner + i % inner;
+  float m = -INFINITY, s = 0.0f, wx = 0.0f, ws = 0.0f;
+  for (long k = 0; k < classes; ++k) {
+    const float v = LOSS_LOAD(x, base + k * inner);
+    if (v > m) {
+      s = s * exp(m - v) + 1.0f;
+      m = v;
+    } else {
+      s += exp(v - m);
+    }
+    if (smoothing != 0.0f) {
+      const float wk = LOSS_WEIGHT(k);
+      wx += wk * v;
+      ws += wk;
+    }
+  }
+  const float lse = m + log(s);
+  const float w = LOSS_WEIGHT(c);
+  *weight = w;
+  const float nll = -w * (LOSS_LOAD(x, base + c * inner) - lse);
+  if (smoothing == 0.0f) return nll;
+  return (1.0f - smoothing) * nll - smoothing / (float)classes * (wx - ws * lse);
+}
+LOSS_FORWARD_KERNELS
+
+/* The same loss with one group per item, for long rows: the items of the
+ * group share the row, fold its maximum and then its sum of exponentials
+ * (and, with smoothing, the weighted sums) through the group tree. Item i's
+ * loss and weight go to part[2i], part[2i + 1], which loss_final folds, and
+ * under 'none' (store_out) to out[i]. */
+#define CE_VEC 8
+#define CE_VT float8
+#define CE_MAX_STEP(d, s) ce_a[d] = fmax(ce_a[d], ce_a[s]);
+#define CE_SUM_STEP(d, s) \
+  ce_a[d] += ce_a[s];     \
+  ce_b[d] += ce_b[s];     \
+  ce_c[d] += ce_c[s];
+__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
+    __global float* part, int store_out LOSS_TENSOR(out) LOSS_PARAMS) {
+  const long i = get_group_id(0);
+  const int lid = get_local_id(0);
+  const long c = LOSS_TARGET(i);
+  const int skip = c == ignore_index || c < 0 || c >= classes;
+  const long base = (i / inner) * classes * inner + i % inner;
+  const long len = skip ? 0 : classes;
+  __local float ce_a[BLOCK_SIZE], ce_b[BLOCK_SIZE], ce_c[BLOCK_SIZE];
+  /* A contiguous row without smoothing is read CE_VEC elements at a time, so
+   * that the exponentials run on vectors; the rest one at a time. */
+  __global const DTYPE* row = LOSS_PTR(DTYPE, x_ptr, x_off) + base;
+  const int vec = inner == 1 && smoothing == 0.0f;
+  const long vlen = vec ? len / CE_VEC : 0;
+  const long tail = vlen * CE_VEC;
+  CE_VT mv = (CE_VT)(-INFINITY);
+  FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { mv = fmax(mv, VLOAD(DTYPE, CE_VEC, row + k * CE_VEC)); }
+  float m = LANE_FOLD(4, fmax(mv.lo, mv.hi), fmax);
+  for (long k = tail + lid; k < len; k += BLOCK_SIZE) m = fmax(m, LOSS_LOAD(x, base + k * inner));
+  ce_a[lid] = m;
+  GROUP_TREE_REDUCE(lid, CE_MAX_STEP)
+  m = ce_a[0];
+  barrier(CLK_LOCAL_MEM_FENCE);
+  float s = 0.0f, wx = 0.0f, ws = 0.0f;
+  if (smoothing != 0.0f) {
+    FOR_SHARE(k, lid, len, BLOCK_SIZE) {
+      const float v = LOSS_LOAD(x, base + k * inner);
+      const float wk = LOSS_WEIGHT(k);
+      s += exp(v - m);
+      wx += wk * v;
+      ws += wk;
+    }
+  } else {
+    CE_VT sv = (CE_VT)(0.0f);
+    FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { sv += exp(VLOAD(DTYPE, CE_VEC, row + k * CE_VEC) - m); }
+    s = LANE_SUM(4, sv.lo + sv.hi);
+    for (long k = tail + lid; k < len; k += BLOCK_SIZE) s += exp(LOSS_LOAD(x, base + k * inner) - m);
+  }
+  ce_a[lid] = s;
+  ce_b[lid] = wx;
+  ce_c[lid] = ws;
+  GROUP_TREE_REDUCE(lid, CE_SUM_STEP)
+  if (lid != 0) return;
+  float loss, weight;
+  if (skip) {
+    loss = weight = c == ignore_index ? 0.0f : NAN;
+  } else {
+    const float lse = m + log(ce_a[0]);
+    weight = LOSS_WEIGHT(c);
+    loss = -weight * (LOSS_LOAD(x, base + c * inner) - lse);
+    if (smoothing != 0.0f) {
+      loss = (1.0f - smoothing) * loss - smoothing / (float)classes * (ce_b[0] - ce_c[0] * lse);
+    }
+  }
+  part[2 * i] = loss;
+  part[2 * i + 1] = weight;
+  if (store_out) LOSS_STORE(out, i, loss);
+}
