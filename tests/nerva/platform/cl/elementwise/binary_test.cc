@@ -75,7 +75,8 @@ double FloatRef(B op, double a, double b, double alpha) {
 
 // Integer semantics of a common type of `bits` bits; the caller wraps the result.
 double IntRef(B op, long a, long b, long alpha, int bits, bool is_signed) {
-  const long fb = static_cast<long>(std::floor(static_cast<double>(a) / b));
+  // Floor division, only meaningful (and only computed) for a non-zero divisor.
+  const long fb = b == 0 ? 0 : static_cast<long>(std::floor(static_cast<double>(a) / b));
   switch (op) {
     case B::kAdd:
       return a + alpha * b;
