@@ -66,7 +66,8 @@ void RunLayerNorm(const LayerNormCase& c, unsigned seed) {
   ExpectClose(DownloadAs(output), want, abs, half ? 4e-3 : 1e-4, "output");
   if (c.save) {
     ExpectClose(DownloadAs(mean), want_mean, 1e-5, 1e-5, "mean");
-    ExpectClose(DownloadAs(rstd), want_rstd, 1e-4, c.constant ? 2e-3 : 1e-4, "rstd");
+    // rstd comes from the device rsqrt, accurate to a few units in 1e-4.
+    ExpectClose(DownloadAs(rstd), want_rstd, 1e-4, c.constant ? 2e-3 : 1e-3, "rstd");
   }
 }
 
