@@ -1,5 +1,7 @@
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 
+#include "nerva/platform/cl/buffer_impl.h"
+
 #include <algorithm>
 #include <sstream>
 #include <stdexcept>
@@ -17,6 +19,11 @@ constexpr size_t kMaxRank = 8;
 
 // The buffer that owns `mem`'s memory and the byte origin of `mem` inside it.
 std::pair<cl_mem, long> RootOf(const Buffer& buffer) {
+  // A buffer of another platform is no memory object: it is only itself (the
+  // frame's memory check refuses it later with a message).
+  if (dynamic_cast<const BufferImpl*>(buffer.get()) == nullptr) {
+    return {reinterpret_cast<cl_mem>(buffer.get()), 0};
+  }
   cl_mem mem = static_cast<cl_mem>(buffer.UnsafeGetPtr());
   cl_mem parent = nullptr;
   size_t origin = 0;
