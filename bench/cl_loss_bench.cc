@@ -13,6 +13,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_util.h"
 #include "nerva/nerva.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/program.h"
@@ -20,33 +21,9 @@
 
 namespace {
 
+using nerva::bench::CopyKernel;
+
 using Clock = std::chrono::steady_clock;
-
-const char kCopySource[] = R"(
-__kernel void Copy4(__global const float4* x, __global float4* y) {
-  const size_t i = get_global_id(0);
-  y[i] = x[i];
-}
-)";
-
-// The memory-bound reference: y = x, one float4 per work item.
-class CopyKernel : public nerva::cl::KernelImpl {
- public:
-  CopyKernel(nerva::Buffer x, nerva::Buffer y, size_t n)
-      : KernelImpl("Copy4"), x_(std::move(x)), y_(std::move(y)), n_(n) {}
-  bool Verify() const override { return true; }
-  void Compile(std::shared_ptr<nerva::cl::SessionImpl> session) override {
-    nerva::cl::SourceManager::singleton().AddClSource("cl_loss_bench_copy.cl", kCopySource);
-    MakeSubKernel(session, "Copy4::bench", {"cl_loss_bench_copy.cl"}, nerva::cl::BuildOption(),
-                  name())
-        ->SetArgs(x_, y_)
-        .SetGlobal({n_}, {4});
-  }
-
- private:
-  nerva::Buffer x_, y_;
-  size_t n_;
-};
 
 // Fastest of `runs` timed runs of `kernel` after warm-up: on a shared machine
 // the minimum is the least disturbed measure.

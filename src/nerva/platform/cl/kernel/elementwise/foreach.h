@@ -25,7 +25,7 @@ class ForEachKernel : public KernelImpl {
                 std::vector<std::string> names);
 
  protected:
-  // `spec_of(i)` gives the spec of tuple i (and throws for unsupported types).
+  // `spec_of(i)` gives the program description of tuple i (and throws for unsupported types).
   void VerifyLists(const std::function<ElementwiseSpec(size_t)>& spec_of) const;
   void CompileLists(const std::shared_ptr<SessionImpl>& session,
                     const std::function<ElementwiseSpec(size_t)>& spec_of,
