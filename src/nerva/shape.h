@@ -16,7 +16,8 @@ namespace nerva {
 // Every shape is checked where it is made: sizes are not negative, the rank is
 // at most kMaxRank, the dimensions span at most kMaxElements elements (sizes of
 // 0 count as 1, so contiguous strides fit too) and strides are not negative.
-// So the 32-bit element count never wraps and no stride arithmetic overflows.
+// So the 32-bit element count never wraps. Strides are not bounded here (a
+// dimension of size 0 or 1 may carry any); views saturate their offsets.
 class Shape {
  public:
   static constexpr long kMaxElements = 2147483647L;  // 2^31 - 1

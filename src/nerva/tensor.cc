@@ -1,12 +1,25 @@
 #include "nerva/tensor.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 
 #include "nerva/util.h"
 
 namespace nerva {
 namespace {
+
+// Offsets and strides of views are products of non-negative values that a
+// descriptor does not bound (an empty or single-element dimension may carry
+// any stride). They saturate at LONG_MAX, which every bounds check refuses.
+long SaturatingMul(long a, long b) {
+  long r;
+  return __builtin_mul_overflow(a, b, &r) ? std::numeric_limits<long>::max() : r;
+}
+long SaturatingAdd(long a, long b) {
+  long r;
+  return __builtin_add_overflow(a, b, &r) ? std::numeric_limits<long>::max() : r;
+}
 
 // Each listed dimension needs a positive step and 0 <= start <= end <= size,
 // so that a slice never reaches outside the dimension it cuts.
@@ -157,9 +170,10 @@ Tensor& Tensor::Slice_(ArrayRef<long> starts, ArrayRef<long> ends,
   const std::vector<long> byte_strides = strides_in_bytes();
   long offset = storage_offset();
   for (size_t i = 0; i < starts.size(); ++i) {
-    sizes[i] = (ends[i] - starts[i] - 1 + step_list[i]) / step_list[i];
-    strides[i] *= step_list[i];
-    offset += starts[i] * byte_strides[i];
+    const long length = ends[i] - starts[i];
+    sizes[i] = length == 0 ? 0 : (length - 1) / step_list[i] + 1;
+    strides[i] = SaturatingMul(strides[i], step_list[i]);
+    offset = SaturatingAdd(offset, SaturatingMul(starts[i], byte_strides[i]));
   }
   // An empty view reaches nothing; it keeps an offset inside the storage.
   if (std::find(sizes.begin(), sizes.end(), 0L) != sizes.end()) offset = storage_offset();
@@ -190,12 +204,16 @@ std::vector<Tensor> Tensor::Split(ArrayRef<long> split_sizes, long dim) const {
   const long byte_stride = strides_in_bytes()[axis];
   std::vector<Tensor> result;
   long start = 0;
+  // An empty tensor may carry any stride, so offsets along it are not formed.
+  const bool empty = shape.size() == 0;
   for (long piece : pieces) {
     std::vector<long> sizes = shape.sizes();
     sizes[axis] = piece;
     // An empty piece holds no element: it keeps the source offset, which may
     // be the only one inside the storage when it comes last.
-    const long offset = piece == 0 ? storage_offset() : storage_offset() + start * byte_stride;
+    const long offset = piece == 0 || empty
+                            ? storage_offset()
+                            : SaturatingAdd(storage_offset(), SaturatingMul(start, byte_stride));
     result.push_back(AsStrided(sizes, shape.strides(), offset));
     start += piece;
   }
