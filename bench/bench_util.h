@@ -1,11 +1,13 @@
 #pragma once
 
 // Shared pieces of the OpenCL benchmarks: the float4 copy kernel every ratio
-// is measured against, and a median timer for one kernel.
+// is measured against, a timer for one kernel and random device tensors.
 
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "nerva/nerva.h"
@@ -42,19 +44,39 @@ class CopyKernel : public cl::KernelImpl {
   size_t n_;
 };
 
-// Median seconds per run of `kernel` over `runs` timed runs after warm-up.
+// Fastest of `runs` timed runs of `kernel` after warm-up: on a shared
+// machine the minimum is the least disturbed measure.
 inline double TimeKernel(Queue& queue, const Kernel& kernel, int runs) {
-  for (int i = 0; i < 3; ++i) queue.Enqueue(kernel);
+  for (int i = 0; i < 2; ++i) queue.Enqueue(kernel);
   queue.Wait();
-  std::vector<double> times;
+  double best = 1e30;
   for (int i = 0; i < runs; ++i) {
     const auto start = Clock::now();
     queue.Enqueue(kernel);
     queue.Wait();
-    times.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+    best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
   }
-  std::nth_element(times.begin(), times.begin() + runs / 2, times.end());
-  return times[runs / 2];
+  return best;
+}
+
+// A float tensor of `sizes` on the device, uniform in [lo, hi).
+inline Tensor RandomTensor(Session& session, Queue& queue, const std::vector<long>& sizes, float lo,
+                           float hi, unsigned seed) {
+  long n = 1;
+  for (long s : sizes) n *= s;
+  std::vector<float> host(n);
+  std::mt19937 gen(seed);
+  std::uniform_real_distribution<float> dist(lo, hi);
+  for (auto& v : host) v = dist(gen);
+  Tensor t = session.MakeTensor(sizes, kFloat);
+  queue.CopyHostToDevice(t.storage(), host.data(), n * static_cast<long>(sizeof(float)));
+  return t;
+}
+
+// The OpenCL session's device name, for the first line of a report.
+inline std::string DeviceName(const Session& session) {
+  auto impl = std::dynamic_pointer_cast<cl::SessionImpl>(session.impl());
+  return impl->device().getInfo<CL_DEVICE_NAME>();
 }
 
 }  // namespace nerva::bench

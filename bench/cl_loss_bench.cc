@@ -22,23 +22,9 @@
 namespace {
 
 using nerva::bench::CopyKernel;
+using nerva::bench::TimeKernel;
 
 using Clock = std::chrono::steady_clock;
-
-// Fastest of `runs` timed runs of `kernel` after warm-up: on a shared machine
-// the minimum is the least disturbed measure.
-double TimeKernel(nerva::Queue& queue, const nerva::Kernel& kernel, int runs) {
-  for (int i = 0; i < 2; ++i) queue.Enqueue(kernel);
-  queue.Wait();
-  double best = 1e30;
-  for (int i = 0; i < runs; ++i) {
-    const auto start = Clock::now();
-    queue.Enqueue(kernel);
-    queue.Wait();
-    best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
-  }
-  return best;
-}
 
 }  // namespace
 

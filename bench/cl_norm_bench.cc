@@ -18,36 +18,10 @@
 namespace {
 
 using nerva::bench::CopyKernel;
+using nerva::bench::RandomTensor;
+using nerva::bench::TimeKernel;
 
 using Clock = std::chrono::steady_clock;
-
-// Fastest of `runs` timed runs after warm-up: on a shared machine the
-// minimum is the least disturbed measure.
-double TimeKernel(nerva::Queue& queue, const nerva::Kernel& kernel, int runs) {
-  for (int i = 0; i < 2; ++i) queue.Enqueue(kernel);
-  queue.Wait();
-  double best = 1e30;
-  for (int i = 0; i < runs; ++i) {
-    const auto start = Clock::now();
-    queue.Enqueue(kernel);
-    queue.Wait();
-    best = std::min(best, std::chrono::duration<double>(Clock::now() - start).count());
-  }
-  return best;
-}
-
-nerva::Tensor RandomTensor(nerva::Session& session, nerva::Queue& queue,
-                           const std::vector<long>& sizes, float lo, float hi, unsigned seed) {
-  long n = 1;
-  for (long s : sizes) n *= s;
-  std::vector<float> host(n);
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<float> dist(lo, hi);
-  for (auto& v : host) v = dist(gen);
-  nerva::Tensor t = session.MakeTensor(sizes, nerva::kFloat);
-  queue.CopyHostToDevice(t.storage(), host.data(), n * static_cast<long>(sizeof(float)));
-  return t;
-}
 
 }  // namespace
 

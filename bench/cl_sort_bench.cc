@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_util.h"
 #include "nerva/nerva.h"
 #include "nerva/platform/cl/kernel/sort/bitonicsort.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -21,20 +22,7 @@ double Seconds(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Median seconds of `runs` runs after one warm-up.
-double TimeKernel(nerva::Queue& queue, const nerva::Kernel& kernel, int runs) {
-  queue.Enqueue(kernel);
-  queue.Wait();
-  std::vector<double> times;
-  for (int i = 0; i < runs; ++i) {
-    const auto start = Clock::now();
-    queue.Enqueue(kernel);
-    queue.Wait();
-    times.push_back(Seconds(start));
-  }
-  std::nth_element(times.begin(), times.begin() + runs / 2, times.end());
-  return times[runs / 2];
-}
+using nerva::bench::TimeKernel;
 
 std::vector<float> RandomData(long n) {
   std::vector<float> v(n);
