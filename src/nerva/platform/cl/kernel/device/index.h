@@ -70,6 +70,14 @@ inline long ix_fix(long v, long n, int neg) {
     *dst = v < 0 ? (DTYPE)0 : IX_BASE(in, DTYPE)[(o * dsize + v) * inner + k]; \
   }
 
+/* Element i of a dense (outer, count, inner) tensor as (o, j, k). */
+inline void ix_fold(ulong i, ulong inner, ulong count, ulong *o, ulong *j, ulong *k) {
+  const ulong row = i / inner;
+  *k = i - row * inner;
+  *o = row / count;
+  *j = row - *o * count;
+}
+
 /* Walks element i of a tensor whose sizes and three stride sets (elements)
  * are in the table m: [rank, dim, sizes[8], a[8], b[8], c[8]]. Returns the
  * offsets along a and b, the offset along c without the dimension `dim`, and
@@ -90,6 +98,41 @@ inline void ix_walk(__global const long *m, ulong i, long *a, long *b, long *c, 
   *b = ob;
   *c = oc;
   *at_dim = cd;
+}
+
+/* Advanced indexing with several index tensors. The table m holds
+ * [R, slots, result sizes[8], input strides per result dim[8]] and per slot t
+ * at 18 + 12 t: [is64, size of its input dim, that dim's stride, 0, index
+ * strides per result dim[8]] (0 where the slot broadcasts). The eight slot
+ * parameters are the index tensors (unused ones repeat a used one). Returns
+ * the input offset of result element i, or -1 when one of its indices is
+ * outside [-size, size). */
+#define IX_SLOT_PARAMS                                                          \
+  IX_PARAM(s0), IX_PARAM(s1), IX_PARAM(s2), IX_PARAM(s3), IX_PARAM(s4), IX_PARAM(s5), \
+      IX_PARAM(s6), IX_PARAM(s7)
+#define IX_SLOT_BASES                                                           \
+  {s0_ptr + s0_off, s1_ptr + s1_off, s2_ptr + s2_off, s3_ptr + s3_off,          \
+   s4_ptr + s4_off, s5_ptr + s5_off, s6_ptr + s6_off, s7_ptr + s7_off}
+inline long ix_array_offset(__global const long *m, ulong i, __global uchar *const *slots) {
+  const int rank = (int)m[0], nslots = (int)m[1];
+  long coord[8];
+  long off = 0;
+  for (int k = rank - 1; k >= 0; --k) {
+    const ulong size = (ulong)m[2 + k];
+    const ulong q = i / size;
+    coord[k] = (long)(i - q * size);
+    i = q;
+    off += coord[k] * m[10 + k];
+  }
+  for (int t = 0; t < nslots; ++t) {
+    __global const long *s = m + 18 + 12 * t;
+    long at = 0;
+    for (int k = 0; k < rank; ++k) at += coord[k] * s[4 + k];
+    const long v = ix_fix(ix_load_index(slots[t], at, (int)s[0]), s[1], 1);
+    if (v < 0) return -1;
+    off += v * s[2];
+  }
+  return off;
 }
 
 #ifdef ACC_T

@@ -114,6 +114,10 @@ void IndexFrameKernel::Launch(KernelUnit& unit, long n) {
 }
 
 IxArg IndexFrameKernel::Arg(const Tensor& t) {
+  return MakeIxArg(t);
+}
+
+IxArg MakeIxArg(const Tensor& t) {
   const ClTensor view(t);
   return IxArg{view.mem(), view.offset()};
 }

@@ -30,6 +30,7 @@ struct IxArg {
   cl_ulong offset;
 };
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const IxArg& arg);
+IxArg MakeIxArg(const Tensor& t);
 
 class IndexFrameKernel : public KernelImpl {
  public:
