@@ -135,6 +135,22 @@ inline long ix_array_offset(__global const long *m, ulong i, __global uchar *con
   return off;
 }
 
+/* Embedding bags: the bag of position j: offset2bag[j] when given (o2b_len > 0), else the
+ * last bag whose offset is <= j (binary search). -1 when there is none. */
+inline long ebb_bag(__global const uchar *o2b, int o2b64, long o2b_len, __global const uchar *off,
+                    int off64, long noff, long bags, long j) {
+  if (o2b_len > 0) {
+    const long b = j < o2b_len ? ix_load_index(o2b, j, o2b64) : -1;
+    return (b >= 0 && b < bags) ? b : -1;
+  }
+  long lo = 0, hi = min(noff, bags);
+  while (lo < hi) {
+    const long mid = (lo + hi) / 2;
+    if (ix_load_index(off, mid, off64) <= j) lo = mid + 1; else hi = mid;
+  }
+  return lo - 1;
+}
+
 #ifdef ACC_T
 #if defined(ACC_IS_LONG)
 #pragma OPENCL EXTENSION cl_khr_int64_base_atomics : enable
