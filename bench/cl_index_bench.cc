@@ -72,25 +72,24 @@ int main() {
   std::printf("%-36s %7.2f GB/s\n", "COPY float4 64M floats", base);
 
   // Gather: 1M random rows of the 1M x 64 table (reads the rows and the indices, writes out).
-  nerva::Kernel gather = nerva::Gather::Create(queue, nerva::GatherOption{0}, table.option(),
-                                               table.storage(), picks.option(), picks.storage(),
-                                               rows.option(), rows.storage());
+  nerva::Kernel gather =
+      nerva::Gather::Create(queue, nerva::GatherOption{0}, table.option(), table.storage(),
+                            picks.option(), picks.storage(), rows.option(), rows.storage());
   Report("Gather 1M rows of 1Mx64", TimeKernel(queue, gather, kRuns),
          2.0 * kPicks * kDim * 4 + kPicks * 8.0, base);
 
   // Scatter-add of 1M rows into 64K rows: the index is one per row, expanded along the row.
   base = copy_gbs();
   nerva::Tensor targets = Indices(session, queue, kPicks, kTargets);
-  nerva::Tensor index =
-      nerva::Tensor(nerva::TensorOption{nerva::Shape({kPicks, 1}), nerva::kInt64},
-                    targets.storage(), 0)
-          .BroadcastTo({kPicks, kDim});
+  nerva::Tensor index = nerva::Tensor(nerva::TensorOption{nerva::Shape({kPicks, 1}), nerva::kInt64},
+                                      targets.storage(), 0)
+                            .BroadcastTo({kPicks, kDim});
   nerva::Tensor acc = Random(session, queue, {kTargets, kDim});
   nerva::Tensor acc_out = session.MakeTensor({kTargets, kDim}, nerva::kFloat);
-  nerva::Kernel scatter = nerva::Scatter::Create(
-      queue, nerva::ScatterOption{0, nerva::ScatterReduceType::kSum, true}, acc.option(),
-      acc.storage(), index.option(), index.storage(), rows.option(), rows.storage(),
-      acc_out.option(), acc_out.storage());
+  nerva::Kernel scatter =
+      nerva::Scatter::Create(queue, nerva::ScatterOption{0, nerva::ScatterReduceType::kSum, true},
+                             acc.option(), acc.storage(), index.option(), index.storage(),
+                             rows.option(), rows.storage(), acc_out.option(), acc_out.storage());
   Report("Scatter-add 1M rows into 64K rows", TimeKernel(queue, scatter, kRuns),
          kPicks * kDim * 4.0 + kPicks * 8.0 + 2.0 * kTargets * kDim * 4, base);
 

@@ -56,8 +56,8 @@ TEST(EmbeddingBagTest, EveryModeWithEmptyBagsPaddingAndOutOfRange) {
               TestQueue(), EmbeddingBagOption{mode, last, padding}, weight.option(),
               weight.storage(), ti.option(), ti.storage(), to.option(), to.storage(),
               TensorOption{Shape(), data}, Buffer(), out.option(), out.buffer()));
-          ExpectNear(out.values(), BagRef(w, idx, {0, 3, 3, 7}, {3, 3, 7, 9}, mode, nullptr, padding),
-                     data, 2);
+          ExpectNear(out.values(),
+                     BagRef(w, idx, {0, 3, 3, 7}, {3, 3, 7, 9}, mode, nullptr, padding), data, 2);
           EXPECT_TRUE(out.GuardsIntact());
         }
       }
@@ -79,18 +79,18 @@ TEST(EmbeddingBagTest, PerSampleWeightsAndFixedBags) {
       tp.option(), tp.storage(), out.option(), out.buffer()));
   ExpectNear(out.values(), BagRef(w, idx, {0, 2, 4}, {2, 4, 6}, EmbeddingBagMode::kSum, &psw, -1),
              kFloat);
-  EXPECT_THROW_HAS(EmbeddingBag::Create(
-                       TestQueue(), EmbeddingBagOption{EmbeddingBagMode::kMean, false, -1},
-                       weight.option(), weight.storage(), ti.option(), ti.storage(),
-                       TensorOption{Shape(), kInt64}, Buffer(), tp.option(), tp.storage(),
-                       out.option(), out.buffer()),
-                   std::invalid_argument, {"EmbeddingBag", "per_sample_weights"});
+  EXPECT_THROW_HAS(
+      EmbeddingBag::Create(TestQueue(), EmbeddingBagOption{EmbeddingBagMode::kMean, false, -1},
+                           weight.option(), weight.storage(), ti.option(), ti.storage(),
+                           TensorOption{Shape(), kInt64}, Buffer(), tp.option(), tp.storage(),
+                           out.option(), out.buffer()),
+      std::invalid_argument, {"EmbeddingBag", "per_sample_weights"});
   Tensor fi = Put({0, 1}, {2}, kFloat);
-  EXPECT_THROW_HAS(EmbeddingBag::Create(TestQueue(), EmbeddingBagOption{}, weight.option(),
-                                        weight.storage(), fi.option(), fi.storage(), ti.option(),
-                                        ti.storage(), TensorOption{Shape(), kFloat}, Buffer(),
-                                        out.option(), out.buffer()),
-                   std::invalid_argument, {"EmbeddingBag", "indices", "DataType::kFloat"});
+  EXPECT_THROW_HAS(
+      EmbeddingBag::Create(TestQueue(), EmbeddingBagOption{}, weight.option(), weight.storage(),
+                           fi.option(), fi.storage(), ti.option(), ti.storage(),
+                           TensorOption{Shape(), kFloat}, Buffer(), out.option(), out.buffer()),
+      std::invalid_argument, {"EmbeddingBag", "indices", "DataType::kFloat"});
 }
 
 TEST(EmbeddingBagBackwardTest, EveryModeWithScalingAndPadding) {
@@ -126,14 +126,17 @@ TEST(EmbeddingBagBackwardTest, EveryModeWithScalingAndPadding) {
         if (mode == EmbeddingBagMode::kMax) {
           for (long b = 0; b < 4; ++b)
             for (long d = 0; d < kDim; ++d)
-              if (maxi[b * kDim + d] >= 0) want[maxi[b * kDim + d] * kDim + d] += grad[b * kDim + d];
+              if (maxi[b * kDim + d] >= 0)
+                want[maxi[b * kDim + d] * kDim + d] += grad[b * kDim + d];
         } else {
           for (long j = 0; j < 9; ++j) {
             if (idx[j] >= kRows || idx[j] == padding) continue;
             for (long d = 0; d < kDim; ++d) {
               double g = grad[o2b[j] * kDim + d];
-              if (sum) g *= psw[j];
-              else g /= bag_size[o2b[j]];
+              if (sum)
+                g *= psw[j];
+              else
+                g /= bag_size[o2b[j]];
               if (scale) g /= freq[idx[j]];
               want[idx[j] * kDim + d] += g;
             }

@@ -96,8 +96,8 @@ TEST(GatherTest, Errors) {
   EXPECT_THROW_HAS(Gather::Create(TestQueue(), GatherOption{3}, x.option(), x.storage(),
                                   idx.option(), idx.storage(), out.option(), out.storage()),
                    std::out_of_range, {"Gather", "dim 3"});
-  EXPECT_THROW_HAS(Index::Create(TestQueue(), IndexOption{0}, x.option(), x.storage(),
-                                 idx.option(), idx.storage(), out.option(), out.storage()),
+  EXPECT_THROW_HAS(Index::Create(TestQueue(), IndexOption{0}, x.option(), x.storage(), idx.option(),
+                                 idx.storage(), out.option(), out.storage()),
                    std::runtime_error, {"Index", "out", "[2, 5, 7]", "[3, 2, 7]"});
 }
 
@@ -130,13 +130,13 @@ TEST(GatherElementTest, EveryDimBothIndexTypesAndOutOfRange) {
         std::vector<long> isz = {2, 3, 5};
         isz[dim] = 4;
         auto index = RandomIndices(Count(isz), 0, kInput[dim], dim + 1);
-        index[1] = -1;            // out of range for torch.gather
+        index[1] = -1;           // out of range for torch.gather
         index[2] = kInput[dim];  // out of range
         Tensor idx = PutIndex(index, isz, itype);
         Guarded out(isz, data);
-        TestQueue().Enqueue(GatherElement::Create(TestQueue(), GatherElementOption{dim},
-                                                  x.option(), x.storage(), idx.option(),
-                                                  idx.storage(), out.option(), out.buffer()));
+        TestQueue().Enqueue(GatherElement::Create(TestQueue(), GatherElementOption{dim}, x.option(),
+                                                  x.storage(), idx.option(), idx.storage(),
+                                                  out.option(), out.buffer()));
         EXPECT_EQ(out.values(), GatherElementRef(in, isz, dim, index)) << dim;
         EXPECT_TRUE(out.GuardsIntact());
       }
@@ -157,19 +157,19 @@ TEST(GatherElementTest, ExpandedIndexAndErrors) {
       for (long c = 0; c < 7; ++c) full.push_back(small[a * 7 + c]);
   Guarded out(kInput, kFloat);
   TestQueue().Enqueue(GatherElement::Create(TestQueue(), GatherElementOption{1}, x.option(),
-                                            x.storage(), idx.option(), idx.storage(),
-                                            out.option(), out.buffer()));
+                                            x.storage(), idx.option(), idx.storage(), out.option(),
+                                            out.buffer()));
   EXPECT_EQ(out.values(), GatherElementRef(in, kInput, 1, full));
   Tensor big = PutIndex(std::vector<long>(3 * 6 * 7, 0), {3, 6, 7}, kInt64);
   Tensor o2 = TestSession().MakeTensor({3, 6, 7}, kFloat);
-  EXPECT_THROW_HAS(GatherElement::Create(TestQueue(), GatherElementOption{0}, x.option(),
-                                         x.storage(), big.option(), big.storage(), o2.option(),
-                                         o2.storage()),
-                   std::runtime_error, {"GatherElement", "index", "[3, 6, 7]", "[3, 5, 7]"});
-  EXPECT_THROW_HAS(GatherElement::Create(TestQueue(), GatherElementOption{-4}, x.option(),
-                                         x.storage(), big.option(), big.storage(), o2.option(),
-                                         o2.storage()),
-                   std::out_of_range, {"GatherElement", "dim -4"});
+  EXPECT_THROW_HAS(
+      GatherElement::Create(TestQueue(), GatherElementOption{0}, x.option(), x.storage(),
+                            big.option(), big.storage(), o2.option(), o2.storage()),
+      std::runtime_error, {"GatherElement", "index", "[3, 6, 7]", "[3, 5, 7]"});
+  EXPECT_THROW_HAS(
+      GatherElement::Create(TestQueue(), GatherElementOption{-4}, x.option(), x.storage(),
+                            big.option(), big.storage(), o2.option(), o2.storage()),
+      std::out_of_range, {"GatherElement", "dim -4"});
 }
 
 }  // namespace

@@ -77,8 +77,8 @@ TEST(IndexArrayTest, AdjacentSeparatedAndLeftOutIndices) {
   Guarded out({2, 3, 5}, kFloat);
   const std::vector<TensorOption> opts = {t0.option(), TensorOption{Shape(), kInt64}, t2.option()};
   const std::vector<Buffer> bufs = {t0.storage(), Buffer(), t2.storage()};
-  TestQueue().Enqueue(Index::Create(TestQueue(), x.option(), x.storage(), opts, bufs,
-                                    out.option(), out.buffer()));
+  TestQueue().Enqueue(
+      Index::Create(TestQueue(), x.option(), x.storage(), opts, bufs, out.option(), out.buffer()));
   EXPECT_EQ(out.values(), want);
   EXPECT_TRUE(out.GuardsIntact());
   // Adjacent dims 1 and 2 with dim 0 left out: result [3, 4].
@@ -96,11 +96,10 @@ TEST(IndexArrayTest, AdjacentSeparatedAndLeftOutIndices) {
   EXPECT_EQ(out2.values(), want2);
   // Shapes that do not broadcast; a float index.
   Tensor bad = PutIndex({0, 1, 2}, {3}, kInt64), fl = Put({0, 1}, {2}, kFloat);
-  EXPECT_THROW_HAS(Index::Create(TestQueue(), x.option(), x.storage(),
-                                 {t0.option(), bad.option(), u1.option()},
-                                 {t0.storage(), bad.storage(), u1.storage()}, out.option(),
-                                 out.buffer()),
-                   std::runtime_error, {"IndexWithIndicesArray", "broadcast"});
+  EXPECT_THROW_HAS(
+      Index::Create(TestQueue(), x.option(), x.storage(), {t0.option(), bad.option(), u1.option()},
+                    {t0.storage(), bad.storage(), u1.storage()}, out.option(), out.buffer()),
+      std::runtime_error, {"IndexWithIndicesArray", "broadcast"});
   EXPECT_THROW_HAS(Index::Create(TestQueue(), x.option(), x.storage(), {fl.option()},
                                  {fl.storage()}, out.option(), out.buffer()),
                    std::invalid_argument, {"IndexWithIndicesArray", "indices[0]"});

@@ -36,13 +36,39 @@ inline std::vector<uint8_t> Encode(const std::vector<double>& values, DataType t
     uint8_t* p = bytes.data() + i * item;
     const double v = values[i];
     switch (type) {
-      case kFloat: { float f = static_cast<float>(v); std::memcpy(p, &f, 4); break; }
-      case kHalf: { uint16_t h = FloatToHalf(static_cast<float>(v)); std::memcpy(p, &h, 2); break; }
-      case kInt32: { int32_t x = static_cast<int32_t>(v); std::memcpy(p, &x, 4); break; }
-      case kInt64: { int64_t x = static_cast<int64_t>(v); std::memcpy(p, &x, 8); break; }
-      case kInt8: { int8_t x = static_cast<int8_t>(v); std::memcpy(p, &x, 1); break; }
-      case kUInt8: case kBool: { uint8_t x = static_cast<uint8_t>(v); *p = x; break; }
-      default: ADD_FAILURE() << "no encoding for " << type;
+      case kFloat: {
+        float f = static_cast<float>(v);
+        std::memcpy(p, &f, 4);
+        break;
+      }
+      case kHalf: {
+        uint16_t h = FloatToHalf(static_cast<float>(v));
+        std::memcpy(p, &h, 2);
+        break;
+      }
+      case kInt32: {
+        int32_t x = static_cast<int32_t>(v);
+        std::memcpy(p, &x, 4);
+        break;
+      }
+      case kInt64: {
+        int64_t x = static_cast<int64_t>(v);
+        std::memcpy(p, &x, 8);
+        break;
+      }
+      case kInt8: {
+        int8_t x = static_cast<int8_t>(v);
+        std::memcpy(p, &x, 1);
+        break;
+      }
+      case kUInt8:
+      case kBool: {
+        uint8_t x = static_cast<uint8_t>(v);
+        *p = x;
+        break;
+      }
+      default:
+        ADD_FAILURE() << "no encoding for " << type;
     }
   }
   return bytes;
@@ -54,20 +80,50 @@ inline std::vector<double> Decode(const std::vector<uint8_t>& bytes, DataType ty
   for (size_t i = 0; i < out.size(); ++i) {
     const uint8_t* p = bytes.data() + i * item;
     switch (type) {
-      case kFloat: { float f; std::memcpy(&f, p, 4); out[i] = f; break; }
-      case kHalf: { uint16_t h; std::memcpy(&h, p, 2); out[i] = HalfToFloat(h); break; }
-      case kInt32: { int32_t x; std::memcpy(&x, p, 4); out[i] = x; break; }
-      case kInt64: { int64_t x; std::memcpy(&x, p, 8); out[i] = static_cast<double>(x); break; }
-      case kInt8: { int8_t x; std::memcpy(&x, p, 1); out[i] = x; break; }
-      case kUInt8: case kBool: out[i] = *p; break;
-      default: ADD_FAILURE() << "no decoding for " << type;
+      case kFloat: {
+        float f;
+        std::memcpy(&f, p, 4);
+        out[i] = f;
+        break;
+      }
+      case kHalf: {
+        uint16_t h;
+        std::memcpy(&h, p, 2);
+        out[i] = HalfToFloat(h);
+        break;
+      }
+      case kInt32: {
+        int32_t x;
+        std::memcpy(&x, p, 4);
+        out[i] = x;
+        break;
+      }
+      case kInt64: {
+        int64_t x;
+        std::memcpy(&x, p, 8);
+        out[i] = static_cast<double>(x);
+        break;
+      }
+      case kInt8: {
+        int8_t x;
+        std::memcpy(&x, p, 1);
+        out[i] = x;
+        break;
+      }
+      case kUInt8:
+      case kBool:
+        out[i] = *p;
+        break;
+      default:
+        ADD_FAILURE() << "no decoding for " << type;
     }
   }
   return out;
 }
 
 // A device tensor of `sizes` and `type` holding `values`.
-inline Tensor Put(const std::vector<double>& values, const std::vector<long>& sizes, DataType type) {
+inline Tensor Put(const std::vector<double>& values, const std::vector<long>& sizes,
+                  DataType type) {
   std::vector<uint8_t> bytes = Encode(values, type);
   if (Count(sizes) == 0) {
     return Tensor(TensorOption{Shape(sizes), type}, TestSession().MakeBuffer(kMemReadWrite, 8), 0);
@@ -126,7 +182,8 @@ inline std::vector<double> RandomValues(size_t n, DataType type, unsigned seed) 
   std::vector<double> out(n);
   if (type == kFloat || type == kHalf) {
     std::uniform_real_distribution<double> dist(-2.0, 2.0);
-    for (auto& v : out) v = type == kHalf ? HalfToFloat(FloatToHalf(dist(gen))) : static_cast<float>(dist(gen));
+    for (auto& v : out)
+      v = type == kHalf ? HalfToFloat(FloatToHalf(dist(gen))) : static_cast<float>(dist(gen));
   } else if (type == kUInt8 || type == kBool) {
     std::uniform_int_distribution<int> dist(type == kBool ? 0 : 1, type == kBool ? 1 : 200);
     for (auto& v : out) v = dist(gen);

@@ -14,19 +14,23 @@ const std::vector<long> kInput = {3, 5, 7};
 
 double Combine(double a, double b, ScatterReduceType op) {
   switch (op) {
-    case ScatterReduceType::kProd: return a * b;
-    case ScatterReduceType::kAmax: return std::max(a, b);
-    case ScatterReduceType::kAmin: return std::min(a, b);
-    case ScatterReduceType::kNone: return b;
-    default: return a + b;
+    case ScatterReduceType::kProd:
+      return a * b;
+    case ScatterReduceType::kAmax:
+      return std::max(a, b);
+    case ScatterReduceType::kAmin:
+      return std::min(a, b);
+    case ScatterReduceType::kNone:
+      return b;
+    default:
+      return a + b;
   }
 }
 
 // torch.scatter_reduce on the host: index and src of isz; indices outside [0, size) skipped.
-std::vector<double> ScatterRef(const std::vector<double>& in, int dim,
-                               const std::vector<long>& isz, const std::vector<long>& index,
-                               const std::vector<double>& src, ScatterReduceType op,
-                               bool include_self, bool integral) {
+std::vector<double> ScatterRef(const std::vector<double>& in, int dim, const std::vector<long>& isz,
+                               const std::vector<long>& index, const std::vector<double>& src,
+                               ScatterReduceType op, bool include_self, bool integral) {
   const auto st = Strides(kInput);
   std::vector<double> acc(in.size(), 0.0);
   std::vector<int> count(in.size(), 0);
@@ -171,24 +175,24 @@ TEST(ScatterTest, Errors) {
   Tensor fidx = Put(std::vector<double>(105, 0), kInput, kFloat);
   Tensor small = Put(RandomValues(4, kFloat, 2), {1, 2, 2}, kFloat);
   Tensor out = TestSession().MakeTensor(kInput, kFloat);
-  EXPECT_THROW_HAS(Scatter::Create(TestQueue(), ScatterOption{}, x.option(), x.storage(),
-                                   fidx.option(), fidx.storage(), x.option(), x.storage(),
-                                   out.option(), out.storage()),
-                   std::invalid_argument, {"Scatter", "index", "DataType::kFloat"});
-  EXPECT_THROW_HAS(Scatter::Create(TestQueue(), ScatterOption{5}, x.option(), x.storage(),
-                                   idx.option(), idx.storage(), x.option(), x.storage(),
-                                   out.option(), out.storage()),
-                   std::out_of_range, {"Scatter", "dim 5"});
-  EXPECT_THROW_HAS(Scatter::Create(TestQueue(), ScatterOption{}, x.option(), x.storage(),
-                                   idx.option(), idx.storage(), small.option(), small.storage(),
-                                   out.option(), out.storage()),
-                   std::runtime_error, {"Scatter", "src", "[1, 2, 2]"});
+  EXPECT_THROW_HAS(
+      Scatter::Create(TestQueue(), ScatterOption{}, x.option(), x.storage(), fidx.option(),
+                      fidx.storage(), x.option(), x.storage(), out.option(), out.storage()),
+      std::invalid_argument, {"Scatter", "index", "DataType::kFloat"});
+  EXPECT_THROW_HAS(
+      Scatter::Create(TestQueue(), ScatterOption{5}, x.option(), x.storage(), idx.option(),
+                      idx.storage(), x.option(), x.storage(), out.option(), out.storage()),
+      std::out_of_range, {"Scatter", "dim 5"});
+  EXPECT_THROW_HAS(
+      Scatter::Create(TestQueue(), ScatterOption{}, x.option(), x.storage(), idx.option(),
+                      idx.storage(), small.option(), small.storage(), out.option(), out.storage()),
+      std::runtime_error, {"Scatter", "src", "[1, 2, 2]"});
   Tensor b = Put(std::vector<double>(105, 1), kInput, kBool);
   Tensor bo = TestSession().MakeTensor(kInput, kBool);
-  EXPECT_THROW_HAS(Scatter::Create(TestQueue(), ScatterOption{0, R::kSum}, b.option(),
-                                   b.storage(), idx.option(), idx.storage(), b.option(),
-                                   b.storage(), bo.option(), bo.storage()),
-                   std::invalid_argument, {"Scatter", "DataType::kBool"});
+  EXPECT_THROW_HAS(
+      Scatter::Create(TestQueue(), ScatterOption{0, R::kSum}, b.option(), b.storage(), idx.option(),
+                      idx.storage(), b.option(), b.storage(), bo.option(), bo.storage()),
+      std::invalid_argument, {"Scatter", "DataType::kBool"});
 }
 
 // torch.index_reduce on the host.
@@ -224,8 +228,8 @@ TEST(IndexReduceTest, EveryReductionAndDim) {
           Tensor s = Put(src, ssz, data);
           Guarded out(kInput, data);
           TestQueue().Enqueue(IndexReduce::Create(
-              TestQueue(), IndexReduceOption{dim, op, self}, x.option(), x.storage(),
-              idx.option(), idx.storage(), s.option(), s.storage(), out.option(), out.buffer()));
+              TestQueue(), IndexReduceOption{dim, op, self}, x.option(), x.storage(), idx.option(),
+              idx.storage(), s.option(), s.storage(), out.option(), out.buffer()));
           ExpectNear(out.values(), IndexReduceRef(in, dim, index, src, op, self, data != kFloat),
                      data, 10);
           EXPECT_TRUE(out.GuardsIntact());
@@ -256,9 +260,9 @@ TEST(ScatterNDTest, ReplaceAndReductionsWithNegativeAndOutOfRangeTuples) {
       }
     }
     Guarded out(kInput, kFloat);
-    TestQueue().Enqueue(ScatterND::Create(TestQueue(), ScatterNDOption{op}, x.option(),
-                                          x.storage(), idx.option(), idx.storage(), u.option(),
-                                          u.storage(), out.option(), out.buffer()));
+    TestQueue().Enqueue(ScatterND::Create(TestQueue(), ScatterNDOption{op}, x.option(), x.storage(),
+                                          idx.option(), idx.storage(), u.option(), u.storage(),
+                                          out.option(), out.buffer()));
     auto got = out.values();
     if (op == R::kNone) {
       // Row (0, 1) receives tuple 0 or tuple 2.
@@ -276,10 +280,10 @@ TEST(ScatterNDTest, ReplaceAndReductionsWithNegativeAndOutOfRangeTuples) {
                                      u.storage(), x.option(), x.storage()),
                    std::invalid_argument, {"ScatterND", "reduction"});
   Tensor bad = Put(RandomValues(8, kFloat, 1), {4, 2}, kFloat);
-  EXPECT_THROW_HAS(ScatterND::Create(TestQueue(), ScatterNDOption{}, x.option(), x.storage(),
-                                     idx.option(), idx.storage(), bad.option(), bad.storage(),
-                                     x.option(), x.storage()),
-                   std::runtime_error, {"ScatterND", "updates", "[4, 7]"});
+  EXPECT_THROW_HAS(
+      ScatterND::Create(TestQueue(), ScatterNDOption{}, x.option(), x.storage(), idx.option(),
+                        idx.storage(), bad.option(), bad.storage(), x.option(), x.storage()),
+      std::runtime_error, {"ScatterND", "updates", "[4, 7]"});
 }
 
 }  // namespace

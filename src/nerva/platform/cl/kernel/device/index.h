@@ -46,28 +46,25 @@ inline long ix_fix(long v, long n, int neg) {
 
 /* Slices along one dimension: out[o][j][k] = in[o][index[j]][k] over
  * (outer, count, inner) = out's folded shape, the input having dsize on the
- * indexed dimension; an index outside it reads 0. `n` is out's element count;
- * `narrow` says that every position fits 32 bits (cheaper division). */
+ * indexed dimension; an index outside it reads 0. Work item g copies chunk
+ * g % chunks (IX_CHUNK elements) of out row g / chunks. */
+#define IX_CHUNK 64
 #define IX_SELECT_KERNEL(NAME)                                                 \
-  __kernel void NAME(IX_PARAM(in), IX_PARAM(idx), int is64, IX_PARAM(out), ulong n, \
-                     ulong inner, ulong count, long dsize, int neg, int narrow) { \
-    const ulong i = get_global_id(0);                                          \
-    if (i >= n) return;                                                        \
-    ulong row, k, j, o;                                                        \
-    if (narrow) {                                                              \
-      const uint r = (uint)i / (uint)inner;                                    \
-      k = (uint)i - r * (uint)inner;                                           \
-      o = r / (uint)count;                                                     \
-      j = r - (uint)o * (uint)count;                                           \
-    } else {                                                                   \
-      row = i / inner;                                                         \
-      k = i - row * inner;                                                     \
-      o = row / count;                                                         \
-      j = row - o * count;                                                     \
-    }                                                                          \
+  __kernel void NAME(IX_PARAM(in), IX_PARAM(idx), int is64, IX_PARAM(out), ulong rows, \
+                     ulong inner, ulong count, long dsize, int neg, ulong chunks) { \
+    const ulong g = get_global_id(0);                                          \
+    if (g >= rows * chunks) return;                                            \
+    const ulong r = g / chunks, c = g - r * chunks;                            \
+    const ulong o = r / count, j = r - o * count;                              \
     const long v = ix_fix(ix_load_index(idx_ptr + idx_off, j, is64), dsize, neg); \
-    __global DTYPE *dst = IX_BASE(out, DTYPE) + i;                             \
-    *dst = v < 0 ? (DTYPE)0 : IX_BASE(in, DTYPE)[(o * dsize + v) * inner + k]; \
+    __global DTYPE *dst = IX_BASE(out, DTYPE) + r * inner;                     \
+    const ulong first = c * IX_CHUNK, last = min(inner, first + IX_CHUNK);     \
+    if (v < 0) {                                                               \
+      for (ulong k = first; k < last; ++k) dst[k] = (DTYPE)0;                  \
+      return;                                                                  \
+    }                                                                          \
+    __global const DTYPE *src = IX_BASE(in, DTYPE) + (o * dsize + v) * inner;  \
+    for (ulong k = first; k < last; ++k) dst[k] = src[k];                      \
   }
 
 /* Element i of a dense (outer, count, inner) tensor as (o, j, k). */

@@ -38,8 +38,8 @@ bool EmbeddingBagKernel::Verify() const {
   CheckIndexType("indices", indices_);
   const size_t rank = indices_.shape().ndim();
   if (rank == 2 && Defined(offsets_)) {
-    throw std::runtime_error(StrCat(name(), ": offsets must be left out for 2-D indices of shape ",
-                                    indices_.shape()));
+    throw std::runtime_error(
+        StrCat(name(), ": offsets must be left out for 2-D indices of shape ", indices_.shape()));
   }
   if (rank == 1) {
     if (!Defined(offsets_)) throw std::runtime_error(StrCat(name(), ": 1-D indices need offsets"));
@@ -47,8 +47,8 @@ bool EmbeddingBagKernel::Verify() const {
     if (offsets_.shape().ndim() != 1 ||
         (option_.include_last_offset && offsets_.shape().sizes()[0] < 1)) {
       throw std::runtime_error(StrCat(name(), ": offsets must be 1-D",
-                                      option_.include_last_offset ? " and not empty" : "",
-                                      ", got ", offsets_.shape()));
+                                      option_.include_last_offset ? " and not empty" : "", ", got ",
+                                      offsets_.shape()));
     }
   } else if (rank != 2) {
     throw std::runtime_error(
@@ -77,10 +77,10 @@ void EmbeddingBagKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const bool has_psw = Defined(psw_) && len > 0;
   const Tensor psw = has_psw ? Dense(session, psw_) : out_;
   auto& unit = Unit(session, "embedding_bag.cl", TypeOptions(weight_.dtype()), name());
-  unit.SetArgs(Arg(weight), Arg(indices), Is64(indices), Arg(offsets),
-               fixed ? 0 : Is64(offsets), Arg(psw), static_cast<int>(has_psw), Arg(out_),
-               static_cast<cl_ulong>(n), static_cast<cl_ulong>(dim),
-               static_cast<cl_long>(weight_.shape().sizes()[0]), static_cast<cl_long>(len),
+  unit.SetArgs(Arg(weight), Arg(indices), Is64(indices), Arg(offsets), fixed ? 0 : Is64(offsets),
+               Arg(psw), static_cast<int>(has_psw), Arg(out_), static_cast<cl_ulong>(n),
+               static_cast<cl_ulong>(dim), static_cast<cl_long>(weight_.shape().sizes()[0]),
+               static_cast<cl_long>(len),
                static_cast<cl_long>(fixed ? 0 : offsets_.shape().sizes()[0]),
                static_cast<cl_long>(fixed ? indices_.shape().sizes()[1] : 0),
                static_cast<int>(option_.include_last_offset), static_cast<int>(option_.mode),

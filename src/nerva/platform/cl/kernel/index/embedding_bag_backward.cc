@@ -6,10 +6,12 @@
 namespace nerva {
 namespace cl {
 
-EmbeddingBagBackwardKernel::EmbeddingBagBackwardKernel(
-    std::string name, const EmbeddingBagBackwardOption& option, Tensor grad, Tensor indices,
-    Tensor offsets, Tensor offset2bag, Tensor max_indices, Tensor per_sample_weights,
-    Tensor grad_weight)
+EmbeddingBagBackwardKernel::EmbeddingBagBackwardKernel(std::string name,
+                                                       const EmbeddingBagBackwardOption& option,
+                                                       Tensor grad, Tensor indices, Tensor offsets,
+                                                       Tensor offset2bag, Tensor max_indices,
+                                                       Tensor per_sample_weights,
+                                                       Tensor grad_weight)
     : IndexFrameKernel(std::move(name)),
       option_(option),
       grad_(std::move(grad)),
@@ -23,7 +25,8 @@ EmbeddingBagBackwardKernel::EmbeddingBagBackwardKernel(
 bool EmbeddingBagBackwardKernel::Verify() const {
   CheckBagMode(name(), option_.mode);
   if (grad_.dtype() != kFloat && grad_.dtype() != kHalf) {
-    throw std::invalid_argument(StrCat(name(), ": grad must be float or half, got ", grad_.dtype()));
+    throw std::invalid_argument(
+        StrCat(name(), ": grad must be float or half, got ", grad_.dtype()));
   }
   if (grad_.shape().ndim() != 2 || grad_weight_.shape().ndim() != 2) {
     throw std::runtime_error(StrCat(name(), ": grad ", grad_.shape(), " and grad_weight ",
@@ -44,7 +47,8 @@ bool EmbeddingBagBackwardKernel::Verify() const {
     CheckIndexType("offsets", offsets_);
   }
   if (option_.mode == EmbeddingBagMode::kMax) {
-    if (!Defined(max_indices_)) throw std::runtime_error(StrCat(name(), ": kMax needs max_indices"));
+    if (!Defined(max_indices_))
+      throw std::runtime_error(StrCat(name(), ": kMax needs max_indices"));
     CheckIndexType("max_indices", max_indices_);
     CheckSizes("max_indices", max_indices_, grad_.shape().sizes());
   }
@@ -89,11 +93,11 @@ void EmbeddingBagBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
     const auto noff = static_cast<cl_long>(has_off ? ElementCount(offsets_) : 0);
     const auto o2b_len = static_cast<cl_long>(has_o2b ? len : 0);
     if (len > 0) {
-      auto& count = Unit(session, "embedding_bag_backward_pre.cl", options,
-                         "embedding_bag_backward_count");
-      count.SetArgs(Arg(indices), Is64(indices), Arg(o2b), Is64(o2b), o2b_len, Arg(off),
-                    Is64(off), noff, freq, bag_size, static_cast<cl_long>(len),
-                    static_cast<cl_long>(rows), static_cast<cl_long>(bags), pad);
+      auto& count =
+          Unit(session, "embedding_bag_backward_pre.cl", options, "embedding_bag_backward_count");
+      count.SetArgs(Arg(indices), Is64(indices), Arg(o2b), Is64(o2b), o2b_len, Arg(off), Is64(off),
+                    noff, freq, bag_size, static_cast<cl_long>(len), static_cast<cl_long>(rows),
+                    static_cast<cl_long>(bags), pad);
       Launch(count, len);
     }
     auto& unit = Unit(session, "embedding_bag_backward.cl", options, name());
@@ -105,8 +109,7 @@ void EmbeddingBagBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
                  static_cast<int>(option_.scale_grad_by_freq && !max_mode), pad);
     Launch(unit, n);
   }
-  auto& store =
-      Unit(session, "embedding_bag_backward.cl", options, "embedding_bag_backward_store");
+  auto& store = Unit(session, "embedding_bag_backward.cl", options, "embedding_bag_backward_store");
   store.SetArgs(acc, Arg(grad_weight_), static_cast<cl_ulong>(total));
   Launch(store, total);
 }
@@ -118,11 +121,11 @@ using MB = Buffer&;
 }  // namespace
 
 NERVA_STATIC_REGISTER {
-  RegisterIndexKernel<const EmbeddingBagBackwardOption&, TO, CB, TO, CB, TO, CB, TO, CB, TO, CB,
-                      TO, CB, TO, MB>(
+  RegisterIndexKernel<const EmbeddingBagBackwardOption&, TO, CB, TO, CB, TO, CB, TO, CB, TO, CB, TO,
+                      CB, TO, MB>(
       "EmbeddingBagBackward",
-      [](const std::string& n, const EmbeddingBagBackwardOption& o, TO go, CB g, TO io, CB i,
-         TO fo, CB f, TO bo, CB b, TO mo, CB m, TO po, CB p, TO wo, MB w) {
+      [](const std::string& n, const EmbeddingBagBackwardOption& o, TO go, CB g, TO io, CB i, TO fo,
+         CB f, TO bo, CB b, TO mo, CB m, TO po, CB p, TO wo, MB w) {
         return std::make_shared<EmbeddingBagBackwardKernel>(
             n, o, MakeTensor(go, g), MakeTensor(io, i), MakeTensor(fo, f), MakeTensor(bo, b),
             MakeTensor(mo, m), MakeTensor(po, p), MakeTensor(wo, w));

@@ -1,10 +1,8 @@
 #include "nerva/platform/cl/kernel/index/gather.h"
 
-#include <limits>
-
 #include "nerva/kernel/base_option.h"
-#include "nerva/util.h"
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/util.h"
 
 namespace nerva {
 namespace cl {
@@ -49,12 +47,14 @@ void GatherKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long count = ElementCount(index_);
   const Tensor input = Dense(session, input_);
   const Tensor index = Dense(session, index_);
-  const bool narrow = n <= std::numeric_limits<uint32_t>::max();
+  const long chunk = 64;  // IX_CHUNK
+  const long chunks = (inner + chunk - 1) / chunk;
+  const long rows = n / inner;
   auto& unit = Unit(session, program_, MoveOptions(input_.dtype()), name());
-  unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(n),
+  unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(rows),
                static_cast<cl_ulong>(inner), static_cast<cl_ulong>(count),
-               static_cast<cl_long>(in[d]), 1, static_cast<int>(narrow));
-  Launch(unit, n);
+               static_cast<cl_long>(in[d]), 1, static_cast<cl_ulong>(chunks));
+  Launch(unit, rows * chunks);
 }
 
 namespace {
@@ -65,8 +65,8 @@ using MB = Buffer&;
 
 NERVA_STATIC_REGISTER {
   RegisterIndexKernel<const GatherOption&, TO, CB, TO, CB, TO, MB>(
-      "Gather", [](const std::string& n, const GatherOption& o, TO io, CB i, TO xo, CB x, TO oo,
-                   MB out) {
+      "Gather",
+      [](const std::string& n, const GatherOption& o, TO io, CB i, TO xo, CB x, TO oo, MB out) {
         return std::make_shared<GatherKernel>(n, "gather.cl", o.dim, MakeTensor(io, i),
                                               MakeTensor(xo, x), MakeTensor(oo, out));
       });

@@ -1,8 +1,8 @@
 #include "nerva/platform/cl/kernel/index/gather_element.h"
 
 #include "nerva/kernel/base_option.h"
-#include "nerva/util.h"
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/util.h"
 
 namespace nerva {
 namespace cl {
@@ -59,8 +59,8 @@ void GatherElementKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (n == 0) return;
   const int d = Dim(dim_, input_.shape().ndim());
   const auto& in_strides = input_.shape().strides();
-  Buffer table = Table(session, WalkTable(d, index_.shape().sizes(), index_.shape().strides(), {},
-                                          in_strides));
+  Buffer table = Table(
+      session, WalkTable(d, index_.shape().sizes(), index_.shape().strides(), {}, in_strides));
   auto& unit = Unit(session, "gather_element.cl", MoveOptions(input_.dtype()), name());
   unit.SetArgs(Arg(input_), Arg(index_), Is64(index_), Arg(out_), table, static_cast<cl_ulong>(n),
                static_cast<cl_long>(input_.shape().sizes()[d]),
@@ -78,8 +78,8 @@ NERVA_STATIC_REGISTER {
   RegisterIndexKernel<const GatherElementOption&, TO, CB, TO, CB, TO, MB>(
       "GatherElement", [](const std::string& n, const GatherElementOption& o, TO io, CB i, TO xo,
                           CB x, TO oo, MB out) {
-        return std::make_shared<GatherElementKernel>(n, o.dim, MakeTensor(io, i),
-                                                     MakeTensor(xo, x), MakeTensor(oo, out));
+        return std::make_shared<GatherElementKernel>(n, o.dim, MakeTensor(io, i), MakeTensor(xo, x),
+                                                     MakeTensor(oo, out));
       });
 };
 

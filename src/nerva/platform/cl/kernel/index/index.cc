@@ -1,8 +1,8 @@
 #include "nerva/platform/cl/kernel/index/index.h"
 
 #include "nerva/kernel/base_option.h"
-#include "nerva/util.h"
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/util.h"
 
 namespace nerva {
 namespace cl {

@@ -24,9 +24,8 @@ ArrayPlan PlanArrayIndices(const std::string& op, const std::vector<long>& sizes
     if (!Defined(indices[t])) continue;
     const DataType type = indices[t].dtype();
     if (type != kInt64 && type != kInt32) {
-      throw std::invalid_argument(StrCat(op, ": indices[", t,
-                                         "] must be DataType::kInt64 or DataType::kInt32, got ",
-                                         type));
+      throw std::invalid_argument(StrCat(
+          op, ": indices[", t, "] must be DataType::kInt64 or DataType::kInt32, got ", type));
     }
     std::vector<long> next;
     if (!dims.empty() && !BroadcastTogether(joint, indices[t].shape().sizes(), &next)) {
@@ -38,7 +37,8 @@ ArrayPlan PlanArrayIndices(const std::string& op, const std::vector<long>& sizes
   }
   // Result dimensions: an input dimension (>= 0) or a broadcast one (-1 - b).
   std::vector<long> roles;
-  const bool adjacent = dims.empty() || dims.back() - dims.front() + 1 == static_cast<int>(dims.size());
+  const bool adjacent =
+      dims.empty() || dims.back() - dims.front() + 1 == static_cast<int>(dims.size());
   auto push_joint = [&] {
     for (size_t b = 0; b < joint.size(); ++b) roles.push_back(-1 - static_cast<long>(b));
   };
@@ -134,18 +134,16 @@ using MB = Buffer&;
 }  // namespace
 
 NERVA_STATIC_REGISTER {
-  RegisterIndexKernel<TO, CB, const std::vector<TensorOption>&, const std::vector<Buffer>&, TO,
-                      MB>(
-      "IndexWithIndicesArray", [](const std::string& n, TO io, CB i,
-                                  const std::vector<TensorOption>& xo,
-                                  const std::vector<Buffer>& x, TO oo, MB out) {
+  RegisterIndexKernel<TO, CB, const std::vector<TensorOption>&, const std::vector<Buffer>&, TO, MB>(
+      "IndexWithIndicesArray",
+      [](const std::string& n, TO io, CB i, const std::vector<TensorOption>& xo,
+         const std::vector<Buffer>& x, TO oo, MB out) {
         if (xo.size() != x.size()) {
-          throw std::invalid_argument(StrCat(n, ": ", xo.size(), " index descriptors but ",
-                                             x.size(), " buffers"));
+          throw std::invalid_argument(
+              StrCat(n, ": ", xo.size(), " index descriptors but ", x.size(), " buffers"));
         }
-        return std::make_shared<IndexWithIndicesArrayKernel>(n, MakeTensor(io, i),
-                                                             MakeTensors(xo, x),
-                                                             MakeTensor(oo, out));
+        return std::make_shared<IndexWithIndicesArrayKernel>(
+            n, MakeTensor(io, i), MakeTensors(xo, x), MakeTensor(oo, out));
       });
 };
 

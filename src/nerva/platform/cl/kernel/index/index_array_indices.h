@@ -21,9 +21,9 @@ namespace cl {
 
 // The addressing of an advanced-indexing result for ix_array_offset.
 struct ArrayPlan {
-  std::vector<long> result;  // sizes of the result
-  std::vector<long> table;   // the device table
-  std::vector<Tensor> slots; // the index tensors given, in table order
+  std::vector<long> result;   // sizes of the result
+  std::vector<long> table;    // the device table
+  std::vector<Tensor> slots;  // the index tensors given, in table order
 };
 // `strides`: element strides of the tensor being addressed (input sizes). Throws naming `op`.
 ArrayPlan PlanArrayIndices(const std::string& op, const std::vector<long>& sizes,

@@ -23,9 +23,8 @@ cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const IxArg& arg) {
 
 void IndexFrameKernel::CheckIndexType(const std::string& arg, const Tensor& t) const {
   if (t.dtype() != kInt64 && t.dtype() != kInt32) {
-    throw std::invalid_argument(StrCat(name(), ": ", arg,
-                                       " must be DataType::kInt64 or DataType::kInt32, got ",
-                                       t.dtype()));
+    throw std::invalid_argument(StrCat(
+        name(), ": ", arg, " must be DataType::kInt64 or DataType::kInt32, got ", t.dtype()));
   }
 }
 
@@ -34,8 +33,8 @@ void IndexFrameKernel::CheckDataType(const std::string& arg, const Tensor& t, bo
   const bool movable = d == kFloat || d == kHalf || (d >= kInt8 && d <= kUInt64) || d == kBool;
   const bool reducible = d == kFloat || d == kHalf || (d >= kInt8 && d <= kInt64) || d == kUInt8;
   if (!(reduce ? reducible : movable)) {
-    throw std::invalid_argument(StrCat(name(), ": unsupported ", arg, " type ", d,
-                                       reduce ? " for a reduction" : ""));
+    throw std::invalid_argument(
+        StrCat(name(), ": unsupported ", arg, " type ", d, reduce ? " for a reduction" : ""));
   }
 }
 
@@ -47,7 +46,7 @@ void IndexFrameKernel::CheckSameType(const std::string& arg, const Tensor& t, Da
 }
 
 void IndexFrameKernel::CheckSizes(const std::string& arg, const Tensor& t,
-                             const std::vector<long>& sizes) const {
+                                  const std::vector<long>& sizes) const {
   if (t.shape().sizes() != sizes) {
     throw std::runtime_error(
         StrCat(name(), ": ", arg, " must have shape ", Shape(sizes), ", got ", t.shape()));
@@ -61,11 +60,12 @@ void IndexFrameKernel::CheckRank(const std::string& arg, const Tensor& t) const 
   }
 }
 
-void IndexFrameKernel::CheckOut(const std::string& arg, const Tensor& t, const std::vector<long>& sizes,
-                           DataType type) const {
+void IndexFrameKernel::CheckOut(const std::string& arg, const Tensor& t,
+                                const std::vector<long>& sizes, DataType type) const {
   CheckSameType(arg, t, type);
   CheckSizes(arg, t, sizes);
-  if (!t.is_contiguous()) throw std::invalid_argument(StrCat(name(), ": ", arg, " must be contiguous"));
+  if (!t.is_contiguous())
+    throw std::invalid_argument(StrCat(name(), ": ", arg, " must be contiguous"));
 }
 
 int IndexFrameKernel::Dim(int dim, size_t rank) const {
@@ -90,7 +90,7 @@ Buffer IndexFrameKernel::Scratch(const std::shared_ptr<SessionImpl>& session, lo
 }
 
 Buffer IndexFrameKernel::Table(const std::shared_ptr<SessionImpl>& session,
-                          const std::vector<long>& values) {
+                               const std::vector<long>& values) {
   std::vector<cl_long> data(values.begin(), values.end());
   if (data.empty()) data.push_back(0);
   std::shared_ptr<ISessionImpl> base = session;
@@ -103,8 +103,8 @@ Buffer IndexFrameKernel::Table(const std::shared_ptr<SessionImpl>& session,
 }
 
 KernelUnit& IndexFrameKernel::Unit(const std::shared_ptr<SessionImpl>& session,
-                              const std::string& program, const BuildOption& options,
-                              const std::string& kernel) {
+                                   const std::string& program, const BuildOption& options,
+                                   const std::string& kernel) {
   return *MakeSubKernel(session, "Index::" + program, {"common.h", "index.h", program}, options,
                         kernel);
 }
@@ -135,8 +135,9 @@ BuildOption IndexFrameKernel::TypeOptions(DataType type) {
   if (type == kFloat || type == kHalf) {
     options.AddDefinition("ACC_T", "float").AddDefinition("ACC_IS_FLOAT", "1");
   } else if (type == kInt64 || type == kUInt32 || type == kUInt64) {
-    options.AddDefinition("ACC_T", "long").AddDefinition("ACC_IS_FLOAT", "0").AddOption(
-        "-DACC_IS_LONG");
+    options.AddDefinition("ACC_T", "long")
+        .AddDefinition("ACC_IS_FLOAT", "0")
+        .AddOption("-DACC_IS_LONG");
   } else {
     options.AddDefinition("ACC_T", "int").AddDefinition("ACC_IS_FLOAT", "0");
   }
@@ -144,7 +145,7 @@ BuildOption IndexFrameKernel::TypeOptions(DataType type) {
 }
 
 void IndexFrameKernel::Copy(const std::shared_ptr<SessionImpl>& session, const Tensor& src,
-                       const Tensor& dst) {
+                            const Tensor& dst) {
   const long count = ElementCount(dst);
   if (count == 0) return;
   const IxArg s = Arg(src), d = Arg(dst);
@@ -155,8 +156,8 @@ void IndexFrameKernel::Copy(const std::shared_ptr<SessionImpl>& session, const T
   Launch(unit, (bytes + 15) / 16);
 }
 
-IndexFrameKernel::Accumulator IndexFrameKernel::BeginAccumulate(const std::shared_ptr<SessionImpl>& session,
-                                                      const Tensor& out, int op, bool counted) {
+IndexFrameKernel::Accumulator IndexFrameKernel::BeginAccumulate(
+    const std::shared_ptr<SessionImpl>& session, const Tensor& out, int op, bool counted) {
   const long n = ElementCount(out);
   const long acc_size = (out.dtype() == kInt64 || out.dtype() == kUInt32) ? 8 : 4;
   Accumulator a;
@@ -171,8 +172,8 @@ IndexFrameKernel::Accumulator IndexFrameKernel::BeginAccumulate(const std::share
 }
 
 void IndexFrameKernel::EndAccumulate(const std::shared_ptr<SessionImpl>& session,
-                                const Accumulator& a, const Tensor& input, const Tensor& out,
-                                bool include_self) {
+                                     const Accumulator& a, const Tensor& input, const Tensor& out,
+                                     bool include_self) {
   const long n = ElementCount(out);
   auto& unit = Unit(session, "scatter_pre.cl", TypeOptions(out.dtype()), "acc_store");
   unit.SetArgs(Arg(input), a.acc, a.count, Arg(out), static_cast<cl_ulong>(n), a.op,

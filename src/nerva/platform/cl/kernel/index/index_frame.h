@@ -14,12 +14,12 @@
 #include <vector>
 
 #include "nerva/platform/cl/cl_api.h"
+#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
-#include "nerva/util.h"
-#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
 #include "nerva/tensor.h"
+#include "nerva/util.h"
 
 namespace nerva {
 namespace cl {

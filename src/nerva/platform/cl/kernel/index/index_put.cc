@@ -73,8 +73,8 @@ void IndexPutKernel::Compile(std::shared_ptr<SessionImpl> session) {
       Launch(unit, n);
     } else {
       auto& unit = Unit(session, "index_put.cl", options, "IndexPut");
-      unit.SetArgs(Arg(values), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(n),
-                   inner, len, static_cast<cl_long>(in[d]));
+      unit.SetArgs(Arg(values), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(n), inner,
+                   len, static_cast<cl_long>(in[d]));
       Launch(unit, n);
     }
   }
@@ -89,8 +89,8 @@ using MB = Buffer&;
 
 NERVA_STATIC_REGISTER {
   RegisterIndexKernel<const IndexPutOption&, TO, CB, TO, CB, TO, CB, TO, MB>(
-      "IndexPut", [](const std::string& n, const IndexPutOption& o, TO io, CB i, TO xo, CB x,
-                     TO vo, CB v, TO oo, MB out) {
+      "IndexPut", [](const std::string& n, const IndexPutOption& o, TO io, CB i, TO xo, CB x, TO vo,
+                     CB v, TO oo, MB out) {
         return std::make_shared<IndexPutKernel>(n, o, MakeTensor(io, i), MakeTensor(xo, x),
                                                 MakeTensor(vo, v), MakeTensor(oo, out));
       });

@@ -75,8 +75,8 @@ NERVA_STATIC_REGISTER {
       "IndexPutWithIndicesArray", [](const std::string& n, const IndexPutOption& o, TO io, CB i,
                                      TOs xo, CBs x, TO vo, CB v, TO oo, MB out) {
         if (xo.size() != x.size()) {
-          throw std::invalid_argument(StrCat(n, ": ", xo.size(), " index descriptors but ",
-                                             x.size(), " buffers"));
+          throw std::invalid_argument(
+              StrCat(n, ": ", xo.size(), " index descriptors but ", x.size(), " buffers"));
         }
         return std::make_shared<IndexPutWithIndicesArrayKernel>(
             n, o, MakeTensor(io, i), MakeTensors(xo, x), MakeTensor(vo, v), MakeTensor(oo, out));

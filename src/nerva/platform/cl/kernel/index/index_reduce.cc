@@ -18,8 +18,8 @@ bool IndexReduceKernel::Verify() const {
   const auto r = option_.reduce;
   if (r != ScatterReduceType::kProd && r != ScatterReduceType::kMean &&
       r != ScatterReduceType::kAmax && r != ScatterReduceType::kAmin) {
-    throw std::invalid_argument(StrCat(name(), ": reduce must be kProd, kMean, kAmax or kAmin, got ",
-                                       static_cast<int>(r)));
+    throw std::invalid_argument(
+        StrCat(name(), ": reduce must be kProd, kMean, kAmax or kAmin, got ", static_cast<int>(r)));
   }
   CheckDataType("input", input_, true);
   CheckIndexType("index", index_);
@@ -27,8 +27,7 @@ bool IndexReduceKernel::Verify() const {
   CheckRank("input", input_);
   const int d = Dim(option_.dim, input_.shape().ndim());
   if (index_.shape().ndim() != 1) {
-    throw std::runtime_error(
-        StrCat(name(), ": index must be 1-D, got shape ", index_.shape()));
+    throw std::runtime_error(StrCat(name(), ": index must be 1-D, got shape ", index_.shape()));
   }
   std::vector<long> sizes = input_.shape().sizes();
   sizes[d] = index_.shape().sizes()[0];

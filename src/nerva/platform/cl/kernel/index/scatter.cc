@@ -7,9 +7,8 @@
 namespace nerva {
 namespace cl {
 
-ScatterKernel::ScatterKernel(std::string name, int dim, ScatterReduceType reduce,
-                             bool include_self, Tensor input, Tensor index, Tensor src,
-                             Tensor count, Tensor out)
+ScatterKernel::ScatterKernel(std::string name, int dim, ScatterReduceType reduce, bool include_self,
+                             Tensor input, Tensor index, Tensor src, Tensor count, Tensor out)
     : IndexFrameKernel(std::move(name)),
       dim_(dim),
       reduce_(reduce),
@@ -37,7 +36,8 @@ bool ScatterKernel::Verify() const {
           StrCat(name(), ": count must be int32, int64 or float, got ", count_.dtype()));
     }
     CheckSizes("count", count_, input_.shape().sizes());
-    if (!count_.is_contiguous()) throw std::invalid_argument(StrCat(name(), ": count must be contiguous"));
+    if (!count_.is_contiguous())
+      throw std::invalid_argument(StrCat(name(), ": count must be contiguous"));
   }
   return true;
 }
@@ -61,9 +61,8 @@ void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
     Copy(session, input, out_);
     if (n == 0) return;
     auto& unit = Unit(session, "scatter.cl", options, "scatter_replace");
-    unit.SetArgs(Arg(src_), Arg(index_), Is64(index_), Arg(out_), table,
-                 static_cast<cl_ulong>(n), static_cast<cl_long>(dsize),
-                 static_cast<cl_long>(dstride));
+    unit.SetArgs(Arg(src_), Arg(index_), Is64(index_), Arg(out_), table, static_cast<cl_ulong>(n),
+                 static_cast<cl_long>(dsize), static_cast<cl_long>(dstride));
     Launch(unit, n);
     return;
   }
