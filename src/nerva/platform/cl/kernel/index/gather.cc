@@ -1,0 +1,76 @@
+#include "nerva/platform/cl/kernel/index/gather.h"
+
+#include "nerva/kernel/base_option.h"
+#include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+GatherKernel::GatherKernel(std::string name, std::string program, int dim, Tensor input,
+                           Tensor index, Tensor out)
+    : IndexFrameKernel(std::move(name)),
+      program_(std::move(program)),
+      dim_(dim),
+      input_(std::move(input)),
+      index_(std::move(index)),
+      out_(std::move(out)) {}
+
+std::vector<long> GatherKernel::OutSizes() const {
+  const auto& in = input_.shape().sizes();
+  const int d = Dim(dim_, in.size());
+  std::vector<long> sizes(in.begin(), in.begin() + d);
+  for (long s : index_.shape().sizes()) sizes.push_back(s);
+  sizes.insert(sizes.end(), in.begin() + d + 1, in.end());
+  return sizes;
+}
+
+bool GatherKernel::Verify() const {
+  CheckDataType("input", input_, false);
+  CheckIndexType("index", index_);
+  CheckRank("input", input_);
+  CheckRank("index", index_);
+  const std::vector<long> sizes = OutSizes();
+  if (sizes.size() > 8) {
+    throw std::invalid_argument(StrCat(name(), ": out rank ", sizes.size(), " exceeds 8"));
+  }
+  CheckOut("out", out_, sizes, input_.dtype());
+  return true;
+}
+
+void GatherKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  const long n = ElementCount(out_);
+  if (n == 0) return;
+  const auto& in = input_.shape().sizes();
+  const int d = Dim(dim_, in.size());
+  const long inner = Product(in, d + 1, in.size());
+  const long count = ElementCount(index_);
+  const Tensor input = Dense(session, input_);
+  const Tensor index = Dense(session, index_);
+  const long chunk = 64;  // IX_CHUNK
+  const long chunks = (inner + chunk - 1) / chunk;
+  const long rows = n / inner;
+  auto& unit = Unit(session, program_, MoveOptions(input_.dtype()), name());
+  unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(rows),
+               static_cast<cl_ulong>(inner), static_cast<cl_ulong>(count),
+               static_cast<cl_long>(in[d]), 1, static_cast<cl_ulong>(chunks));
+  Launch(unit, rows * chunks);
+}
+
+namespace {
+using TO = const TensorOption&;
+using CB = const Buffer&;
+using MB = Buffer&;
+}  // namespace
+
+NERVA_STATIC_REGISTER {
+  RegisterIndexKernel<const GatherOption&, TO, CB, TO, CB, TO, MB>(
+      "Gather",
+      [](const std::string& n, const GatherOption& o, TO io, CB i, TO xo, CB x, TO oo, MB out) {
+        return std::make_shared<GatherKernel>(n, "gather.cl", o.dim, MakeTensor(io, i),
+                                              MakeTensor(xo, x), MakeTensor(oo, out));
+      });
+};
+
+}  // namespace cl
+}  // namespace nerva

@@ -1,0 +1,3 @@
+/* Gather: whole slices along one dimension, by an index of any shape
+ * (ONNX Gather; negative indices count from the end). */
+IX_SELECT_KERNEL(Gather)

@@ -1,0 +1,34 @@
+#pragma once
+
+// "Gather" (gather.cl): whole slices of the input along GatherOption::dim, one per element of
+// an index tensor of any shape: out has the input's sizes with index's sizes in place of dim
+// (torch.index_select for a 1-D index, ONNX Gather otherwise). Negative indices count from the
+// end; an index outside [-size, size) yields zeros for its slice (nothing outside any buffer is
+// read). Index: int32 or int64; data: any element type but double; out contiguous.
+// "Index" (index.cl, IndexKernel) shares this kernel: input[..., index, ...] on IndexOption::dim.
+
+#include <memory>
+#include <string>
+
+#include "nerva/platform/cl/kernel/index/index_frame.h"
+
+namespace nerva {
+namespace cl {
+
+class GatherKernel : public IndexFrameKernel {
+ public:
+  GatherKernel(std::string name, std::string program, int dim, Tensor input, Tensor index,
+               Tensor out);
+  bool Verify() const override;
+  void Compile(std::shared_ptr<SessionImpl> session) override;
+
+ private:
+  std::vector<long> OutSizes() const;
+
+  std::string program_;
+  int dim_;
+  Tensor input_, index_, out_;
+};
+
+}  // namespace cl
+}  // namespace nerva

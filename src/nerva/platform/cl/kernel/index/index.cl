@@ -1,0 +1,3 @@
+/* Index: input[..., index, ...] on one dimension (PyTorch advanced indexing
+ * with one index tensor; negative indices count from the end). */
+IX_SELECT_KERNEL(Index)

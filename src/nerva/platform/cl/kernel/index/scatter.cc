@@ -1,0 +1,99 @@
+#include "nerva/platform/cl/kernel/index/scatter.h"
+
+#include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/platform/cl/kernel/index/gather_element.h"
+#include "nerva/util.h"
+
+namespace nerva {
+namespace cl {
+
+ScatterKernel::ScatterKernel(std::string name, int dim, ScatterReduceType reduce, bool include_self,
+                             Tensor input, Tensor index, Tensor src, Tensor count, Tensor out)
+    : IndexFrameKernel(std::move(name)),
+      dim_(dim),
+      reduce_(reduce),
+      include_self_(include_self),
+      input_(std::move(input)),
+      index_(std::move(index)),
+      src_(std::move(src)),
+      count_(std::move(count)),
+      out_(std::move(out)) {}
+
+bool ScatterKernel::Verify() const {
+  const int r = static_cast<int>(reduce_);
+  if (r < 0 || r > 5) throw std::invalid_argument(StrCat(name(), ": unknown reduce ", r));
+  CheckDataType("input", input_, reduce_ != ScatterReduceType::kNone);
+  CheckIndexType("index", index_);
+  CheckSameType("src", src_, input_.dtype());
+  CheckRank("input", input_);
+  const int d = Dim(dim_, input_.shape().ndim());
+  CheckIndexFits(name(), "index", index_, "input", input_, d);
+  CheckIndexFits(name(), "index", index_, "src", src_, -1);
+  CheckOut("out", out_, input_.shape().sizes(), input_.dtype());
+  if (Defined(count_)) {
+    if (count_.dtype() != kInt32 && count_.dtype() != kInt64 && count_.dtype() != kFloat) {
+      throw std::invalid_argument(
+          StrCat(name(), ": count must be int32, int64 or float, got ", count_.dtype()));
+    }
+    CheckSizes("count", count_, input_.shape().sizes());
+    if (!count_.is_contiguous())
+      throw std::invalid_argument(StrCat(name(), ": count must be contiguous"));
+  }
+  return true;
+}
+
+void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  if (ElementCount(out_) == 0) return;
+  const int d = Dim(dim_, input_.shape().ndim());
+  const long n = ElementCount(index_);
+  const Tensor input = Dense(session, input_);
+  const std::vector<long> out_strides = out_.shape().strides();
+  Buffer table = Table(session, WalkTable(d, index_.shape().sizes(), index_.shape().strides(),
+                                          src_.shape().strides(), out_strides));
+  const long dsize = input_.shape().sizes()[d];
+  const long dstride = out_strides[d];
+  if (reduce_ == ScatterReduceType::kMean) {
+    CompileMean(session, input, table, n, dsize, dstride);
+    return;
+  }
+  const BuildOption options = TypeOptions(input_.dtype());
+  if (reduce_ == ScatterReduceType::kNone) {
+    Copy(session, input, out_);
+    if (n == 0) return;
+    auto& unit = Unit(session, "scatter.cl", options, "scatter_replace");
+    unit.SetArgs(Arg(src_), Arg(index_), Is64(index_), Arg(out_), table, static_cast<cl_ulong>(n),
+                 static_cast<cl_long>(dsize), static_cast<cl_long>(dstride));
+    Launch(unit, n);
+    return;
+  }
+  const int op = static_cast<int>(reduce_);
+  Accumulator acc = BeginAccumulate(session, out_, op, !include_self_);
+  if (n > 0) {
+    auto& unit = Unit(session, "scatter.cl", options, "Scatter");
+    unit.SetArgs(Arg(src_), Arg(index_), Is64(index_), acc.acc, acc.count,
+                 static_cast<int>(acc.counted), op, table, static_cast<cl_ulong>(n),
+                 static_cast<cl_long>(dsize), static_cast<cl_long>(dstride));
+    Launch(unit, n);
+  }
+  EndAccumulate(session, acc, input, out_, include_self_);
+}
+
+namespace {
+using TO = const TensorOption&;
+using CB = const Buffer&;
+using MB = Buffer&;
+}  // namespace
+
+NERVA_STATIC_REGISTER {
+  RegisterIndexKernel<const ScatterOption&, TO, CB, TO, CB, TO, CB, TO, MB>(
+      "Scatter", [](const std::string& n, const ScatterOption& o, TO io, CB i, TO xo, CB x, TO so,
+                    CB s, TO oo, MB out) {
+        return std::make_shared<ScatterKernel>(
+            n, o.dim, o.reduce, o.include_self, MakeTensor(io, i), MakeTensor(xo, x),
+            MakeTensor(so, s), MakeTensor(TensorOption{Shape(), kInt32}, Buffer()),
+            MakeTensor(oo, out));
+      });
+};
+
+}  // namespace cl
+}  // namespace nerva

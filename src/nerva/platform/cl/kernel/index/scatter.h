@@ -1,0 +1,47 @@
+#pragma once
+
+// "Scatter" (scatter.cl, pre- and post-passes in scatter_pre.cl): torch.scatter(input, dim,
+// index, src) and torch.scatter_reduce(input, dim, index, src, reduce, include_self) with
+// ScatterOption: reduce kNone overwrites, kSum, kProd, kMean, kAmax, kAmin reduce, and
+// include_self says whether the input's value takes part at the positions that receive values
+// (positions that receive none keep the input). kMean runs the programs of "ScatterMean".
+// Rules as PyTorch's: index has the input's rank, no larger size than src on any dimension and
+// than input on any but dim; out has the input's shape and type. Indices lie in [0, size of
+// dim); any other index (negative ones included) is skipped: nothing is written for it (PyTorch
+// raises). With duplicate indices kNone keeps one of the values, unspecified which (as in
+// PyTorch); the reductions combine all of them (float sums within rounding, in any order).
+// Index int32 or int64, possibly strided or expanded; src a view of any layout. kNone moves any
+// element type but double; the reductions take float, half, int8, int16, int32, int64 and uint8
+// (accumulated in float, int32 and int64; integer means use floor division, as PyTorch).
+
+#include <memory>
+#include <string>
+
+#include "nerva/kernel/base_option.h"
+#include "nerva/platform/cl/kernel/index/index_frame.h"
+
+namespace nerva {
+namespace cl {
+
+class ScatterKernel : public IndexFrameKernel {
+ public:
+  // `count` is ScatterMean's count tensor (left out: empty shape).
+  ScatterKernel(std::string name, int dim, ScatterReduceType reduce, bool include_self,
+                Tensor input, Tensor index, Tensor src, Tensor count, Tensor out);
+  bool Verify() const override;
+  void Compile(std::shared_ptr<SessionImpl> session) override;
+
+ protected:
+  // The three passes of kMean (scatter_mean.cc).
+  void CompileMean(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
+                   const Buffer& table, long n, long dsize, long dstride);
+
+ private:
+  int dim_;
+  ScatterReduceType reduce_;
+  bool include_self_;
+  Tensor input_, index_, src_, count_, out_;
+};
+
+}  // namespace cl
+}  // namespace nerva
