@@ -22,7 +22,7 @@ using Dims = std::array<long, 3>;  // depth, height, width
 // A pooling case: full tensor sizes, window per spatial dimension.
 struct PoolCase {
   std::vector<long> sizes;
-  std::vector<long> kernel, stride, padding, dilation;
+  std::vector<long> kernel = {}, stride = {}, padding = {}, dilation = {};
   bool ceil_mode = false;
   DataType type = kFloat;
   bool count_include_pad = true;

@@ -153,7 +153,7 @@ struct ResizeCase {
   std::vector<long> in, out;
   InterpolateMode mode;
   bool align = false;
-  std::vector<double> factor;
+  std::vector<double> factor = {};
   DataType type = kFloat;
 };
 
