@@ -3,7 +3,9 @@
  * Every program sees planes of (depth, height, width) volumes, flat and
  * contiguous; geometry arrives as int4 arguments (.s0 depth, .s1 height, .s2
  * width): input size, output size, kernel, stride, padding, dilation. A 2-D
- * operator passes depth 1, kernel 1, stride 1, padding 0, dilation 1.
+ * operator passes depth 1, kernel 1, stride 1, padding 0, dilation 1. The
+ * sizes carry the plane count in .s3. Work items span (width, height,
+ * depth * planes); items past the end return at once.
  * Definitions: DTYPE (float or half, stored as 16-bit and converted with
  * vload_half/vstore_half), IDX_DTYPE (long or int).
  */
@@ -19,15 +21,19 @@
 /* Volume of an int4 size. */
 inline long pool_volume(int4 n) { return (long)n.s0 * n.s1 * n.s2; }
 
-/* Splits flat position g of planes of size n into (plane, d, h, w). */
-inline long pool_split(long g, int4 n, int4 *pos) {
-  const long w = g % n.s2;
-  long rest = g / n.s2;
-  const long h = rest % n.s1;
-  rest /= n.s1;
-  const long d = rest % n.s0;
-  *pos = (int4)((int)d, (int)h, (int)w, 0);
-  return rest / n.s0;
+/* This work item's position (d, h, w) in volumes of size n over a
+ * (width, height, depth * planes) range, and its plane; -1 past the end. */
+inline long pool_item(int4 n, int4 *pos) {
+  const int z = (int)get_global_id(2);
+  const int h = (int)get_global_id(1), w = (int)get_global_id(0);
+  *pos = (int4)(z % n.s0, h, w, 0);
+  const long plane = z / n.s0;
+  return (w >= n.s2 || h >= n.s1 || plane >= n.s3) ? -1 : plane;
+}
+
+/* Flat position of (plane, pos) in volumes of size n. */
+inline long pool_index(long plane, int4 pos, int4 n) {
+  return ((plane * n.s0 + pos.s0) * n.s1 + pos.s1) * n.s2 + pos.s2;
 }
 
 /* Flat position within a plane. */

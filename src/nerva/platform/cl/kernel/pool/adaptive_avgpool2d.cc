@@ -29,7 +29,7 @@ void AdaptiveAvgPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   input_ = MakeContiguous(*this, session, input_);
   const std::string program = spatial_ == 2 ? "adaptive_avgpool2d" : "adaptive_avgpool3d";
   auto unit = MakePoolUnit(*this, session, program + ".cl", program,
-                           PoolBuildOption(input_.dtype()), g.OutCount());
+                           PoolBuildOption(input_.dtype()), g, false);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
   BindSizes(*unit, g);
 }

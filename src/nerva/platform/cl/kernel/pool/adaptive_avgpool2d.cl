@@ -6,8 +6,9 @@
 // #include "pool.h"
 
 __kernel void adaptive_avgpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz) {
-  const long g = get_global_id(0);
   int4 o;
-  const long plane = pool_split(g, osz, &o);
+  const long plane = pool_item(osz, &o);
+  if (plane < 0) return;
+  const long g = pool_index(plane, o, osz);
   POOL_STORE(adaptive_avg(POOL_SRC(src) + plane * pool_volume(isz), isz, osz, o), POOL_DST(dst), g);
 }

@@ -32,7 +32,7 @@ void AdaptiveAvgPoolBackwardKernel::Compile(std::shared_ptr<SessionImpl> session
   const std::string program =
       spatial_ == 2 ? "adaptive_avgpool2d_backward" : "adaptive_avgpool3d_backward";
   auto unit = MakePoolUnit(*this, session, program + ".cl", program,
-                           PoolBuildOption(grad_input_.dtype()), g.InCount());
+                           PoolBuildOption(grad_input_.dtype()), g, true);
   unit->SetArg(FlatView(grad_output_)).SetArg(FlatView(grad_input_));
   BindSizes(*unit, g);
 }

@@ -7,9 +7,10 @@
 
 __kernel void adaptive_avgpool2d_backward(DECL_TENSOR1D(grad_out), DECL_TENSOR1D(grad_in),
                                           int4 isz, int4 osz) {
-  const long g = get_global_id(0);
   int4 i;
-  const long plane = pool_split(g, isz, &i);
+  const long plane = pool_item(isz, &i);
+  if (plane < 0) return;
+  const long g = pool_index(plane, i, isz);
   POOL_STORE(adaptive_avg_grad(POOL_SRC(grad_out) + plane * pool_volume(osz), isz, osz, i),
              POOL_DST(grad_in), g);
 }

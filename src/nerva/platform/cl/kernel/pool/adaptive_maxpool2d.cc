@@ -40,7 +40,7 @@ void AdaptiveMaxPool2DKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const bool with_indices = indices_.defined();
   auto unit = MakePoolUnit(
       *this, session, "adaptive_maxpool2d.cl", "adaptive_maxpool2d",
-      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64), g.OutCount());
+      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64), g, false);
   unit->SetArg(FlatView(input_))
       .SetArg(FlatView(output_))
       .SetArg(FlatView(with_indices ? indices_ : output_))

@@ -7,9 +7,10 @@
 
 __kernel void adaptive_maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
                                  int write_index, int4 isz, int4 osz) {
-  const long g = get_global_id(0);
   int4 o;
-  const long plane = pool_split(g, osz, &o);
+  const long plane = pool_item(osz, &o);
+  if (plane < 0) return;
+  const long g = pool_index(plane, o, osz);
   const int4 start = (int4)(adaptive_start(o.s0, isz.s0, osz.s0),
                             adaptive_start(o.s1, isz.s1, osz.s1),
                             adaptive_start(o.s2, isz.s2, osz.s2), 0);

@@ -50,7 +50,7 @@ void AvgPoolBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   grad_output_ = MakeContiguous(*this, session, grad_output_);
   const std::string program = spatial_ == 2 ? "avgpool2d_backward" : "avgpool3d_backward";
   auto unit = MakePoolUnit(*this, session, program + ".cl", program,
-                           PoolBuildOption(grad_input_.dtype()), g.InCount());
+                           PoolBuildOption(grad_input_.dtype()), g, true);
   unit->SetArg(FlatView(grad_output_)).SetArg(FlatView(grad_input_));
   BindSizes(*unit, g);
   BindWindow(*unit, g);

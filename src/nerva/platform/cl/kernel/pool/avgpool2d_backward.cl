@@ -8,9 +8,10 @@
 __kernel void avgpool2d_backward(DECL_TENSOR1D(grad_out), DECL_TENSOR1D(grad_in), int4 isz,
                                  int4 osz, int4 k, int4 s, int4 p, int include_pad,
                                  int divisor_override) {
-  const long g = get_global_id(0);
   int4 i;
-  const long plane = pool_split(g, isz, &i);
+  const long plane = pool_item(isz, &i);
+  if (plane < 0) return;
+  const long g = pool_index(plane, i, isz);
   const float v = avg_pool_grad(POOL_SRC(grad_out) + plane * pool_volume(osz), isz, osz, i, k, s,
                                 p, include_pad, divisor_override);
   POOL_STORE(v, POOL_DST(grad_in), g);

@@ -68,8 +68,8 @@ void Col2imKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const PoolGeometry g = Geometry();
   if (g.InCount() == 0) return;
   input_ = MakeContiguous(*this, session, input_);
-  auto unit = MakePoolUnit(*this, session, "col2im.cl", "col2im", PoolBuildOption(input_.dtype()),
-                           g.InCount());
+  auto unit =
+      MakePoolUnit(*this, session, "col2im.cl", "col2im", PoolBuildOption(input_.dtype()), g, true);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
   BindGeometry(*unit, g);
 }

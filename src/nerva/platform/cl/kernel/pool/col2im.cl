@@ -7,9 +7,10 @@
 
 __kernel void col2im(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz, int4 k, int4 s,
                      int4 p, int4 dl) {
-  const long g = get_global_id(0);
   int4 i;
-  const long plane = pool_split(g, isz, &i);
+  const long plane = pool_item(isz, &i);
+  if (plane < 0) return;
+  const long g = pool_index(plane, i, isz);
   const long blocks = (long)osz.s1 * osz.s2;
   __global const DTYPE *col = POOL_SRC(src) + plane * k.s1 * k.s2 * blocks;
   float sum = 0.0f;

@@ -13,6 +13,7 @@ __kernel void im2col(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz,
   const int kj = row % k.s2;
   const int ki = (row / k.s2) % k.s1;
   const long plane = row / (k.s1 * k.s2);
+  if (l >= blocks || plane >= isz.s3) return;
   const int oh = l / osz.s2, ow = l - oh * osz.s2;
   const int ih = oh * s.s1 - p.s1 + ki * dl.s1;
   const int iw = ow * s.s2 - p.s2 + kj * dl.s2;

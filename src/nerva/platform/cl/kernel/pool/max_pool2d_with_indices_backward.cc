@@ -37,7 +37,7 @@ void MaxPoolBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const std::string program =
       spatial_ == 2 ? "max_pool2d_with_indices_backward" : "max_pool3d_with_indices_backward";
   auto unit = MakePoolUnit(*this, session, program + ".cl", program,
-                           PoolBuildOption(grad_input_.dtype(), indices_.dtype()), g.InCount());
+                           PoolBuildOption(grad_input_.dtype(), indices_.dtype()), g, true);
   unit->SetArg(FlatView(grad_output_)).SetArg(FlatView(indices_)).SetArg(FlatView(grad_input_));
   BindGeometry(*unit, g);
 }

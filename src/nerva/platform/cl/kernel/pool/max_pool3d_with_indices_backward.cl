@@ -8,9 +8,10 @@
 __kernel void max_pool3d_with_indices_backward(DECL_TENSOR1D(grad_out), DECL_TENSOR1D(idx),
                                                DECL_TENSOR1D(grad_in), int4 isz, int4 osz,
                                                int4 k, int4 s, int4 p, int4 dl) {
-  const long g = get_global_id(0);
   int4 i;
-  const long plane = pool_split(g, isz, &i);
+  const long plane = pool_item(isz, &i);
+  if (plane < 0) return;
+  const long g = pool_index(plane, i, isz);
   const long base = plane * pool_volume(osz);
   const float v = max_pool_grad(POOL_SRC(grad_out) + base,
                                 (__global const IDX_DTYPE *)TENSOR_BASE(idx) + base, isz, osz, i, k,

@@ -48,7 +48,7 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const std::string program = spatial_ == 2 ? "maxpool2d" : "maxpool3d";
   auto unit = MakePoolUnit(
       *this, session, program + ".cl", program,
-      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64), g.OutCount());
+      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64), g, false);
   unit->SetArg(FlatView(input_))
       .SetArg(FlatView(output_))
       .SetArg(FlatView(with_indices ? indices_ : output_))

@@ -7,9 +7,10 @@
 
 __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
                         int write_index, int4 isz, int4 osz, int4 k, int4 s, int4 p, int4 dl) {
-  const long g = get_global_id(0);
   int4 o;
-  const long plane = pool_split(g, osz, &o);
+  const long plane = pool_item(osz, &o);
+  if (plane < 0) return;
+  const long g = pool_index(plane, o, osz);
   int index;
   const float v = pool_max_window(POOL_SRC(src) + plane * pool_volume(isz), isz, o, k, s, p, dl,
                                   &index);

@@ -222,9 +222,10 @@ IntVector4 Pick(const PoolGeometry& g, F field) {
 }  // namespace
 
 void BindSizes(KernelUnit& unit, const PoolGeometry& g) {
-  unit.SetArg(Pick(g, [](const PoolDim& d) { return d.in; })).SetArg(Pick(g, [](const PoolDim& d) {
-    return d.out;
-  }));
+  IntVector4 in = Pick(g, [](const PoolDim& d) { return d.in; });
+  IntVector4 out = Pick(g, [](const PoolDim& d) { return d.out; });
+  in.value.s[3] = out.value.s[3] = static_cast<cl_int>(g.planes);
+  unit.SetArg(in).SetArg(out);
 }
 
 void BindWindow(KernelUnit& unit, const PoolGeometry& g) {
@@ -242,10 +243,12 @@ void BindGeometry(KernelUnit& unit, const PoolGeometry& g) {
 std::shared_ptr<KernelUnit> MakePoolUnit(KernelImpl& kernel,
                                          const std::shared_ptr<SessionImpl>& session,
                                          const std::string& program, const std::string& kernel_name,
-                                         const BuildOption& options, long count) {
+                                         const BuildOption& options, const PoolGeometry& g,
+                                         bool over_input) {
+  auto size = [&](const PoolDim& d) { return static_cast<size_t>(over_input ? d.in : d.out); };
   auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
                                    options, kernel_name);
-  unit->SetGlobal({static_cast<size_t>(count)});
+  unit->SetGlobal({size(g.dim[2]), size(g.dim[1]), size(g.dim[0]) * static_cast<size_t>(g.planes)});
   return unit;
 }
 

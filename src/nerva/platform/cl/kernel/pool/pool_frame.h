@@ -112,20 +112,23 @@ inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const FloatVector4
   return clSetKernelArg(kernel, index++, sizeof(cl_float4), &vector.value);
 }
 
-// Binds the geometry as six int4 arguments (depth, height, width, 0): input
-// size, output size, kernel, stride, padding, dilation.
+// Binds the geometry as six int4 arguments (depth, height, width, then the
+// plane count for the sizes, 0 otherwise): input size, output size, kernel,
+// stride, padding, dilation.
 void BindGeometry(KernelUnit& unit, const PoolGeometry& geometry);
 // The input and output sizes only.
 void BindSizes(KernelUnit& unit, const PoolGeometry& geometry);
 // Kernel, stride and padding only.
 void BindWindow(KernelUnit& unit, const PoolGeometry& geometry);
 
-// One unit over `count` work items of `program`'s kernel `kernel_name`,
-// arguments left to the caller.
+// One unit of `program`'s kernel `kernel_name` with one work item per
+// element of the geometry's input (`over_input`) or output volumes, over
+// (width, height, depth * planes); arguments left to the caller.
 std::shared_ptr<KernelUnit> MakePoolUnit(KernelImpl& kernel,
                                          const std::shared_ptr<SessionImpl>& session,
                                          const std::string& program, const std::string& kernel_name,
-                                         const BuildOption& options, long count);
+                                         const BuildOption& options, const PoolGeometry& geometry,
+                                         bool over_input);
 
 }  // namespace cl
 }  // namespace nerva

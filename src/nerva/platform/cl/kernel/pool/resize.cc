@@ -139,7 +139,7 @@ void ResizeKernel::Compile(std::shared_ptr<SessionImpl> session) {
     scale.value.s[j] = i < 0 ? 1.0f : Scale(g.dim[j], i, spatial);
   }
   auto unit = MakePoolUnit(*this, session, "resize.cl", "resize", PoolBuildOption(input_.dtype()),
-                           g.OutCount());
+                           g, false);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
   BindSizes(*unit, g);
   unit->SetArg(scale)

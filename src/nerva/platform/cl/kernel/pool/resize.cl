@@ -87,9 +87,10 @@ inline float resize_nearest(__global const DTYPE *plane, int4 isz, int4 o, float
 
 __kernel void resize(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz, float4 scale,
                      int mode, int align_corners) {
-  const long g = get_global_id(0);
   int4 o;
-  const long plane_index = pool_split(g, osz, &o);
+  const long plane_index = pool_item(osz, &o);
+  if (plane_index < 0) return;
+  const long g = pool_index(plane_index, o, osz);
   __global const DTYPE *plane = POOL_SRC(src) + plane_index * pool_volume(isz);
   float v;
   if (mode == 0 || mode == 1) {

@@ -31,7 +31,7 @@ void UpsampleNearest2dBackwardKernel::Compile(std::shared_ptr<SessionImpl> sessi
   grad_output_ = MakeContiguous(*this, session, grad_output_);
   auto unit =
       MakePoolUnit(*this, session, "upsample_nearest_backward.cl", "upsample_nearest_backward",
-                   PoolBuildOption(grad_input_.dtype()), g.InCount());
+                   PoolBuildOption(grad_input_.dtype()), g, true);
   unit->SetArg(FlatView(grad_output_)).SetArg(FlatView(grad_input_));
   BindSizes(*unit, g);
   unit->SetArg(NearestScale(g.dim[1].in, g.dim[1].out, option_.scales_h))

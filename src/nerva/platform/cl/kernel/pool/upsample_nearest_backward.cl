@@ -7,9 +7,10 @@
 
 __kernel void upsample_nearest_backward(DECL_TENSOR1D(grad_out), DECL_TENSOR1D(grad_in),
                                         int4 isz, int4 osz, float scale_h, float scale_w) {
-  const long g = get_global_id(0);
   int4 i;
-  const long plane = pool_split(g, isz, &i);
+  const long plane = pool_item(isz, &i);
+  if (plane < 0) return;
+  const long g = pool_index(plane, i, isz);
   __global const DTYPE *src = POOL_SRC(grad_out) + plane * pool_volume(osz);
   const int w0 = nearest_cover_first(i.s2, scale_w, isz.s2, osz.s2);
   float sum = 0.0f;
