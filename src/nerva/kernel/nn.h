@@ -53,8 +53,9 @@ enum class InterpolateMode : int32_t {
 // output size is the output tensor's.
 struct ResizeOption {
   InterpolateMode mode = InterpolateMode::kNearest;  // the interpolation
-  // Per spatial dimension: the scale used to map output to input coordinates. Empty (or
-  // 0): input size / output size.
+  // torch's scale_factor (output size / input size), one entry for every spatial dimension
+  // or one per dimension; output coordinates map to input ones by 1 / scale_factor. Empty
+  // (or 0): input size / output size.
   std::vector<double> scale_factor;
   bool align_corners = false;  // linear modes: corner pixels of input and output align
 };

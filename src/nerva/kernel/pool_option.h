@@ -14,7 +14,7 @@ struct AvgPool2DOption {
   std::vector<long> padding{0, 0};  // implicit zero padding on both sides
   bool ceil_mode = false;           // ceil instead of floor for the output size
   bool count_include_pad = true;    // padding counts in the divisor
-  long divisor_override = 0;        // the divisor when positive
+  long divisor_override = 0;        // the divisor when nonzero (torch None is 0)
 };
 
 // torch.nn.functional.avg_pool3d.
@@ -24,7 +24,7 @@ struct AvgPool3DOption {
   std::vector<long> padding{0, 0, 0};  // implicit zero padding on both sides
   bool ceil_mode = false;              // ceil instead of floor for the output size
   bool count_include_pad = true;       // padding counts in the divisor
-  long divisor_override = 0;           // the divisor when positive
+  long divisor_override = 0;           // the divisor when nonzero (torch None is 0)
 };
 
 // torch.nn.functional.max_pool2d.

@@ -1,0 +1,49 @@
+#include "nerva/platform/cl/kernel/pool/adaptive_avgpool2d.h"
+
+#include "nerva/platform/cl/module.h"
+#include "nerva/platform/cl/session_impl.h"
+
+namespace nerva {
+namespace cl {
+
+AdaptiveAvgPoolKernel::AdaptiveAvgPoolKernel(std::string name, int spatial, Tensor input,
+                                             Tensor output)
+    : KernelImpl(std::move(name)),
+      spatial_(spatial),
+      input_(std::move(input)),
+      output_(std::move(output)) {}
+
+bool AdaptiveAvgPoolKernel::Verify() const {
+  CheckPlanes(name(), "input", input_, spatial_);
+  CheckDefined(name(), "output", output_);
+  const std::vector<long>& out = output_.shape().sizes();
+  MakeAdaptiveGeometry(name(), input_.shape().sizes(), "output", out, spatial_);
+  CheckPoolOutput(name(), "output", output_, out, input_.dtype());
+  return true;
+}
+
+void AdaptiveAvgPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  const PoolGeometry g = MakeAdaptiveGeometry(name(), input_.shape().sizes(), "output",
+                                              output_.shape().sizes(), spatial_);
+  if (g.OutCount() == 0) return;
+  input_ = MakeContiguous(*this, session, input_);
+  const std::string program = spatial_ == 2 ? "adaptive_avgpool2d" : "adaptive_avgpool3d";
+  auto unit = MakePoolUnit(*this, session, program + ".cl", program,
+                           PoolBuildOption(input_.dtype()), g, false);
+  unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
+  BindSizes(*unit, g);
+}
+
+AdaptiveAvgPool2DKernel::AdaptiveAvgPool2DKernel(const TensorOption& input_opt, const Buffer& input,
+                                                 const TensorOption& out_opt, Buffer& out)
+    : AdaptiveAvgPoolKernel("AdaptiveAvgPool2D", 2, Tensor(input_opt, input, 0),
+                            Tensor(out_opt, out, 0)) {}
+
+NERVA_STATIC_REGISTER {
+  ClModule::singleton()
+      .AddKernel<AdaptiveAvgPool2DKernel, const TensorOption&, const Buffer&, const TensorOption&,
+                 Buffer&>("AdaptiveAvgPool2D");
+};
+
+}  // namespace cl
+}  // namespace nerva

@@ -1,0 +1,106 @@
+/*
+ * Resampling (torch interpolate) of (depth, height, width) planes; 1-D and
+ * 2-D inputs pass 1 for the unused leading sizes. `mode` is the
+ * InterpolateMode code: 0 nearest, 1 nearest-exact, 2/3/5 linear, bilinear,
+ * trilinear (one separable product), 4 bicubic (2-D, A = -0.75, borders
+ * clamped), 6 area (adaptive average). `scale` holds, per dimension, the
+ * output-to-input coordinate scale that torch computes (in / out,
+ * 1 / scale_factor, or (in - 1) / (out - 1) with align_corners).
+ * One work item per output element; helpers in "pool.h".
+ */
+// #include "common.h"
+// #include "pool.h"
+
+/* torch's area_pixel_compute_source_index. */
+inline float resize_src(float scale, int o, int align_corners, int cubic) {
+  if (align_corners) return scale * (float)o;
+  const float src = scale * ((float)o + 0.5f) - 0.5f;
+  return (!cubic && src < 0.0f) ? 0.0f : src;
+}
+
+/* Linear taps along one dimension: indices i0, i1 and weights l0, l1. */
+inline int resize_taps(float scale, int o, int in, int align_corners, int2 *index, float2 *w) {
+  const float src = resize_src(scale, o, align_corners, 0);
+  const int i0 = min((int)src, in - 1);
+  const float l1 = clamp(src - (float)i0, 0.0f, 1.0f);
+  *index = (int2)(i0, i0 + (i0 < in - 1 ? 1 : 0));
+  *w = (float2)(1.0f - l1, l1);
+  return l1 != 0.0f ? 2 : 1;
+}
+
+inline float resize_linear(__global const DTYPE *plane, int4 isz, int4 o, float4 scale,
+                           int align_corners) {
+  int2 d, h, w;
+  float2 ld, lh, lw;
+  const int nd = resize_taps(scale.s0, o.s0, isz.s0, align_corners, &d, &ld);
+  const int nh = resize_taps(scale.s1, o.s1, isz.s1, align_corners, &h, &lh);
+  const int nw = resize_taps(scale.s2, o.s2, isz.s2, align_corners, &w, &lw);
+  float v = 0.0f;
+  for (int a = 0; a < nd; ++a) {
+    float vh = 0.0f;
+    for (int b = 0; b < nh; ++b) {
+      const int row = ((a ? d.s1 : d.s0) * isz.s1 + (b ? h.s1 : h.s0)) * isz.s2;
+      const float vw = lw.s0 * POOL_LOAD(plane, row + w.s0) +
+                       (nw > 1 ? lw.s1 * POOL_LOAD(plane, row + w.s1) : 0.0f);
+      vh += (b ? lh.s1 : lh.s0) * vw;
+    }
+    v += (a ? ld.s1 : ld.s0) * vh;
+  }
+  return v;
+}
+
+/* torch's cubic convolution weights for the four taps around t in [0, 1). */
+inline float4 cubic_weights(float t) {
+  const float A = -0.75f;
+  const float x0 = t + 1.0f, x1 = t, x2 = 1.0f - t, x3 = 2.0f - t;
+  return (float4)(((A * x0 - 5.0f * A) * x0 + 8.0f * A) * x0 - 4.0f * A,
+                  ((A + 2.0f) * x1 - (A + 3.0f)) * x1 * x1 + 1.0f,
+                  ((A + 2.0f) * x2 - (A + 3.0f)) * x2 * x2 + 1.0f,
+                  ((A * x3 - 5.0f * A) * x3 + 8.0f * A) * x3 - 4.0f * A);
+}
+
+inline float resize_bicubic(__global const DTYPE *plane, int4 isz, int4 o, float4 scale,
+                            int align_corners) {
+  const float sy = resize_src(scale.s1, o.s1, align_corners, 1);
+  const float sx = resize_src(scale.s2, o.s2, align_corners, 1);
+  const float fy = floor(sy), fx = floor(sx);
+  const int iy = (int)fy, ix = (int)fx;
+  const float4 wy = cubic_weights(sy - fy), wx = cubic_weights(sx - fx);
+  const int4 xs = clamp((int4)(ix - 1, ix, ix + 1, ix + 2), 0, isz.s2 - 1);
+  float rows[4];
+  for (int r = 0; r < 4; ++r) {
+    const int y = clamp(iy - 1 + r, 0, isz.s1 - 1);
+    __global const DTYPE *line = plane + y * isz.s2;
+    rows[r] = POOL_LOAD(line, xs.s0) * wx.s0 + POOL_LOAD(line, xs.s1) * wx.s1 +
+              POOL_LOAD(line, xs.s2) * wx.s2 + POOL_LOAD(line, xs.s3) * wx.s3;
+  }
+  return rows[0] * wy.s0 + rows[1] * wy.s1 + rows[2] * wy.s2 + rows[3] * wy.s3;
+}
+
+inline float resize_nearest(__global const DTYPE *plane, int4 isz, int4 o, float4 scale,
+                            float shift) {
+  const int d = min((int)floor(((float)o.s0 + shift) * scale.s0), isz.s0 - 1);
+  const int h = min((int)floor(((float)o.s1 + shift) * scale.s1), isz.s1 - 1);
+  const int w = min((int)floor(((float)o.s2 + shift) * scale.s2), isz.s2 - 1);
+  return POOL_LOAD(plane, (d * isz.s1 + h) * isz.s2 + w);
+}
+
+__kernel void resize(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz, float4 scale,
+                     int mode, int align_corners) {
+  int4 o;
+  const long plane_index = pool_item(osz, &o);
+  if (plane_index < 0) return;
+  const long g = pool_index(plane_index, o, osz);
+  __global const DTYPE *plane = POOL_SRC(src) + plane_index * pool_volume(isz);
+  float v;
+  if (mode == 0 || mode == 1) {
+    v = resize_nearest(plane, isz, o, scale, mode == 1 ? 0.5f : 0.0f);
+  } else if (mode == 4) {
+    v = resize_bicubic(plane, isz, o, scale, align_corners);
+  } else if (mode == 6) {
+    v = adaptive_avg(plane, isz, osz, o);
+  } else {
+    v = resize_linear(plane, isz, o, scale, align_corners);
+  }
+  POOL_STORE(v, POOL_DST(dst), g);
+}
