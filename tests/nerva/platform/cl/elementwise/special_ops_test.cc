@@ -51,7 +51,9 @@ TEST(LogitTest, WithAndWithoutEps) {
     // Integers give float; NaN stays NaN.
     const Operand ints = MakeOperand({3}, kInt32, {0, 1, 2});
     const std::vector<double> got = RunUnaryLike(create, ints, kFloat);
-    if (eps < 0) EXPECT_EQ(got[0], -INFINITY);
+    if (eps < 0) {
+      EXPECT_EQ(got[0], -INFINITY);
+    }
     EXPECT_TRUE(std::isnan(RunUnaryLike(create, MakeOperand({1}, kFloat, {NAN}), kFloat)[0]));
   }
 }
