@@ -533,8 +533,14 @@ at::Tensor ActivationFn(const char* name, const at::Tensor& x, Make&& make) {
   CheckFloating(x, name);
   at::Tensor out = EmptyLike(x);
   if (out.numel() == 0) return out;
+  // The activation program reads its input densely.
+  at::Tensor input = x;
+  if (!x.is_contiguous()) {
+    input = EmptyLike(x);
+    DeviceCopy(input, x, name);
+  }
   Call call(name);
-  Operand a = call.In(x), o = call.Out(out);
+  Operand a = call.In(input), o = call.Out(out);
   call.Run(make(a, o));
   return out;
 }
