@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <tuple>
 
 #include "backend.h"
+#include "nerva/kernel/base.h"
 #include "nerva/kernel/elementwise.h"
 #include "nerva/kernel/loss.h"
 #include "nerva/kernel/nn.h"
@@ -530,6 +532,224 @@ at::Tensor& Normal(at::Tensor& self, double mean, double std,
   });
 }
 
+// ---------------------------------------------------------------- scans, sorting, search
+
+at::Tensor Cumsum(const at::Tensor& self, int64_t dim, c10::optional<at::ScalarType> dtype) {
+  const auto type = SumType(self, dtype);
+  at::Tensor out = Empty(self.sizes(), type);
+  if (out.numel() == 0) return out;
+  Call call("cumsum");
+  Operand x = call.InAs(self, type), o = call.Out(out);
+  nerva::CumsumOption option;
+  option.dim = static_cast<int>(at::maybe_wrap_dim(dim, std::max<int64_t>(self.dim(), 1)));
+  call.Run(nerva::Cumsum::Create(GetQueue(), option, x.opt, x.buf, o.opt, o.buf));
+  return out;
+}
+at::Tensor& CumsumOut(const at::Tensor& self, int64_t dim, c10::optional<at::ScalarType> dtype,
+                      at::Tensor& out) {
+  return ToOut(out, Cumsum(self, dim, dtype), "cumsum.out");
+}
+
+std::vector<int64_t> ReducedSizes(const at::Tensor& self, int64_t dim, bool keepdim) {
+  std::vector<int64_t> sizes = self.sizes().vec();
+  if (self.dim() == 0) return sizes;
+  if (keepdim)
+    sizes[dim] = 1;
+  else
+    sizes.erase(sizes.begin() + dim);
+  return sizes;
+}
+
+at::Tensor Argmax(const at::Tensor& self, c10::optional<int64_t> dim, bool keepdim) {
+  ToNervaType(self.scalar_type(), "argmax");
+  at::Tensor input = dim ? self : self.reshape({-1});
+  TORCH_CHECK(input.numel() > 0, "nerva_torch: argmax: expected a non-empty input");
+  const int64_t d = dim ? at::maybe_wrap_dim(*dim, std::max<int64_t>(self.dim(), 1)) : 0;
+  at::Tensor out = Empty(dim ? ReducedSizes(input, d, keepdim) : std::vector<int64_t>{}, at::kLong);
+  if (!dim && keepdim) out = Empty(std::vector<int64_t>(self.dim(), 1), at::kLong);
+  Call call("argmax");
+  Operand x = call.In(input),
+          o = call.Out(
+              out.view(input.dim() == 0 ? std::vector<int64_t>{} : ReducedSizes(input, d, true)));
+  nerva::ArgMaxOption option;
+  option.dim = static_cast<int>(d);
+  option.keepdim = true;
+  call.Run(nerva::ArgMax::Create(GetQueue(), option, x.opt, x.buf, o.opt, o.buf));
+  return out;
+}
+
+template <nerva::ReduceType kOp>
+std::tuple<at::Tensor, at::Tensor> MaxMinDim(const at::Tensor& self, int64_t dim, bool keepdim) {
+  const char* name = kOp == nerva::ReduceType::kMax ? "max.dim" : "min.dim";
+  ToNervaType(self.scalar_type(), name);
+  const int64_t d = at::maybe_wrap_dim(dim, std::max<int64_t>(self.dim(), 1));
+  TORCH_CHECK(self.dim() == 0 || self.size(d) > 0, "nerva_torch: ", name,
+              ": cannot reduce an empty dimension");
+  at::Tensor values = Empty(ReducedSizes(self, d, keepdim), self.scalar_type());
+  at::Tensor indices = Empty(ReducedSizes(self, d, keepdim), at::kLong);
+  if (values.numel() == 0) return {values, indices};
+  Call call(name);
+  Operand x = call.In(self), v = call.Out(values), i = call.Out(indices);
+  nerva::ReduceWithIndicesOption option;
+  option.op_type = kOp;
+  option.dim = static_cast<int>(d);
+  option.keepdim = keepdim;
+  call.Run(nerva::ReduceWithIndices::Create(GetQueue(), option, x.opt, x.buf, v.opt, v.buf, i.opt,
+                                            i.buf));
+  return {values, indices};
+}
+
+template <nerva::ReduceType kOp>
+at::Tensor AmaxAmin(const at::Tensor& self, at::IntArrayRef dim, bool keepdim) {
+  const char* name = kOp == nerva::ReduceType::kMax ? "amax" : "amin";
+  TORCH_CHECK(self.numel() > 0, "nerva_torch: ", name, ": expected a non-empty input");
+  return ReduceDims(name, kOp, self, DimList(self, dim), keepdim, self.scalar_type());
+}
+
+template <nerva::ReduceType kOp>
+at::Tensor MaxMinAll(const at::Tensor& self) {
+  return AmaxAmin<kOp>(self, {}, false);
+}
+
+int64_t BitonicExtended(int64_t length) {
+  int stages = 0;
+  while ((int64_t{1} << (stages + 1)) < length) ++stages;  // max(ceil(log2(length / 2)), 0)
+  return int64_t{1} << (stages + 1);
+}
+
+std::tuple<at::Tensor, at::Tensor> Sort(const at::Tensor& self, c10::optional<bool> stable,
+                                        int64_t dim, bool descending) {
+  ToNervaType(self.scalar_type(), "sort");
+  at::Tensor input = self.contiguous();
+  at::Tensor values = EmptyLike(input), indices = Empty(input.sizes(), at::kLong);
+  if (input.numel() == 0) return {values, indices};
+  if (input.dim() == 0) {
+    DeviceCopy(values, input, "sort");
+    indices.zero_();
+    return {values, indices};
+  }
+  const int64_t d = at::maybe_wrap_dim(dim, input.dim());
+  std::vector<int64_t> temp_sizes = input.sizes().vec();
+  temp_sizes[d] = BitonicExtended(input.size(d));
+  at::Tensor temp = Empty(temp_sizes, input.scalar_type());
+  at::Tensor temp_indices = Empty(temp_sizes, at::kLong);
+  Call call("sort");
+  Operand x = call.In(input), t = call.Out(temp), v = call.Out(values);
+  Operand ti = call.Out(temp_indices), i = call.Out(indices);
+  nerva::BitonicSortOption option;
+  option.dim = static_cast<int>(d);
+  option.descending = descending;
+  call.Run(nerva::BitonicSort::Create(GetQueue(), option, x.opt, x.buf, t.opt, t.buf, v.opt, v.buf,
+                                      ti.opt, ti.buf, i.opt, i.buf));
+  return {values, indices};
+}
+
+std::tuple<at::Tensor, at::Tensor> Topk(const at::Tensor& self, int64_t k, int64_t dim,
+                                        bool largest, bool sorted) {
+  ToNervaType(self.scalar_type(), "topk");
+  const int64_t d = at::maybe_wrap_dim(dim, std::max<int64_t>(self.dim(), 1));
+  TORCH_CHECK(k >= 0 && k <= (self.dim() ? self.size(d) : 1), "nerva_torch: topk: k ", k,
+              " out of range");
+  std::vector<int64_t> sizes = self.sizes().vec();
+  if (self.dim()) sizes[d] = k;
+  at::Tensor values = Empty(sizes, self.scalar_type()), indices = Empty(sizes, at::kLong);
+  if (values.numel() == 0) return {values, indices};
+  Call call("topk");
+  Operand x = call.In(self), v = call.Out(values), i = call.Out(indices);
+  nerva::TopKOption option;
+  option.k = k;
+  option.dim = static_cast<int>(d);
+  option.largest = largest;
+  option.sorted = sorted;
+  call.Run(nerva::TopK::Create(GetQueue(), option, x.opt, x.buf, v.opt, v.buf, i.opt, i.buf));
+  return {values, indices};
+}
+
+at::Tensor& ArangeOut(const at::Scalar& start, const at::Scalar& end, const at::Scalar& step,
+                      at::Tensor& out) {
+  const double s = start.toDouble(), e = end.toDouble(), st = step.toDouble();
+  TORCH_CHECK(st != 0.0, "nerva_torch: arange: step must be nonzero");
+  TORCH_CHECK((st > 0 && e >= s) || (st < 0 && e <= s),
+              "nerva_torch: arange: upper bound and larger bound inconsistent with step sign");
+  const int64_t n = static_cast<int64_t>(std::ceil((e - s) / st));
+  if (out.numel() != n || out.dim() != 1) out.resize_({n});
+  if (n == 0) return out;
+  at::Tensor target = out.is_contiguous() ? out : Empty({n}, out.scalar_type());
+  {
+    Call call("arange");
+    Operand o = call.Out(target);
+    nerva::ARangeOption option;
+    option.start = s;
+    option.end = e;
+    option.step = st;
+    call.Run(nerva::ARange::Create(GetQueue(), option, o.opt, o.buf));
+  }
+  if (!target.is_same(out)) DeviceCopy(out, target, "arange");
+  return out;
+}
+
+at::Tensor& LinspaceOut(const at::Scalar& start, const at::Scalar& end, int64_t steps,
+                        at::Tensor& out) {
+  TORCH_CHECK(steps >= 0, "nerva_torch: linspace: number of steps must be non-negative");
+  if (out.numel() != steps || out.dim() != 1) out.resize_({steps});
+  if (steps == 0) return out;
+  at::Tensor target = out.is_contiguous() ? out : Empty({steps}, out.scalar_type());
+  {
+    Call call("linspace");
+    Operand o = call.Out(target);
+    nerva::LinspaceOption option;
+    option.start = start.toDouble();
+    option.end = end.toDouble();
+    option.steps = steps;
+    call.Run(nerva::Linspace::Create(GetQueue(), option, o.opt, o.buf));
+  }
+  if (!target.is_same(out)) DeviceCopy(out, target, "linspace");
+  return out;
+}
+
+// ---------------------------------------------------------------- multi-tensor
+
+void ForeachAddList(at::TensorList self, at::TensorList other, const at::Scalar& alpha) {
+  TORCH_CHECK(self.size() == other.size(), "nerva_torch: _foreach_add_: ", self.size(), " and ",
+              other.size(), " tensors");
+  std::vector<nerva::TensorOption> self_opts, other_opts;
+  std::vector<nerva::Buffer> self_bufs, other_bufs;
+  Call call("_foreach_add_.List");
+  for (size_t i = 0; i < self.size(); ++i) {
+    TORCH_CHECK(self[i].sizes() == other[i].sizes(), "nerva_torch: _foreach_add_: tensor ", i,
+                " shapes ", self[i].sizes(), " and ", other[i].sizes());
+    if (self[i].numel() == 0) continue;
+    Operand a = call.Out(self[i]), b = call.InAs(other[i], self[i].scalar_type());
+    self_opts.push_back(a.opt);
+    self_bufs.push_back(a.buf);
+    other_opts.push_back(b.opt);
+    other_bufs.push_back(b.buf);
+  }
+  if (self_opts.empty()) return;
+  nerva::ForEachBinaryOption option;
+  option.op_type = nerva::BinaryType::kAdd;
+  option.alpha = static_cast<float>(alpha.toDouble());
+  call.Run(nerva::ForEachBinary::Create(GetQueue(), option, self_opts, self_bufs, other_opts,
+                                        other_bufs, self_opts, self_bufs));
+}
+
+void RegisterSearch(torch::Library& m) {
+  m.impl("cumsum", TORCH_FN(Cumsum));
+  m.impl("cumsum.out", TORCH_FN(CumsumOut));
+  m.impl("argmax", TORCH_FN(Argmax));
+  m.impl("max.dim", TORCH_FN(MaxMinDim<nerva::ReduceType::kMax>));
+  m.impl("min.dim", TORCH_FN(MaxMinDim<nerva::ReduceType::kMin>));
+  m.impl("max", TORCH_FN(MaxMinAll<nerva::ReduceType::kMax>));
+  m.impl("min", TORCH_FN(MaxMinAll<nerva::ReduceType::kMin>));
+  m.impl("amax", TORCH_FN(AmaxAmin<nerva::ReduceType::kMax>));
+  m.impl("amin", TORCH_FN(AmaxAmin<nerva::ReduceType::kMin>));
+  m.impl("sort.stable", TORCH_FN(Sort));
+  m.impl("topk", TORCH_FN(Topk));
+  m.impl("arange.start_out", TORCH_FN(ArangeOut));
+  m.impl("linspace.out", TORCH_FN(LinspaceOut));
+  m.impl("_foreach_add_.List", TORCH_FN(ForeachAddList));
+}
+
 void RegisterSoftmax(torch::Library& m) {
   m.impl("_softmax", TORCH_FN(SoftmaxFn<false>));
   m.impl("_softmax.out", TORCH_FN(SoftmaxOut<false>));
@@ -591,6 +811,7 @@ TORCH_LIBRARY_IMPL(aten, PrivateUse1, m) {
   RegisterNorms(m);
   RegisterSelection(m);
   RegisterRandom(m);
+  RegisterSearch(m);
 }
 
 }  // namespace nerva_torch

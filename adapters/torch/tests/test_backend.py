@@ -23,6 +23,10 @@ ALLOWED_FALLBACKS = set()
 
 
 def close(test, got, want, rtol=1e-4, atol=1e-5):
+    if isinstance(want, tuple):
+        for g, w in zip(got, want):
+            close(test, g, w, rtol, atol)
+        return
     got = got.cpu() if got.device.type != "cpu" else got
     test.assertEqual(got.shape, want.shape)
     test.assertEqual(got.dtype, want.dtype)
@@ -181,6 +185,32 @@ class Operators(unittest.TestCase):
         cond = torch.randn(4, 5) > 0
         self.check(torch.where, cond, a, b)
         self.check(lambda x, m: x.masked_fill(m, -2.0), a, cond)
+
+    def test_scans_sorting_search(self):
+        a = torch.randn(4, 9)
+        self.check(lambda x: torch.cumsum(x, 1), a)
+        self.check(lambda x: torch.cumsum(x, 0), a.t())
+        self.check(lambda x: torch.argmax(x, 1), a)
+        self.check(torch.argmax, a)
+        self.check(lambda x: torch.max(x, 0), a)
+        self.check(lambda x: torch.min(x, 1, keepdim=True), a)
+        self.check(torch.max, a)
+        self.check(lambda x: torch.amax(x, (0, 1)), a)
+        self.check(lambda x: torch.sort(x, 1, descending=True), a)
+        self.check(lambda x: torch.sort(x, 0), torch.randn(37, 3))
+        self.check(lambda x: torch.topk(x, 3, 1), a)
+        close(self, torch.arange(2, 17, 3, device=DEV), torch.arange(2, 17, 3))
+        close(self, torch.arange(5.0, -1.0, -0.5, device=DEV), torch.arange(5.0, -1.0, -0.5))
+        close(self, torch.linspace(-1, 2, 7, device=DEV), torch.linspace(-1, 2, 7))
+
+    def test_foreach_add(self):
+        params = [torch.randn(5), torch.randn(3, 2)]
+        grads = [torch.randn(5), torch.randn(3, 2)]
+        dev = [p.to(DEV) for p in params]
+        torch._foreach_add_(dev, [g.to(DEV) for g in grads], alpha=-0.1)
+        torch._foreach_add_(params, grads, alpha=-0.1)
+        for got, want in zip(dev, params):
+            close(self, got, want)
 
     def test_dropout_and_random(self):
         x = torch.ones(4000, device=DEV)
