@@ -6,6 +6,7 @@
 #include <ATen/ATen.h>
 
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "nerva/buffer.h"
@@ -90,6 +91,10 @@ class Call {
 
 // Converts `src` (same shape) into `dst` on the device: any strides, offsets and types.
 void DeviceCopy(const at::Tensor& dst, const at::Tensor& src, const char* op);
+
+// Notes that `op` runs on the CPU: a one-time warning, or an error under
+// NERVA_TORCH_NO_FALLBACK=1; recorded for nerva_torch.fallback_ops().
+void NoteFallback(const std::string& op);
 
 // Device generator state.
 void ManualSeed(uint64_t seed);

@@ -448,15 +448,7 @@ void Fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   const auto& schema = op.schema();
   std::string name = schema.name();
   if (!schema.overload_name().empty()) name += "." + schema.overload_name();
-  const char* forbid = std::getenv("NERVA_TORCH_NO_FALLBACK");
-  TORCH_CHECK(!(forbid && std::strcmp(forbid, "1") == 0), "nerva_torch: ", name,
-              " has no nerva kernel and NERVA_TORCH_NO_FALLBACK=1 forbids the CPU fallback");
-  bool first = false;
-  {
-    std::lock_guard<std::mutex> lock(g_fallback_mutex);
-    first = FallbackOps().insert(name).second;
-  }
-  if (first) TORCH_WARN("nerva_torch: ", name, " has no nerva kernel; it runs on the CPU");
+  NoteFallback(name);
   at::native::cpu_fallback(op, stack);
 }
 
@@ -484,6 +476,18 @@ int64_t DeviceCount() {
 }
 
 }  // namespace
+
+void NoteFallback(const std::string& name) {
+  const char* forbid = std::getenv("NERVA_TORCH_NO_FALLBACK");
+  TORCH_CHECK(!(forbid && std::strcmp(forbid, "1") == 0), "nerva_torch: ", name,
+              " has no nerva kernel and NERVA_TORCH_NO_FALLBACK=1 forbids the CPU fallback");
+  bool first = false;
+  {
+    std::lock_guard<std::mutex> lock(g_fallback_mutex);
+    first = FallbackOps().insert(name).second;
+  }
+  if (first) TORCH_WARN("nerva_torch: ", name, " has no nerva kernel; it runs on the CPU");
+}
 
 void ManualSeed(uint64_t seed) {
   std::lock_guard<std::recursive_mutex> lock(QueueMutex());
