@@ -96,6 +96,12 @@ void DeviceCopy(const at::Tensor& dst, const at::Tensor& src, const char* op);
 // NERVA_TORCH_NO_FALLBACK=1; recorded for nerva_torch.fallback_ops().
 void NoteFallback(const std::string& op);
 
+// Profiling (off by default): Call::Run and device copies wait for the device and add
+// their time to the kernel counter; host transfers add theirs to the copy counter.
+bool Profiling();
+void AddKernelTime(double seconds);
+void AddCopyTime(double seconds);
+
 // Device generator state.
 void ManualSeed(uint64_t seed);
 

@@ -732,9 +732,6 @@ void RegisterActivations(torch::Library& m) {
 
 // Convolution goes through the host until nerva's Im2col/Col2im kernels are wired here;
 // it is reported as a fallback like any other.
-at::Tensor ToHost(const at::Tensor& t) {
-  return t.defined() ? t.cpu() : t;
-}
 at::Tensor ToDevice(const at::Tensor& t) {
   return t.defined() ? t.to(Device()) : t;
 }

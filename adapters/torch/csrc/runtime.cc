@@ -11,6 +11,8 @@
 #include <c10/core/impl/DeviceGuardImplInterface.h>
 #include <torch/library.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -103,7 +105,43 @@ bool DenseSameLayout(const at::Tensor& a, const at::Tensor& b) {
          a.sizes() == b.sizes();
 }
 
+std::atomic<bool> g_profiling{false};
+std::mutex g_profile_mutex;
+double g_kernel_seconds = 0.0, g_copy_seconds = 0.0;
+
+double Now() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Adds the time from construction to destruction to the kernel or copy counter.
+class ProfileScope {
+ public:
+  explicit ProfileScope(bool copy) : copy_(copy), start_(Profiling() ? Now() : 0.0) {}
+  ~ProfileScope() {
+    if (!Profiling()) return;
+    if (!copy_) GetQueue().Wait();
+    const double elapsed = Now() - start_;
+    copy_ ? AddCopyTime(elapsed) : AddKernelTime(elapsed);
+  }
+
+ private:
+  bool copy_;
+  double start_;
+};
+
 }  // namespace
+
+bool Profiling() {
+  return g_profiling.load(std::memory_order_relaxed);
+}
+void AddKernelTime(double seconds) {
+  std::lock_guard<std::mutex> lock(g_profile_mutex);
+  g_kernel_seconds += seconds;
+}
+void AddCopyTime(double seconds) {
+  std::lock_guard<std::mutex> lock(g_profile_mutex);
+  g_copy_seconds += seconds;
+}
 
 nerva::Session& GetSession() {
   return GetState().session;
@@ -241,6 +279,7 @@ Operand Call::Bind(const at::Tensor& t, bool write) {
 }
 
 void Call::Run(const nerva::Kernel& kernel) {
+  ProfileScope scope(false);
   GetQueue().Enqueue(kernel);
 }
 
@@ -256,6 +295,7 @@ void DeviceCopy(const at::Tensor& dst, const at::Tensor& src, const char* op) {
   Call call(op);
   at::Tensor from = src.expand_as(dst);
   if (DenseSameLayout(dst, from)) {
+    ProfileScope scope(false);
     nerva::Buffer d = StorageBuffer(dst), s = StorageBuffer(from);
     const long dst_off = OffsetBytes(dst), src_off = OffsetBytes(from);
     const long bytes = static_cast<long>(dst.nbytes());
@@ -291,6 +331,7 @@ at::Tensor& Copy(at::Tensor& self, const at::Tensor& src, bool non_blocking) {
     return self;
   }
   if (OnDevice(self)) {
+    ProfileScope scope(true);
     // Host to device: convert and lay out on the host, one write of the bytes.
     ToNervaType(self.scalar_type(), "copy_");
     at::Tensor host = src.to(self.scalar_type()).expand_as(self).contiguous();
@@ -304,6 +345,7 @@ at::Tensor& Copy(at::Tensor& self, const at::Tensor& src, bool non_blocking) {
   TORCH_CHECK(OnDevice(src), "nerva_torch: copy_ between ", self.device(), " and ", src.device());
   // Device to host: make the source dense on the device, one read of the bytes.
   std::lock_guard<std::recursive_mutex> lock(QueueMutex());
+  ProfileScope scope(true);
   at::Tensor dense = src.expand_as(self);
   if (!dense.is_contiguous()) {
     at::Tensor temp = Empty(dense.sizes(), dense.scalar_type());
@@ -475,6 +517,21 @@ int64_t DeviceCount() {
   return 1;
 }
 
+void SetProfiling(bool on) {
+  Synchronize();
+  g_profiling = on;
+}
+
+std::vector<double> ProfileCounters() {
+  std::lock_guard<std::mutex> lock(g_profile_mutex);
+  return {g_kernel_seconds, g_copy_seconds};
+}
+
+void ResetProfile() {
+  std::lock_guard<std::mutex> lock(g_profile_mutex);
+  g_kernel_seconds = g_copy_seconds = 0.0;
+}
+
 }  // namespace
 
 void NoteFallback(const std::string& name) {
@@ -500,6 +557,9 @@ TORCH_LIBRARY(nerva, m) {
   m.def("synchronize() -> ()", &Synchronize);
   m.def("manual_seed(int seed) -> ()", &Seed);
   m.def("device_count() -> int", &DeviceCount);
+  m.def("set_profiling(bool on) -> ()", &SetProfiling);
+  m.def("profile() -> float[]", &ProfileCounters);
+  m.def("reset_profile() -> ()", &ResetProfile);
 }
 
 TORCH_LIBRARY_IMPL(_, PrivateUse1, m) {
