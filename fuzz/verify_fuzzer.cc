@@ -20,6 +20,10 @@ class VerifyOnlyQueue : public IQueueImpl {
   Event CopyDeviceToHost(void*, const Buffer&, long) override { return Event(); }
   Event CopyHostToDevice(Buffer, const void*, long) override { return Event(); }
   Event CopyDeviceToDevice(Buffer, const Buffer&, long) override { return Event(); }
+  // The copies at byte offsets keep the base forms.
+  using IQueueImpl::CopyDeviceToDevice;
+  using IQueueImpl::CopyDeviceToHost;
+  using IQueueImpl::CopyHostToDevice;
   Event FillBuffer(Buffer, const void*, unsigned long, long, long) override { return Event(); }
   void Wait() const override {}
   void WaitFor(const std::vector<Event>&) const override {}

@@ -13,7 +13,8 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -gline-tables-only" \
   -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -gline-tables-only" \
   -DCMAKE_C_COMPILER=clang-15 -DCMAKE_CXX_COMPILER=clang++-15 \
-  -DNERVA_SANITIZE=ON -DNERVA_BUILD_FUZZERS=ON -DNERVA_BUILD_BENCHMARKS=OFF >/dev/null
+  -DNERVA_SANITIZE=ON -DNERVA_BUILD_FUZZERS=ON -DNERVA_BUILD_BENCHMARKS=OFF \
+  -DNERVA_TORCH=OFF >/dev/null
 targets=()
 for t in "$@"; do targets+=(--target "$t"); done
 cmake --build "$build" -j "$jobs" "${targets[@]}"

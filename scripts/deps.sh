@@ -11,6 +11,8 @@ packages=(
   clang-15 llvm
   # Peers of the GEMM benchmark (loaded at run time, skipped when absent).
   libclblast-dev libopenblas-dev
+  # The PyTorch device backend in adapters/torch (built and tested when present).
+  python3-torch libtorch-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -22,6 +22,12 @@ class IQueueImpl {
   virtual Event CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) = 0;
   virtual Event FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size, long offset,
                            long size) = 0;
+  // Copies at byte offsets on both sides. A platform that does not override them
+  // copies only from and to offset 0.
+  virtual Event CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size);
+  virtual Event CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size);
+  virtual Event CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                                   long size);
   virtual void Wait() const = 0;
   virtual void WaitFor(const std::vector<Event>& events) const = 0;
   // The name of the platform of the session that owns the queue.
@@ -52,6 +58,11 @@ class Queue {
   // Blocking write of `size` bytes to the start of `dst`.
   Event CopyHostToDevice(Buffer dst, const void* src, long size);
   Event CopyDeviceToDevice(Buffer dst, const Buffer& src, long size);
+  // The same at byte offsets: `size` bytes from `src` + src_offset to `dst` + dst_offset.
+  Event CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size);
+  Event CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size);
+  Event CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                           long size);
   Event FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size, long offset,
                    long size) {
     return impl_->FillBuffer(std::move(dst), pattern, pattern_size, offset, size);

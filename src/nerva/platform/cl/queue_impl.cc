@@ -129,6 +129,21 @@ Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) {
   return MakeEvent<EventImpl>(CopyDeviceToDevice(std::move(dst), src, size, ClEventVector{}));
 }
 
+Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size) {
+  return MakeEvent<EventImpl>(CopyDeviceToHost(dst, src, size, ClEventVector{}, src_offset));
+}
+
+Event QueueImpl::CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size) {
+  return MakeEvent<EventImpl>(
+      CopyHostToDevice(std::move(dst), src, size, ClEventVector{}, dst_offset));
+}
+
+Event QueueImpl::CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                                    long size) {
+  return MakeEvent<EventImpl>(
+      CopyDeviceToDevice(std::move(dst), src, size, ClEventVector{}, dst_offset, src_offset));
+}
+
 Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size,
                             long offset, long size) {
   return MakeEvent<EventImpl>(
@@ -136,42 +151,43 @@ Event QueueImpl::FillBuffer(Buffer dst, const void* pattern, unsigned long patte
 }
 
 ::cl::Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long size,
-                                        const ClEventVector& wait_list) {
+                                        const ClEventVector& wait_list, long src_offset) {
   const char* what = "CL copy device buffer to host";
   cl_mem mem = MemOf(src, session_, what);
-  CheckCopy(what, size, src);
+  CheckCopy(what, size, src, src_offset);
   if (dst == nullptr && size > 0) throw std::invalid_argument("CopyDeviceToHost fail, null dest");
   return EnqueueCommand(wait_list, "CL copy device buffer to host fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueReadBuffer(queue_(), mem, CL_TRUE, 0, size, dst, count,
-                                                     events, event);
+                          return clEnqueueReadBuffer(queue_(), mem, CL_TRUE, src_offset, size, dst,
+                                                     count, events, event);
                         });
 }
 
 ::cl::Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size,
-                                        const ClEventVector& wait_list) {
+                                        const ClEventVector& wait_list, long dst_offset) {
   const char* what = "CL copy host buffer to device";
   cl_mem mem = MemOf(dst, session_, what);
-  CheckCopy(what, size, dst);
+  CheckCopy(what, size, dst, dst_offset);
   if (src == nullptr && size > 0) throw std::invalid_argument("CopyHostToDevice fail, null src");
   return EnqueueCommand(wait_list, "CL copy host buffer to device fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueWriteBuffer(queue_(), mem, CL_TRUE, 0, size, src, count,
-                                                      events, event);
+                          return clEnqueueWriteBuffer(queue_(), mem, CL_TRUE, dst_offset, size, src,
+                                                      count, events, event);
                         });
 }
 
 ::cl::Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size,
-                                          const ClEventVector& wait_list) {
+                                          const ClEventVector& wait_list, long dst_offset,
+                                          long src_offset) {
   const char* what = "CL copy device buffer to device buffer";
   cl_mem src_mem = MemOf(src, session_, what);
   cl_mem dst_mem = MemOf(dst, session_, what);
-  CheckCopy(what, size, src);
-  CheckCopy(what, size, dst);
+  CheckCopy(what, size, src, src_offset);
+  CheckCopy(what, size, dst, dst_offset);
   return EnqueueCommand(wait_list, "CL copy device buffer to device buffer fail, reason :",
                         [&](cl_uint count, const cl_event* events, cl_event* event) {
-                          return clEnqueueCopyBuffer(queue_(), src_mem, dst_mem, 0, 0, size, count,
-                                                     events, event);
+                          return clEnqueueCopyBuffer(queue_(), src_mem, dst_mem, src_offset,
+                                                     dst_offset, size, count, events, event);
                         });
 }
 

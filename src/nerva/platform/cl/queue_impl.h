@@ -28,6 +28,10 @@ class QueueImpl : public IQueueImpl, public std::enable_shared_from_this<QueueIm
   Event CopyDeviceToHost(void* dst, const Buffer& src, long size) override;
   Event CopyHostToDevice(Buffer dst, const void* src, long size) override;
   Event CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) override;
+  Event CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size) override;
+  Event CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size) override;
+  Event CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                           long size) override;
   Event FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size, long offset,
                    long size) override;
   void Wait() const override;
@@ -38,11 +42,12 @@ class QueueImpl : public IQueueImpl, public std::enable_shared_from_this<QueueIm
   // Forms on OpenCL wait lists; each returns the event of its (last) command.
   ::cl::Event Enqueue(const Kernel& kernel, const ClEventVector& wait_list);
   ::cl::Event CopyDeviceToHost(void* dst, const Buffer& src, long size,
-                               const ClEventVector& wait_list);
+                               const ClEventVector& wait_list, long src_offset = 0);
   ::cl::Event CopyHostToDevice(Buffer dst, const void* src, long size,
-                               const ClEventVector& wait_list);
+                               const ClEventVector& wait_list, long dst_offset = 0);
   ::cl::Event CopyDeviceToDevice(Buffer dst, const Buffer& src, long size,
-                                 const ClEventVector& wait_list);
+                                 const ClEventVector& wait_list, long dst_offset = 0,
+                                 long src_offset = 0);
   ::cl::Event FillBuffer(Buffer dst, const void* pattern, size_t pattern_size, long offset,
                          long size, const ClEventVector& wait_list);
   void WaitFor(const ClEventVector& events) const;

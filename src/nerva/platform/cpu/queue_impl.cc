@@ -37,6 +37,15 @@ void* BytesOf(const Buffer& buffer, long size, const char* what) {
   return buffer.UnsafeGetPtr();
 }
 
+// The host bytes [offset, offset + size) of a CPU buffer.
+char* BytesAt(const Buffer& buffer, long offset, long size, const char* what) {
+  if (offset < 0 || size < 0 || (buffer && offset > buffer.size() - size)) {
+    throw std::invalid_argument(StrCat(what, " fail, bytes [", offset, ", ", offset + size,
+                                       ") out of the buffer size ", buffer ? buffer.size() : 0));
+  }
+  return static_cast<char*>(BytesOf(buffer, offset + size, what)) + offset;
+}
+
 }  // namespace
 
 QueueImpl::QueueImpl(std::weak_ptr<SessionImpl> session) : session_(std::move(session)) {
@@ -76,6 +85,25 @@ Event QueueImpl::CopyHostToDevice(Buffer dst, const void* src, long size) {
 Event QueueImpl::CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) {
   void* to = BytesOf(dst, size, "CopyDeviceToDevice");
   MoveBytes(to, BytesOf(src, size, "CopyDeviceToDevice"), size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size) {
+  if (dst == nullptr) throw std::runtime_error("CopyDeviceToHost fail, unexpected null dest");
+  MoveBytes(dst, BytesAt(src, src_offset, size, "CopyDeviceToHost"), size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size) {
+  if (src == nullptr) throw std::runtime_error("CopyHostToDevice fail, unexpected null src");
+  MoveBytes(BytesAt(dst, dst_offset, size, "CopyHostToDevice"), src, size);
+  return CompleteEvent();
+}
+
+Event QueueImpl::CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                                    long size) {
+  char* to = BytesAt(dst, dst_offset, size, "CopyDeviceToDevice");
+  MoveBytes(to, BytesAt(src, src_offset, size, "CopyDeviceToDevice"), size);
   return CompleteEvent();
 }
 

@@ -25,6 +25,10 @@ class QueueImpl : public IQueueImpl, public std::enable_shared_from_this<QueueIm
   Event CopyDeviceToHost(void* dst, const Buffer& src, long size) override;
   Event CopyHostToDevice(Buffer dst, const void* src, long size) override;
   Event CopyDeviceToDevice(Buffer dst, const Buffer& src, long size) override;
+  Event CopyDeviceToHost(void* dst, const Buffer& src, long src_offset, long size) override;
+  Event CopyHostToDevice(Buffer dst, long dst_offset, const void* src, long size) override;
+  Event CopyDeviceToDevice(Buffer dst, long dst_offset, const Buffer& src, long src_offset,
+                           long size) override;
   // Writes nothing: filling is not an operation of the CPU platform.
   Event FillBuffer(Buffer dst, const void* pattern, unsigned long pattern_size, long offset,
                    long size) override;

@@ -229,6 +229,29 @@ TEST(QueueTest, DeviceCopyAndFill) {
   EXPECT_EQ(back, std::vector<int32_t>(16, 7));
 }
 
+TEST(QueueTest, CopiesAtByteOffsets) {
+  std::vector<uint8_t> data(77);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + 1);
+  Buffer a = TestSession().MakeBuffer(kMemReadWrite, 77);
+  Buffer b = TestSession().MakeBuffer(kMemReadWrite, 77);
+  Queue& queue = TestQueue();
+  queue.CopyHostToDevice(a, data.data(), 77);
+  const uint8_t zero = 0;
+  queue.FillBuffer(b, &zero, 1, 0, 77);
+  queue.CopyDeviceToDevice(b, 5, a, 3, 61);
+  queue.CopyHostToDevice(b, 70, data.data(), 7);
+  std::vector<uint8_t> back(77), want(77, 0);
+  std::copy(data.begin() + 3, data.begin() + 64, want.begin() + 5);
+  std::copy(data.begin(), data.begin() + 7, want.begin() + 70);
+  queue.CopyDeviceToHost(back.data(), b, 77);
+  EXPECT_EQ(back, want);
+  std::vector<uint8_t> part(9);
+  queue.CopyDeviceToHost(part.data(), b, 11, 9);
+  EXPECT_EQ(part, std::vector<uint8_t>(want.begin() + 11, want.begin() + 20));
+  EXPECT_THROW(queue.CopyDeviceToDevice(b, 20, a, 0, 61), std::invalid_argument);
+  EXPECT_THROW(queue.CopyDeviceToHost(part.data(), a, 70, 9), std::invalid_argument);
+}
+
 TEST(QueueTest, EnqueueRejectsForeignKernels) {
   EXPECT_EQ(MessageOf<std::runtime_error>([] { TestQueue().Enqueue(Kernel()); }),
             "Enqueue invalid CL kernel, please compile it first!");

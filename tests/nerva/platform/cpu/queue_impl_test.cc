@@ -36,6 +36,24 @@ TEST_F(QueueTest, CopiesMoveBytesBetweenHostAndBuffers) {
   EXPECT_EQ(Download(dst), data);
 }
 
+TEST_F(QueueTest, CopiesAtByteOffsets) {
+  const Bytes data = RandomBytes(40, 8);
+  Buffer src = Upload(data);
+  Buffer dst = Upload(Bytes(40, 0));
+  Queue& queue = queue_;
+  EXPECT_TRUE(queue.CopyDeviceToDevice(dst, 7, src, 3, 29));
+  Bytes want(40, 0);
+  std::copy(data.begin() + 3, data.begin() + 32, want.begin() + 7);
+  EXPECT_EQ(Download(dst), want);
+  Bytes host(5, 0);
+  EXPECT_TRUE(queue.CopyDeviceToHost(host.data(), src, 35, 5));
+  EXPECT_EQ(host, Bytes(data.begin() + 35, data.end()));
+  EXPECT_TRUE(queue.CopyHostToDevice(dst, 1, host.data(), 5));
+  EXPECT_EQ(Download(dst)[1], data[35]);
+  EXPECT_THROW(queue.CopyDeviceToDevice(dst, 12, src, 0, 29), std::invalid_argument);
+  EXPECT_THROW(queue.CopyDeviceToHost(host.data(), src, -1, 2), std::invalid_argument);
+}
+
 TEST_F(QueueTest, ZeroByteCopiesDoNothing) {
   const Bytes data = RandomBytes(16, 6);
   const Bytes other = RandomBytes(16, 7);
