@@ -75,6 +75,12 @@ const std::vector<PoolCase> kMax2D = {
     {{1, 2, 6, 7}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true},         // partial last window kept
     {{2, 3, 9, 7}, {3, 3}, {2, 2}, {1, 1}, {2, 1}, true, kHalf},  // half, dilation 2
     {{1, 1, 1, 1}, {1}, {1}, {0}, {1}},
+    // Rows of 8 or more outputs: vector blocks, the overlapping last block,
+    // padded border blocks, strides 1, 2 and 3.
+    {{1, 2, 5, 37}, {3, 3}, {2, 2}, {1, 1}, {1, 1}},
+    {{2, 4, 20}, {3, 3}, {1, 1}, {0, 0}, {1, 2}},
+    {{1, 2, 3, 41}, {2, 3}, {1, 3}, {0, 1}, {1, 1}, true},
+    {{1, 3, 6, 33}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true, kHalf},
 };
 
 TEST(ClMaxPool, TwoD) {

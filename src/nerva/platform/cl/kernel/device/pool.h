@@ -46,6 +46,30 @@ inline int adaptive_end(int o, int in, int out) {
   return (int)((((long)o + 1) * in + out - 1) / out);
 }
 
+/* ---- row blocks ----
+ * The fast 2-D programs take one work item per POOL_V consecutive outputs of
+ * an output row (x) and one per output row of every plane (y), geometry as
+ * scalar int arguments. The last block of a row ends at the row's end,
+ * overlapping the one before it, so a block is full whenever the row holds
+ * at least POOL_V outputs; narrower rows take the scalar path. */
+#define POOL_V 8
+typedef float8 pool_vec;
+#define POOL_LANES ((int8)(0, 1, 2, 3, 4, 5, 6, 7))
+
+/* First output of block b of a row of `width` outputs. */
+inline int pool_block_start(int b, int width) { return max(min(b * POOL_V, width - POOL_V), 0); }
+
+/* POOL_V elements p[0], p[s], ..., p[7 * s] of a row of `width` elements,
+ * p being at position x of the row (all of them inside it). */
+inline pool_vec pool_load_lanes(__global const DTYPE *p, int s, int x, int width) {
+  if (s == 1) return VLOAD(DTYPE, 8, p);
+  if (s == 2 && x + 16 <= width) return VLOAD(DTYPE, 16, p).even;
+  if (s == 2 && x >= 1) return VLOAD(DTYPE, 16, p - 1).odd;
+  return (pool_vec)(POOL_LOAD(p, 0), POOL_LOAD(p, s), POOL_LOAD(p, 2 * s), POOL_LOAD(p, 3 * s),
+                    POOL_LOAD(p, 4 * s), POOL_LOAD(p, 5 * s), POOL_LOAD(p, 6 * s),
+                    POOL_LOAD(p, 7 * s));
+}
+
 /* ---- max pooling ----
  * The maximum of the window of output position o (NaN wins, the first
  * maximum is kept) and its flat index within the plane; the index starts at
