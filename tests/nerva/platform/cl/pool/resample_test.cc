@@ -21,6 +21,8 @@ const std::vector<BlockCase> kBlocks = {
     {{3, 8, 6}, {2, 3}, {2, 1}, {0, 1}, {2, 2}},  // unbatched, dilation 2
     {{1, 2, 9, 8}, {3, 2}, {2, 2}, {2, 1}, {1, 2}},
     {{1, 2, 5, 5}, {2, 2}, {1, 1}, {0, 0}, {1, 1}, kHalf},
+    {{1, 2, 4, 29}, {2, 3}, {1, 2}, {1, 2}, {1, 3}},      // rows of 8+ blocks, stride 3
+    {{2, 5, 21}, {3, 3}, {1, 1}, {1, 1}, {2, 2}, kHalf},  // rows of 8+ blocks, stride 2
 };
 
 long Blocks(long in, long k, long d, long p, long s) {
