@@ -70,6 +70,12 @@ inline pool_vec pool_load_lanes(__global const DTYPE *p, int s, int x, int width
                     POOL_LOAD(p, 7 * s));
 }
 
+/* The elements p[i.s0], ..., p[i.s7]. */
+inline pool_vec pool_gather(__global const DTYPE *p, int8 i) {
+  return (pool_vec)(POOL_LOAD(p, i.s0), POOL_LOAD(p, i.s1), POOL_LOAD(p, i.s2), POOL_LOAD(p, i.s3),
+                    POOL_LOAD(p, i.s4), POOL_LOAD(p, i.s5), POOL_LOAD(p, i.s6), POOL_LOAD(p, i.s7));
+}
+
 /* ---- max pooling ----
  * The maximum of the window of output position o (NaN wins, the first
  * maximum is kept) and its flat index within the plane; the index starts at
