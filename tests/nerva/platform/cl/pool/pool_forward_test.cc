@@ -210,12 +210,14 @@ TEST(ClAdaptivePool, AvgAndMax2D) {
     RunAdaptive({3, 8, 8}, {3, 4, 4}, 2, kind, kFloat, seed++);        // unbatched, even split
     RunAdaptive({1, 2, 5, 6}, {1, 2, 7, 9}, 2, kind, kFloat, seed++);  // output larger
     RunAdaptive({2, 5, 7, 7}, {2, 5, 1, 1}, 2, kind, kHalf, seed++);
+    RunAdaptive({3, 2, 3}, {3, 1, 1}, 2, kind, kFloat, seed++);  // plane shorter than a vector
   }
 }
 
 TEST(ClAdaptivePool, Avg3D) {
   RunAdaptive({1, 2, 5, 7, 6}, {1, 2, 2, 3, 4}, 3, 0, kFloat, 120);
   RunAdaptive({3, 4, 4, 5}, {3, 3, 2, 5}, 3, 0, kHalf, 121);
+  RunAdaptive({2, 3, 4, 5, 3}, {2, 3, 1, 1, 1}, 3, 0, kFloat, 122);
 }
 
 }  // namespace
