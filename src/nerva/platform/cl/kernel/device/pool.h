@@ -48,8 +48,8 @@ inline int adaptive_end(int o, int in, int out) {
 
 /* ---- row blocks ----
  * The fast 2-D programs take one work item per POOL_V consecutive outputs of
- * an output row (x) and one per output row of every plane (y), geometry as
- * scalar int arguments. The last block of a row ends at the row's end,
+ * an output row over (blocks, output height, planes), geometry as scalar int
+ * arguments. The last block of a row ends at the row's end,
  * overlapping the one before it, so a block is full whenever the row holds
  * at least POOL_V outputs; narrower rows take the scalar path. */
 #define POOL_V 8

@@ -112,12 +112,11 @@ void Im2colKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long blocks = g.dim[1].out * g.dim[2].out;
   if (rows * blocks == 0) return;
   input_ = MakeContiguous(*this, session, input_);
-  auto unit = MakeRowBlockUnit(*this, session, "im2col.cl", "im2col",
-                               PoolBuildOption(input_.dtype()), rows * g.dim[1].out, g.dim[2].out);
+  auto unit =
+      MakeRowBlockUnit(*this, session, "im2col.cl", "im2col", PoolBuildOption(input_.dtype()),
+                       g.planes, g.dim[1].out, g.dim[2].out);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
-  PoolGeometry column = g;
-  column.planes = rows;  // one output row per column row and output height
-  BindRowGeometry(*unit, column, true);
+  BindRowGeometry(*unit, g, true);
 }
 
 NERVA_STATIC_REGISTER {

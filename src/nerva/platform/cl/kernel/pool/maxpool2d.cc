@@ -49,8 +49,8 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const BuildOption options =
       PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64);
   auto unit = spatial_ == 2
-                  ? MakeRowBlockUnit(*this, session, program + ".cl", program, options,
-                                     g.planes * g.dim[1].out, g.dim[2].out)
+                  ? MakeRowBlockUnit(*this, session, program + ".cl", program, options, g.planes,
+                                     g.dim[1].out, g.dim[2].out)
                   : MakePoolUnit(*this, session, program + ".cl", program, options, g, false);
   unit->SetArg(FlatView(input_))
       .SetArg(FlatView(output_))

@@ -32,13 +32,13 @@ inline void maxpool2d_block(__global const DTYPE *in, int ih, int iw, int y, int
 }
 
 __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
-                        int write_index, int ih, int iw, int oh, int ow, int rows, int kh, int kw,
+                        int write_index, int ih, int iw, int oh, int ow, int planes, int kh, int kw,
                         int sh, int sw, int ph, int pw, int dh, int dw) {
-  const int b = get_global_id(0), row = get_global_id(1);
-  if (row >= rows || b * POOL_V >= ow) return;
-  const int plane = row / oh, y = row - plane * oh;
+  const int b = get_global_id(0), y = get_global_id(1), plane = get_global_id(2);
+  if (y >= oh || b * POOL_V >= ow) return;
+  const long row = (long)plane * oh + y;
   __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
-  const long out = (long)row * ow;
+  const long out = row * ow;
   __global IDX_DTYPE *indices = (__global IDX_DTYPE *)TENSOR_BASE(idx);
   const int x0 = pool_block_start(b, ow);
   const int ws = x0 * sw - pw;

@@ -142,7 +142,7 @@ void ResizeKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (spatial <= 2 && mode <= static_cast<int>(InterpolateMode::kBilinear)) {
     auto unit =
         MakeRowBlockUnit(*this, session, "resize.cl", "resize_rows",
-                         PoolBuildOption(input_.dtype()), g.planes * g.dim[1].out, g.dim[2].out);
+                         PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out, g.dim[2].out);
     unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
     BindRowGeometry(*unit, g, false);
     unit->SetArg(scale.value.s[1])

@@ -110,12 +110,12 @@ __kernel void resize(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz,
  * vectors. `mode` as for `resize` (0, 1, 2 or 3); sh and sw the height and
  * width scales. Every block gathers its sources, so no border case. */
 __kernel void resize_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh, int ow,
-                          int rows, float sh, float sw, int mode, int align_corners) {
-  const int b = get_global_id(0), row = get_global_id(1);
-  if (row >= rows || b * POOL_V >= ow) return;
-  const int plane = row / oh, y = row - plane * oh;
+                          int planes, float sh, float sw, int mode, int align_corners) {
+  const int b = get_global_id(0), y = get_global_id(1), plane = get_global_id(2);
+  if (y >= oh || b * POOL_V >= ow) return;
+  const long row = (long)plane * oh + y;
   __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
-  __global DTYPE *out = POOL_DST(dst) + (long)row * ow;
+  __global DTYPE *out = POOL_DST(dst) + row * ow;
   const int x0 = pool_block_start(b, ow);
   const float8 x = convert_float8((int8)(x0) + POOL_LANES);
   pool_vec v;
