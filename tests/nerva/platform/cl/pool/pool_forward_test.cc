@@ -118,6 +118,32 @@ TEST(ClMaxPool, NanWinsAndInt32Indices) {
   EXPECT_EQ(DownloadAs(indices), (std::vector<double>{1, 2, 6, 8}));
 }
 
+TEST(ClMaxPool, NanInVectorBlocks) {
+  const PoolCase c{{1, 3, 20}, {2, 2}, {1, 1}, {0, 0}, {1, 1}};
+  const Window w = MakeWindow(c, 2, true);
+  std::vector<double> x = RoundTrip(RandomValues(Count(c.sizes), -4, 4, 55), kFloat);
+  x[29] = NAN;  // row 1, column 9
+  std::vector<double> want, want_index;
+  RefMaxPool(x, 1, w, &want, &want_index);
+  for (bool with_indices : {false, true}) {
+    Tensor input = UploadAs(x, c.sizes, kFloat), output = MakeOutput({1, 2, 19}, kFloat);
+    Tensor indices = MakeOutput({1, 2, 19}, kInt64);
+    const MaxPool2DOption o{c.kernel, c.stride, c.padding, c.dilation};
+    TestQueue().Enqueue(with_indices
+                            ? MaxPool2D::Create(TestQueue(), o, input.option(), input.storage(),
+                                                output.option(), output.storage(), indices.option(),
+                                                indices.storage())
+                            : MaxPool2D::Create(TestQueue(), o, input.option(), input.storage(),
+                                                output.option(), output.storage()));
+    const std::vector<double> got = DownloadAs(output);
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(std::isnan(got[i]), std::isnan(want[i])) << i;
+      if (!std::isnan(want[i])) EXPECT_EQ(got[i], want[i]) << i;
+    }
+    if (with_indices) EXPECT_EQ(DownloadAs(indices), want_index);
+  }
+}
+
 TEST(ClAvgPool, TwoD) {
   std::vector<PoolCase> cases = {
       {{1, 3, 7, 9}, {3, 3}, {2, 2}, {1, 1}},

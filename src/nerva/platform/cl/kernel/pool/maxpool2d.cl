@@ -7,28 +7,44 @@
 // #include "common.h"
 // #include "pool.h"
 
-/* The block at x0 of output row y, every window inside the input's width. */
-inline void maxpool2d_block(__global const DTYPE *in, int ih, int iw, int y, int x0, int kh,
-                            int kw, int sh, int sw, int ph, int pw, int dh, int dw,
-                            pool_vec *best, int8 *at) {
+/* The block at x0 of output row y, every window inside the input's width:
+ * the maxima and, with `at`, their indices. */
+inline pool_vec maxpool2d_block(__global const DTYPE *in, int ih, int iw, int y, int x0, int kh,
+                                int kw, int sh, int sw, int ph, int pw, int dh, int dw, int8 *at) {
   const int hs = y * sh - ph, ws = x0 * sw - pw;
   int h0 = hs;
   while (h0 < 0) h0 += dh;
   pool_vec m = (pool_vec)(-INFINITY);
-  int8 index = (int8)(h0 * iw + ws) + POOL_LANES * sw;
+  if (at) {
+    const int8 lanes = POOL_LANES * sw;
+    int8 index = (int8)(h0 * iw + ws) + lanes;
+    for (int i = 0; i < kh; ++i) {
+      const int h = hs + i * dh;
+      if (h < 0 || h >= ih) continue;
+      for (int j = 0; j < kw; ++j) {
+        const int x = ws + j * dw;
+        const pool_vec v = pool_load_lanes(in + h * iw + x, sw, x, iw);
+        const int8 take = isgreater(v, m) | isnan(v);
+        m = select(m, v, take);
+        index = select(index, (int8)(h * iw + x) + lanes, take);
+      }
+    }
+    *at = index;
+    return m;
+  }
+  /* Values only: NaN is tracked apart, the maximum is a plain compare. */
+  int8 nan = (int8)(0);
   for (int i = 0; i < kh; ++i) {
     const int h = hs + i * dh;
     if (h < 0 || h >= ih) continue;
     for (int j = 0; j < kw; ++j) {
       const int x = ws + j * dw;
       const pool_vec v = pool_load_lanes(in + h * iw + x, sw, x, iw);
-      const int8 take = isgreater(v, m) | isnan(v);
-      m = select(m, v, take);
-      index = select(index, (int8)(h * iw + x) + POOL_LANES * sw, take);
+      m = v > m ? v : m;
+      nan |= isnan(v);
     }
   }
-  *best = m;
-  *at = index;
+  return select(m, (pool_vec)(NAN), nan);
 }
 
 __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
@@ -43,9 +59,9 @@ __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(id
   const int x0 = pool_block_start(b, ow);
   const int ws = x0 * sw - pw;
   if (ow >= POOL_V && ws >= 0 && ws + (POOL_V - 1) * sw + (kw - 1) * dw < iw) {
-    pool_vec v;
     int8 at;
-    maxpool2d_block(in, ih, iw, y, x0, kh, kw, sh, sw, ph, pw, dh, dw, &v, &at);
+    const pool_vec v =
+        maxpool2d_block(in, ih, iw, y, x0, kh, kw, sh, sw, ph, pw, dh, dw, write_index ? &at : 0);
     VSTORE(DTYPE, 8, v, POOL_DST(dst) + out + x0);
     if (write_index) VSTORE(IDX_DTYPE, 8, CONVERT_WRAP(IDX_DTYPE, 8, at), indices + out + x0);
     return;
