@@ -1,11 +1,12 @@
 /*
  * Shared device helpers of the pooling, im2col/col2im and resampling programs.
  * Every program sees planes of (depth, height, width) volumes, flat and
- * contiguous; geometry arrives as int4 arguments (.s0 depth, .s1 height, .s2
- * width): input size, output size, kernel, stride, padding, dilation. A 2-D
- * operator passes depth 1, kernel 1, stride 1, padding 0, dilation 1. The
- * sizes carry the plane count in .s3. Work items span (width, height,
- * depth * planes); items past the end return at once.
+ * contiguous. The general programs take their geometry as int4 arguments
+ * (.s0 depth, .s1 height, .s2 width): input size, output size, kernel,
+ * stride, padding, dilation. A 2-D operator passes depth 1, kernel 1, stride
+ * 1, padding 0, dilation 1. The sizes carry the plane count in .s3. Work
+ * items span (width, height, depth * planes); items past the end return at
+ * once. The fast 2-D programs (row blocks, below) take scalar ints instead.
  * Definitions: DTYPE (float or half, stored as 16-bit and converted with
  * vload_half/vstore_half), IDX_DTYPE (long or int).
  */
