@@ -75,6 +75,12 @@ const std::vector<PoolCase> kMax2D = {
     {{1, 2, 6, 7}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true},         // partial last window kept
     {{2, 3, 9, 7}, {3, 3}, {2, 2}, {1, 1}, {2, 1}, true, kHalf},  // half, dilation 2
     {{1, 1, 1, 1}, {1}, {1}, {0}, {1}},
+    // Rows of 8 or more outputs: vector blocks, the overlapping last block,
+    // padded border blocks, strides 1, 2 and 3.
+    {{1, 2, 5, 37}, {3, 3}, {2, 2}, {1, 1}, {1, 1}},
+    {{2, 4, 20}, {3, 3}, {1, 1}, {0, 0}, {1, 2}},
+    {{1, 2, 3, 41}, {2, 3}, {1, 3}, {0, 1}, {1, 1}, true},
+    {{1, 3, 6, 33}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true, kHalf},
 };
 
 TEST(ClMaxPool, TwoD) {
@@ -110,6 +116,32 @@ TEST(ClMaxPool, NanWinsAndInt32Indices) {
   EXPECT_TRUE(std::isnan(got[1]));
   EXPECT_EQ(got[2], 9);
   EXPECT_EQ(DownloadAs(indices), (std::vector<double>{1, 2, 6, 8}));
+}
+
+TEST(ClMaxPool, NanInVectorBlocks) {
+  const PoolCase c{{1, 3, 20}, {2, 2}, {1, 1}, {0, 0}, {1, 1}};
+  const Window w = MakeWindow(c, 2, true);
+  std::vector<double> x = RoundTrip(RandomValues(Count(c.sizes), -4, 4, 55), kFloat);
+  x[29] = NAN;  // row 1, column 9
+  std::vector<double> want, want_index;
+  RefMaxPool(x, 1, w, &want, &want_index);
+  for (bool with_indices : {false, true}) {
+    Tensor input = UploadAs(x, c.sizes, kFloat), output = MakeOutput({1, 2, 19}, kFloat);
+    Tensor indices = MakeOutput({1, 2, 19}, kInt64);
+    const MaxPool2DOption o{c.kernel, c.stride, c.padding, c.dilation};
+    TestQueue().Enqueue(with_indices
+                            ? MaxPool2D::Create(TestQueue(), o, input.option(), input.storage(),
+                                                output.option(), output.storage(), indices.option(),
+                                                indices.storage())
+                            : MaxPool2D::Create(TestQueue(), o, input.option(), input.storage(),
+                                                output.option(), output.storage()));
+    const std::vector<double> got = DownloadAs(output);
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(std::isnan(got[i]), std::isnan(want[i])) << i;
+      if (!std::isnan(want[i])) EXPECT_EQ(got[i], want[i]) << i;
+    }
+    if (with_indices) EXPECT_EQ(DownloadAs(indices), want_index);
+  }
 }
 
 TEST(ClAvgPool, TwoD) {
@@ -204,12 +236,14 @@ TEST(ClAdaptivePool, AvgAndMax2D) {
     RunAdaptive({3, 8, 8}, {3, 4, 4}, 2, kind, kFloat, seed++);        // unbatched, even split
     RunAdaptive({1, 2, 5, 6}, {1, 2, 7, 9}, 2, kind, kFloat, seed++);  // output larger
     RunAdaptive({2, 5, 7, 7}, {2, 5, 1, 1}, 2, kind, kHalf, seed++);
+    RunAdaptive({3, 2, 3}, {3, 1, 1}, 2, kind, kFloat, seed++);  // plane shorter than a vector
   }
 }
 
 TEST(ClAdaptivePool, Avg3D) {
   RunAdaptive({1, 2, 5, 7, 6}, {1, 2, 2, 3, 4}, 3, 0, kFloat, 120);
   RunAdaptive({3, 4, 4, 5}, {3, 3, 2, 5}, 3, 0, kHalf, 121);
+  RunAdaptive({2, 3, 4, 5, 3}, {2, 3, 1, 1, 1}, 3, 0, kFloat, 122);
 }
 
 }  // namespace

@@ -21,6 +21,8 @@ const std::vector<BlockCase> kBlocks = {
     {{3, 8, 6}, {2, 3}, {2, 1}, {0, 1}, {2, 2}},  // unbatched, dilation 2
     {{1, 2, 9, 8}, {3, 2}, {2, 2}, {2, 1}, {1, 2}},
     {{1, 2, 5, 5}, {2, 2}, {1, 1}, {0, 0}, {1, 1}, kHalf},
+    {{1, 2, 4, 29}, {2, 3}, {1, 2}, {1, 2}, {1, 3}},      // rows of 8+ blocks, stride 3
+    {{2, 5, 21}, {3, 3}, {1, 1}, {1, 1}, {2, 2}, kHalf},  // rows of 8+ blocks, stride 2
 };
 
 long Blocks(long in, long k, long d, long p, long s) {
@@ -213,6 +215,13 @@ TEST(ClResize, EveryMode) {
       {{2, 3, 5, 7}, {2, 3, 10, 14}, M::kBilinear, false, {}, kHalf},
       {{2, 2, 5, 6}, {2, 2, 9, 11}, M::kBicubic, true, {}, kHalf},
       {{1, 2, 5, 7}, {1, 2, 8, 3}, M::kNearest, false, {}, kHalf},
+      // Rows of 8 or more outputs: doubled rows (inside and at both ends),
+      // wide gathered rows.
+      {{1, 2, 3, 21}, {1, 2, 6, 42}, M::kBilinear},
+      {{2, 1, 3, 20}, {2, 1, 6, 40}, M::kBilinear, false, {2.0}, kHalf},
+      {{1, 2, 3, 40}, {1, 2, 5, 17}, M::kBilinear},
+      {{1, 2, 3, 21}, {1, 2, 6, 42}, M::kBilinear, true},
+      {{1, 2, 4, 9}, {1, 2, 3, 30}, M::kNearestExact},
   };
   unsigned seed = 800;
   for (const auto& c : cases) RunResize(c, seed++);

@@ -1,11 +1,12 @@
 /*
  * Shared device helpers of the pooling, im2col/col2im and resampling programs.
  * Every program sees planes of (depth, height, width) volumes, flat and
- * contiguous; geometry arrives as int4 arguments (.s0 depth, .s1 height, .s2
- * width): input size, output size, kernel, stride, padding, dilation. A 2-D
- * operator passes depth 1, kernel 1, stride 1, padding 0, dilation 1. The
- * sizes carry the plane count in .s3. Work items span (width, height,
- * depth * planes); items past the end return at once.
+ * contiguous. The general programs take their geometry as int4 arguments
+ * (.s0 depth, .s1 height, .s2 width): input size, output size, kernel,
+ * stride, padding, dilation. A 2-D operator passes depth 1, kernel 1, stride
+ * 1, padding 0, dilation 1. The sizes carry the plane count in .s3. Work
+ * items span (width, height, depth * planes); items past the end return at
+ * once. The fast 2-D programs (row blocks, below) take scalar ints instead.
  * Definitions: DTYPE (float or half, stored as 16-bit and converted with
  * vload_half/vstore_half), IDX_DTYPE (long or int).
  */
@@ -44,6 +45,36 @@ inline int pool_flat(int4 pos, int4 n) { return (pos.s0 * n.s1 + pos.s1) * n.s2 
 inline int adaptive_start(int o, int in, int out) { return (int)(((long)o * in) / out); }
 inline int adaptive_end(int o, int in, int out) {
   return (int)((((long)o + 1) * in + out - 1) / out);
+}
+
+/* ---- row blocks ----
+ * The fast 2-D programs take one work item per POOL_V consecutive outputs of
+ * an output row over (blocks, output height, planes), geometry as scalar int
+ * arguments. The last block of a row ends at the row's end,
+ * overlapping the one before it, so a block is full whenever the row holds
+ * at least POOL_V outputs; narrower rows take the scalar path. */
+#define POOL_V 8
+typedef float8 pool_vec;
+#define POOL_LANES ((int8)(0, 1, 2, 3, 4, 5, 6, 7))
+
+/* First output of block b of a row of `width` outputs. */
+inline int pool_block_start(int b, int width) { return max(min(b * POOL_V, width - POOL_V), 0); }
+
+/* POOL_V elements p[0], p[s], ..., p[7 * s] of a row of `width` elements,
+ * p being at position x of the row (all of them inside it). */
+inline pool_vec pool_load_lanes(__global const DTYPE *p, int s, int x, int width) {
+  if (s == 1) return VLOAD(DTYPE, 8, p);
+  if (s == 2 && x + 16 <= width) return VLOAD(DTYPE, 16, p).even;
+  if (s == 2 && x >= 1) return VLOAD(DTYPE, 16, p - 1).odd;
+  return (pool_vec)(POOL_LOAD(p, 0), POOL_LOAD(p, s), POOL_LOAD(p, 2 * s), POOL_LOAD(p, 3 * s),
+                    POOL_LOAD(p, 4 * s), POOL_LOAD(p, 5 * s), POOL_LOAD(p, 6 * s),
+                    POOL_LOAD(p, 7 * s));
+}
+
+/* The elements p[i.s0], ..., p[i.s7]. */
+inline pool_vec pool_gather(__global const DTYPE *p, int8 i) {
+  return (pool_vec)(POOL_LOAD(p, i.s0), POOL_LOAD(p, i.s1), POOL_LOAD(p, i.s2), POOL_LOAD(p, i.s3),
+                    POOL_LOAD(p, i.s4), POOL_LOAD(p, i.s5), POOL_LOAD(p, i.s6), POOL_LOAD(p, i.s7));
 }
 
 /* ---- max pooling ----

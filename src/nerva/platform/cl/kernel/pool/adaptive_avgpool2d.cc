@@ -27,6 +27,18 @@ void AdaptiveAvgPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
                                               output_.shape().sizes(), spatial_);
   if (g.OutCount() == 0) return;
   input_ = MakeContiguous(*this, session, input_);
+  if (g.dim[0].out * g.dim[1].out * g.dim[2].out == 1) {
+    const long n = g.dim[0].in * g.dim[1].in * g.dim[2].in;
+    auto unit =
+        MakeSubKernel(session, "Pool::adaptive_avgpool2d.cl", PoolSources("adaptive_avgpool2d.cl"),
+                      PoolBuildOption(input_.dtype()), "adaptive_avgpool_planes");
+    unit->SetArg(FlatView(input_))
+        .SetArg(FlatView(output_))
+        .SetArg(static_cast<int>(n))
+        .SetArg(static_cast<int>(g.planes));
+    unit->SetGlobal({static_cast<size_t>(g.planes)}).SetLocal({64});
+    return;
+  }
   const std::string program = spatial_ == 2 ? "adaptive_avgpool2d" : "adaptive_avgpool3d";
   auto unit = MakePoolUnit(*this, session, program + ".cl", program,
                            PoolBuildOption(input_.dtype()), g, false);

@@ -112,11 +112,11 @@ void Im2colKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long blocks = g.dim[1].out * g.dim[2].out;
   if (rows * blocks == 0) return;
   input_ = MakeContiguous(*this, session, input_);
-  auto unit = MakePoolUnit(*this, session, "im2col.cl", "im2col", PoolBuildOption(input_.dtype()),
-                           g, false);
+  auto unit =
+      MakeRowBlockUnit(*this, session, "im2col.cl", "im2col", PoolBuildOption(input_.dtype()),
+                       g.planes, g.dim[1].out, g.dim[2].out);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
-  BindGeometry(*unit, g);
-  unit->SetGlobal({static_cast<size_t>(blocks), static_cast<size_t>(rows)}).SetLocal({64, 1});
+  BindRowGeometry(*unit, g, true);
 }
 
 NERVA_STATIC_REGISTER {

@@ -1,25 +1,42 @@
 /*
- * im2col (torch unfold): column (c * kh + i) * kw + j, position l = oh * OW + ow holds input (c, oh * s - p + i * dl, ow * s - p + j * dl), zero outside. x runs over l, y over the (plane, i, j) rows.
- * One work item per column element; helpers and definitions in "pool.h".
+ * im2col (torch unfold): column row (c * kh + i) * kw + j, position
+ * l = oh * OW + ow holds input (c, oh * s - p + i * dl, ow * s - p + j * dl),
+ * zero outside. One work item per block of POOL_V positions of one output
+ * height of one plane (see "pool.h"), writing that block of every column row
+ * of the plane; blocks inside the input take vector loads, border blocks one
+ * element per position.
  */
 // #include "common.h"
 // #include "pool.h"
 
-__kernel void im2col(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz, int4 k, int4 s,
-                     int4 p, int4 dl) {
-  const int l = get_global_id(0);
-  const long row = get_global_id(1);
-  const int blocks = osz.s1 * osz.s2;
-  const int kj = row % k.s2;
-  const int ki = (row / k.s2) % k.s1;
-  const long plane = row / (k.s1 * k.s2);
-  if (l >= blocks || plane >= isz.s3) return;
-  const int oh = l / osz.s2, ow = l - oh * osz.s2;
-  const int ih = oh * s.s1 - p.s1 + ki * dl.s1;
-  const int iw = ow * s.s2 - p.s2 + kj * dl.s2;
-  float v = 0.0f;
-  if (ih >= 0 && ih < isz.s1 && iw >= 0 && iw < isz.s2) {
-    v = POOL_LOAD(POOL_SRC(src), (plane * isz.s1 + ih) * isz.s2 + iw);
+/* One block of column positions from input row `in` (NULL: outside). */
+inline void im2col_block(__global const DTYPE *in, int w0, int iw, int ow, int sw,
+                         __global DTYPE *out) {
+  if (ow >= POOL_V && in && w0 >= 0 && w0 + (POOL_V - 1) * sw < iw) {
+    VSTORE(DTYPE, 8, pool_load_lanes(in + w0, sw, w0, iw), out);
+  } else if (ow >= POOL_V && !in) {
+    VSTORE(DTYPE, 8, (pool_vec)(0.0f), out);
+  } else {
+    for (int x = 0; x < min(POOL_V, ow); ++x) {
+      const int w = w0 + x * sw;
+      POOL_STORE(in && w >= 0 && w < iw ? POOL_LOAD(in, w) : 0.0f, out, x);
+    }
   }
-  POOL_STORE(v, POOL_DST(dst), row * blocks + l);
+}
+
+__kernel void im2col(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh, int ow,
+                     int planes, int kh, int kw, int sh, int sw, int ph, int pw, int dh, int dw) {
+  const int b = get_global_id(0), y = get_global_id(1), plane = get_global_id(2);
+  if (y >= oh || b * POOL_V >= ow) return;
+  const int x0 = pool_block_start(b, ow);
+  const long column = (long)oh * ow;
+  __global DTYPE *out = POOL_DST(dst) + (long)plane * kh * kw * column + y * ow + x0;
+  __global const DTYPE *image = POOL_SRC(src) + (long)plane * ih * iw;
+  for (int i = 0; i < kh; ++i) {
+    const int h = y * sh - ph + i * dh;
+    __global const DTYPE *in = h >= 0 && h < ih ? image + h * iw : 0;
+    for (int j = 0; j < kw; ++j, out += column) {
+      im2col_block(in, x0 * sw - pw + j * dw, iw, ow, sw, out);
+    }
+  }
 }

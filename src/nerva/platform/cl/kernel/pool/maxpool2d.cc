@@ -46,14 +46,21 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   input_ = MakeContiguous(*this, session, input_);
   const bool with_indices = indices_.defined();
   const std::string program = spatial_ == 2 ? "maxpool2d" : "maxpool3d";
-  auto unit = MakePoolUnit(
-      *this, session, program + ".cl", program,
-      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64), g, false);
+  const BuildOption options =
+      PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64);
+  auto unit = spatial_ == 2
+                  ? MakeRowBlockUnit(*this, session, program + ".cl", program, options, g.planes,
+                                     g.dim[1].out, g.dim[2].out)
+                  : MakePoolUnit(*this, session, program + ".cl", program, options, g, false);
   unit->SetArg(FlatView(input_))
       .SetArg(FlatView(output_))
       .SetArg(FlatView(with_indices ? indices_ : output_))
       .SetArg(static_cast<int>(with_indices));
-  BindGeometry(*unit, g);
+  if (spatial_ == 2) {
+    BindRowGeometry(*unit, g, true);
+  } else {
+    BindGeometry(*unit, g);
+  }
 }
 
 MaxPool2DKernel::MaxPool2DKernel(const MaxPool2DOption& option, const TensorOption& input_opt,

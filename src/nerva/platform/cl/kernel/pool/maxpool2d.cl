@@ -1,19 +1,77 @@
 /*
- * Max pooling, 2-D: the window maximum and, when write_index is set, its flat index in the plane.
- * One work item per output element; helpers and definitions in "pool.h".
+ * Max pooling, 2-D: the window maximum and, when write_index is set, its flat
+ * index in the plane. One work item per block of POOL_V outputs of a row (see
+ * "pool.h"); blocks whose windows lie inside the input take vector loads,
+ * the others (padding, narrow rows) one scalar window per output.
  */
 // #include "common.h"
 // #include "pool.h"
 
+/* The block at x0 of output row y, every window inside the input's width:
+ * the maxima and, with `at`, their indices. */
+inline pool_vec maxpool2d_block(__global const DTYPE *in, int ih, int iw, int y, int x0, int kh,
+                                int kw, int sh, int sw, int ph, int pw, int dh, int dw, int8 *at) {
+  const int hs = y * sh - ph, ws = x0 * sw - pw;
+  int h0 = hs;
+  while (h0 < 0) h0 += dh;
+  pool_vec m = (pool_vec)(-INFINITY);
+  if (at) {
+    const int8 lanes = POOL_LANES * sw;
+    int8 index = (int8)(h0 * iw + ws) + lanes;
+    for (int i = 0; i < kh; ++i) {
+      const int h = hs + i * dh;
+      if (h < 0 || h >= ih) continue;
+      for (int j = 0; j < kw; ++j) {
+        const int x = ws + j * dw;
+        const pool_vec v = pool_load_lanes(in + h * iw + x, sw, x, iw);
+        const int8 take = isgreater(v, m) | isnan(v);
+        m = select(m, v, take);
+        index = select(index, (int8)(h * iw + x) + lanes, take);
+      }
+    }
+    *at = index;
+    return m;
+  }
+  /* Values only: NaN is tracked apart, the maximum is a plain compare. */
+  int8 nan = (int8)(0);
+  for (int i = 0; i < kh; ++i) {
+    const int h = hs + i * dh;
+    if (h < 0 || h >= ih) continue;
+    for (int j = 0; j < kw; ++j) {
+      const int x = ws + j * dw;
+      const pool_vec v = pool_load_lanes(in + h * iw + x, sw, x, iw);
+      m = v > m ? v : m;
+      nan |= isnan(v);
+    }
+  }
+  return select(m, (pool_vec)(NAN), nan);
+}
+
 __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
-                        int write_index, int4 isz, int4 osz, int4 k, int4 s, int4 p, int4 dl) {
-  int4 o;
-  const long plane = pool_item(osz, &o);
-  if (plane < 0) return;
-  const long g = pool_index(plane, o, osz);
-  int index;
-  const float v = pool_max_window(POOL_SRC(src) + plane * pool_volume(isz), isz, o, k, s, p, dl,
-                                  &index);
-  POOL_STORE(v, POOL_DST(dst), g);
-  if (write_index) ((__global IDX_DTYPE *)TENSOR_BASE(idx))[g] = index;
+                        int write_index, int ih, int iw, int oh, int ow, int planes, int kh, int kw,
+                        int sh, int sw, int ph, int pw, int dh, int dw) {
+  const int b = get_global_id(0), y = get_global_id(1), plane = get_global_id(2);
+  if (y >= oh || b * POOL_V >= ow) return;
+  const long row = (long)plane * oh + y;
+  __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
+  const long out = row * ow;
+  __global IDX_DTYPE *indices = (__global IDX_DTYPE *)TENSOR_BASE(idx);
+  const int x0 = pool_block_start(b, ow);
+  const int ws = x0 * sw - pw;
+  if (ow >= POOL_V && ws >= 0 && ws + (POOL_V - 1) * sw + (kw - 1) * dw < iw) {
+    int8 at;
+    const pool_vec v =
+        maxpool2d_block(in, ih, iw, y, x0, kh, kw, sh, sw, ph, pw, dh, dw, write_index ? &at : 0);
+    VSTORE(DTYPE, 8, v, POOL_DST(dst) + out + x0);
+    if (write_index) VSTORE(IDX_DTYPE, 8, CONVERT_WRAP(IDX_DTYPE, 8, at), indices + out + x0);
+    return;
+  }
+  const int4 isz = (int4)(1, ih, iw, 0), k = (int4)(1, kh, kw, 0), s = (int4)(1, sh, sw, 0);
+  const int4 p = (int4)(0, ph, pw, 0), dl = (int4)(1, dh, dw, 0);
+  for (int x = x0; x < min(x0 + POOL_V, ow); ++x) {
+    int index;
+    const float v = pool_max_window(in, isz, (int4)(0, y, x, 0), k, s, p, dl, &index);
+    POOL_STORE(v, POOL_DST(dst), out + x);
+    if (write_index) indices[out + x] = index;
+  }
 }

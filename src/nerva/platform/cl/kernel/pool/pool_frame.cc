@@ -252,5 +252,33 @@ std::shared_ptr<KernelUnit> MakePoolUnit(KernelImpl& kernel,
   return unit;
 }
 
+std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
+                                             const std::shared_ptr<SessionImpl>& session,
+                                             const std::string& program,
+                                             const std::string& kernel_name,
+                                             const BuildOption& options, long planes, long height,
+                                             long width) {
+  auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
+                                   options, kernel_name);
+  const size_t blocks = static_cast<size_t>((width + kBlockWidth - 1) / kBlockWidth);
+  const size_t group_blocks = std::min<size_t>(blocks, 64);
+  const size_t group_rows =
+      std::max<size_t>(1, std::min<size_t>(static_cast<size_t>(height), 64 / group_blocks));
+  unit->SetGlobal({blocks, static_cast<size_t>(height), static_cast<size_t>(planes)})
+      .SetLocal({group_blocks, group_rows, 1});
+  return unit;
+}
+
+void BindRowGeometry(KernelUnit& unit, const PoolGeometry& g, bool window) {
+  auto arg = [&](long v) { unit.SetArg(static_cast<int>(v)); };
+  arg(g.dim[1].in), arg(g.dim[2].in), arg(g.dim[1].out), arg(g.dim[2].out);
+  arg(g.planes * g.dim[0].out);
+  if (!window) return;
+  for (int i = 1; i < 3; ++i) arg(g.dim[i].kernel);
+  for (int i = 1; i < 3; ++i) arg(g.dim[i].stride);
+  for (int i = 1; i < 3; ++i) arg(g.dim[i].pad);
+  for (int i = 1; i < 3; ++i) arg(g.dim[i].dilation);
+}
+
 }  // namespace cl
 }  // namespace nerva

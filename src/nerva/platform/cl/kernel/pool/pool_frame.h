@@ -130,5 +130,22 @@ std::shared_ptr<KernelUnit> MakePoolUnit(KernelImpl& kernel,
                                          const BuildOption& options, const PoolGeometry& geometry,
                                          bool over_input);
 
+// One unit of `program`'s row-block kernel `kernel_name`: one work item per
+// kBlockWidth consecutive outputs of the rows (`height` of them, `width`
+// wide) of `planes` planes, over (blocks, height, planes), in work-groups of
+// several rows of one plane.
+constexpr long kBlockWidth = 8;
+std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
+                                             const std::shared_ptr<SessionImpl>& session,
+                                             const std::string& program,
+                                             const std::string& kernel_name,
+                                             const BuildOption& options, long planes, long height,
+                                             long width);
+
+// Binds one 2-D (height, width) geometry as scalar ints: input height and
+// width, output height and width, the plane count,
+// then, with `window`, kernel, stride, padding and dilation (height, width).
+void BindRowGeometry(KernelUnit& unit, const PoolGeometry& geometry, bool window);
+
 }  // namespace cl
 }  // namespace nerva

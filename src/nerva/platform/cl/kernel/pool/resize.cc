@@ -138,6 +138,19 @@ void ResizeKernel::Compile(std::shared_ptr<SessionImpl> session) {
     const int i = j - (3 - spatial);  // index into the spatial dimensions; < 0 for unused ones
     scale.value.s[j] = i < 0 ? 1.0f : Scale(g.dim[j], i, spatial);
   }
+  const int mode = static_cast<int>(option_.mode);
+  if (spatial <= 2 && mode <= static_cast<int>(InterpolateMode::kBilinear)) {
+    auto unit =
+        MakeRowBlockUnit(*this, session, "resize.cl", "resize_rows",
+                         PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out, g.dim[2].out);
+    unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
+    BindRowGeometry(*unit, g, false);
+    unit->SetArg(scale.value.s[1])
+        .SetArg(scale.value.s[2])
+        .SetArg(mode)
+        .SetArg(static_cast<int>(option_.align_corners));
+    return;
+  }
   auto unit = MakePoolUnit(*this, session, "resize.cl", "resize", PoolBuildOption(input_.dtype()),
                            g, false);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));

@@ -104,3 +104,54 @@ __kernel void resize(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int4 isz, int4 osz,
   }
   POOL_STORE(v, POOL_DST(dst), g);
 }
+
+/* Nearest and (bi)linear resampling of 2-D planes (depth 1) in row blocks (see
+ * "pool.h"): the row taps are shared by the block, the column taps are
+ * vectors. `mode` as for `resize` (0, 1, 2 or 3); sh and sw the height and
+ * width scales. Every block gathers its sources, so no border case. */
+__kernel void resize_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh, int ow,
+                          int planes, float sh, float sw, int mode, int align_corners) {
+  const int b = get_global_id(0), y = get_global_id(1), plane = get_global_id(2);
+  if (y >= oh || b * POOL_V >= ow) return;
+  const long row = (long)plane * oh + y;
+  __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
+  __global DTYPE *out = POOL_DST(dst) + row * ow;
+  const int x0 = pool_block_start(b, ow);
+  const float8 x = convert_float8((int8)(x0) + POOL_LANES);
+  pool_vec v;
+  if (mode <= 1) {
+    const float shift = mode == 1 ? 0.5f : 0.0f;
+    const int h = min((int)floor(((float)y + shift) * sh), ih - 1);
+    const int8 w = min(convert_int8(floor((x + shift) * sw)), iw - 1);
+    v = pool_gather(in + h * iw, w);
+  } else {
+    int2 h;
+    float2 lh;
+    resize_taps(sh, y, ih, align_corners, &h, &lh);
+    __global const DTYPE *r0 = in + h.s0 * iw, *r1 = in + h.s1 * iw;
+    const int k0 = x0 / 2;
+    if (sw == 0.5f && !align_corners && ow == 2 * iw && k0 >= 1 && k0 + POOL_V <= iw + 1) {
+      /* Doubling, inside the row: outputs 2k and 2k + 1 blend sources k - 1,
+       * k and k, k + 1 with weights 1/4 and 3/4, as the general taps give. */
+      const float8 l0 = (float8)(0.25f, 0.75f, 0.25f, 0.75f, 0.25f, 0.75f, 0.25f, 0.75f);
+      const float8 l1 = 1.0f - l0;
+      const pool_vec a = VLOAD(DTYPE, 8, r0 + k0 - 1), c = VLOAD(DTYPE, 8, r1 + k0 - 1);
+      v = lh.s0 * (l0 * a.s01122334 + l1 * a.s12233445) +
+          lh.s1 * (l0 * c.s01122334 + l1 * c.s12233445);
+    } else {
+      const float8 src = align_corners ? sw * x : max(sw * (x + 0.5f) - 0.5f, 0.0f);
+      const int8 w0 = min(convert_int8(src), iw - 1);
+      const int8 w1 = w0 + select((int8)(0), (int8)(1), w0 < iw - 1);
+      const float8 l1 = clamp(src - convert_float8(w0), 0.0f, 1.0f), l0 = 1.0f - l1;
+      v = lh.s0 * (l0 * pool_gather(r0, w0) + l1 * pool_gather(r0, w1)) +
+          lh.s1 * (l0 * pool_gather(r1, w0) + l1 * pool_gather(r1, w1));
+    }
+  }
+  if (ow >= POOL_V) {
+    VSTORE(DTYPE, 8, v, out + x0);
+    return;
+  }
+  float lanes[POOL_V];
+  vstore8(v, 0, lanes);
+  for (int i = 0; i < ow; ++i) POOL_STORE(lanes[i], out, i);
+}
