@@ -37,7 +37,8 @@ Queue& EmuQueue() {
 template <typename T>
 Tensor Put(const std::vector<T>& values, DataType dtype) {
   Tensor t = EmuSession().MakeTensor({static_cast<long>(values.size())}, dtype);
-  EmuQueue().CopyHostToDevice(t.storage(), values.data(), static_cast<long>(values.size() * sizeof(T)));
+  EmuQueue().CopyHostToDevice(t.storage(), values.data(),
+                              static_cast<long>(values.size() * sizeof(T)));
   return t;
 }
 template <typename T>
@@ -53,14 +54,19 @@ class ProgramKernel : public KernelImpl {
   ProgramKernel(std::string program, std::string function, BuildOption options,
                 std::vector<Buffer> args, std::vector<int> ints, std::vector<size_t> global,
                 size_t block)
-      : KernelImpl("TcProgram"), program_(std::move(program)), function_(std::move(function)),
-        options_(std::move(options)), args_(std::move(args)), ints_(std::move(ints)),
-        global_(std::move(global)), block_(block) {}
+      : KernelImpl("TcProgram"),
+        program_(std::move(program)),
+        function_(std::move(function)),
+        options_(std::move(options)),
+        args_(std::move(args)),
+        ints_(std::move(ints)),
+        global_(std::move(global)),
+        block_(block) {}
   bool Verify() const override { return true; }
   void Compile(std::shared_ptr<SessionImpl> session) override {
-    auto unit = MakeSubKernel(session, "TcProgram::" + program_,
-                              {"tensorcore/tc_common.h", "tensorcore/" + program_}, options_,
-                              function_);
+    auto unit =
+        MakeSubKernel(session, "TcProgram::" + program_,
+                      {"tensorcore/tc_common.h", "tensorcore/" + program_}, options_, function_);
     for (const Buffer& b : args_) unit->SetArg(b);
     for (int v : ints_) unit->SetArg(v);
     unit->SetGlobal(global_).SetLocal({block_, 1, 1});
@@ -90,22 +96,26 @@ struct MissingCase {
 // One build per program without any definition reports every missing macro at once.
 TEST(TensorCoreProgramTest, EachMissingMacroStopsTheBuild) {
   const MissingCase cases[] = {
-      {"matmul.cl", "matmul_tensorcore",
+      {"matmul.cl",
+       "matmul_tensorcore",
        {"DIM_M", "DIM_N", "DIM_K", "MAT1_DTYPE", "MAT2_DTYPE", "OUT_DTYPE", "MAT1_DTYPE_SIZE",
         "MAT2_DTYPE_SIZE", "OUT_DTYPE_SIZE"}},
-      {"matmul_ab.cl", "matmul_ab_tensorcore",
+      {"matmul_ab.cl",
+       "matmul_ab_tensorcore",
        {"DIM_M", "DIM_N", "DIM_K", "MAT1_DTYPE", "MAT2_DTYPE", "OUT_DTYPE", "MAT1_DTYPE_SIZE",
         "MAT2_DTYPE_SIZE", "OUT_DTYPE_SIZE", "TILE_M", "TILE_N", "TILE_K"}},
-      {"encoded_matmul.cl", "EncodedMatMul",
+      {"encoded_matmul.cl",
+       "EncodedMatMul",
        {"IN_DTYPE", "OUT_DTYPE", "COEF_DTYPE", "M_SIZE", "N_SIZE", "K_SIZE", "IN_DTYPE_SIZE",
         "COEF_DTYPE_SIZE", "OUT_DTYPE_SIZE"}},
-      {"conv2d.cl", "EncodedConv2D",
-       {"IN_CHANNEL", "IN_HEIGHT", "IN_WIDTH", "OUT_CHANNEL", "OUT_HEIGHT", "OUT_WIDTH",
-        "K_HEIGHT", "K_WIDTH", "IN_DTYPE", "COEF_DTYPE", "OUT_DTYPE", "IN_DTYPE_SIZE",
-        "COEF_DTYPE_SIZE", "OUT_DTYPE_SIZE", "STRIDE", "PAD_TOP", "PAD_BOTTOM", "PAD_LEFT",
-        "PAD_RIGHT"}},
+      {"conv2d.cl",
+       "EncodedConv2D",
+       {"IN_CHANNEL", "IN_HEIGHT", "IN_WIDTH", "OUT_CHANNEL", "OUT_HEIGHT", "OUT_WIDTH", "K_HEIGHT",
+        "K_WIDTH", "IN_DTYPE", "COEF_DTYPE", "OUT_DTYPE", "IN_DTYPE_SIZE", "COEF_DTYPE_SIZE",
+        "OUT_DTYPE_SIZE", "STRIDE", "PAD_TOP", "PAD_BOTTOM", "PAD_LEFT", "PAD_RIGHT"}},
       // The second input's macros, with everything else defined.
-      {"conv2d.cl", "EncodedConv2D",
+      {"conv2d.cl",
+       "EncodedConv2D",
        {"IN2_CHANNEL", "IN2_HEIGHT", "IN2_WIDTH", "IN2_DTYPE", "IN2_DTYPE_SIZE"}},
   };
   const std::string conv_base =
@@ -117,8 +127,9 @@ TEST(TensorCoreProgramTest, EachMissingMacroStopsTheBuild) {
     BuildOption options;
     options.AddOptionIf(c.required[0] == "IN2_CHANNEL", conv_base);
     try {
-      RunProgram(std::make_shared<ProgramKernel>(c.program, c.function, options, std::vector<Buffer>{},
-                                          std::vector<int>{}, std::vector<size_t>{1}, 1));
+      RunProgram(std::make_shared<ProgramKernel>(c.program, c.function, options,
+                                                 std::vector<Buffer>{}, std::vector<int>{},
+                                                 std::vector<size_t>{1}, 1));
       ADD_FAILURE() << c.program << " built without its macros";
     } catch (const std::runtime_error& e) {
       for (const std::string& name : c.required) {
@@ -161,8 +172,8 @@ TEST(TensorCoreProgramTest, MatMulLocalTransposeGivesTheHostProduct) {
     BuildOption options(std::vector<std::string>{
         "-DDIM_M=12", "-DDIM_N=5", "-DDIM_K=20", "-DMAT1_DTYPE=char", "-DMAT2_DTYPE=char",
         "-DOUT_DTYPE=int", "-DMAT1_DTYPE_SIZE=1", "-DMAT2_DTYPE_SIZE=1", "-DOUT_DTYPE_SIZE=4",
-        "-DMAT1_STRIDE_Z=240", "-DMAT2_STRIDE_Z=100", "-DOUT_STRIDE_Z=60", "-DTILE_M=4", "-DENABLE_TILE_M",
-        "-DBLOCK_SIZE=8"});
+        "-DMAT1_STRIDE_Z=240", "-DMAT2_STRIDE_Z=100", "-DOUT_STRIDE_Z=60", "-DTILE_M=4",
+        "-DENABLE_TILE_M", "-DBLOCK_SIZE=8"});
     options.AddOptionIf(ab2atb, "-DENABLE_AB2ATB_OPT");
     RunProgram(std::make_shared<ProgramKernel>(
         "matmul.cl", "matmul_tensorcore", options,
