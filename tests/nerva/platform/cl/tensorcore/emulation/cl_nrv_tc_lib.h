@@ -389,7 +389,10 @@ void tc_conv2d(tc_fragment_handle_t in, tc_fragment_handle_t coef, int stride, i
       }
       best = w == 0 ? v : max(best, v);
     }
-    for (int s = first; s < n; ++s) best = tc_emu_stage_i(&fusion, s, best, sc[s], sy[s], sx[s], t);
+    /* Without a pool every stage ran above, once per (single) window. */
+    for (int s = pool < 0 ? n : first; s < n; ++s) {
+      best = tc_emu_stage_i(&fusion, s, best, sc[s], sy[s], sx[s], t);
+    }
     tc_emu_store_i(out, tc_emu_offset(out, tc_emu_bidx(out.shape.x, image), sc[n], sy[n], sx[n]),
                    best);
   }
