@@ -13,6 +13,7 @@
 
 #include "nerva/kernel/tensorcore.h"
 #include "nerva/platform/cl/cl_test_util.h"
+#include "nerva/platform/cl/tensorcore/tc_test_util.h"
 #include "nerva/test_util.h"
 
 namespace nerva {
@@ -20,17 +21,10 @@ namespace cl {
 namespace {
 
 Session& ConvSession() {
-  static Session session = [] {
-    Session s("opencl", 0);
-    std::dynamic_pointer_cast<SessionImpl>(s.impl())->EmulateTensorCoreForTesting(
-        NERVA_TC_EMULATION_DIR);
-    return s;
-  }();
-  return session;
+  return testing::TcSession();
 }
 Queue& ConvQueue() {
-  static Queue queue = ConvSession().MakeQueue();
-  return queue;
+  return testing::TcQueue();
 }
 
 // A (C, H, W) integer image.

@@ -14,6 +14,7 @@
 #include "nerva/platform/cl/cl_test_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/program.h"
+#include "nerva/platform/cl/tensorcore/tc_test_util.h"
 #include "nerva/test_util.h"
 
 namespace nerva {
@@ -21,17 +22,10 @@ namespace cl {
 namespace {
 
 Session& EmuSession() {
-  static Session session = [] {
-    Session s("opencl", 0);
-    std::dynamic_pointer_cast<SessionImpl>(s.impl())->EmulateTensorCoreForTesting(
-        NERVA_TC_EMULATION_DIR);
-    return s;
-  }();
-  return session;
+  return testing::TcSession();
 }
 Queue& EmuQueue() {
-  static Queue queue = EmuSession().MakeQueue();
-  return queue;
+  return testing::TcQueue();
 }
 
 template <typename T>

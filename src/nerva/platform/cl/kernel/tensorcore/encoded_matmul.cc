@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/tensorcore/encoded_matmul.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "nerva/platform/cl/kernel/tensorcore/tc_frame.h"
@@ -84,10 +85,18 @@ void EncodedMatMulKernel::Compile(std::shared_ptr<SessionImpl> session) {
   RequireTensorCore(*session, name());
   long m, n, k;
   Sizes(&m, &n, &k);
-  const bool tiled = option_.tile_m > 0 && option_.tile_m < m;
-  const long tile_m = tiled ? option_.tile_m : m;
   const long in_size = static_cast<long>(input_opt_.item_size());
-  if (tiled && static_cast<uint64_t>(tile_m * k * in_size) > session->available_local_mem()) {
+  long tile_m = option_.tile_m > 0 && option_.tile_m < m ? option_.tile_m : m;
+  // A transposed input is always staged (and transposed) in local memory: when the encoder
+  // kept the whole product as one tile, the rows that fit the local memory make the tile.
+  if (transposed_input()) {
+    const long fit =
+        (static_cast<long>(session->available_local_mem()) - kTcLocalAlign) / (k * in_size);
+    tile_m = std::max(1L, std::min(tile_m, fit));
+  }
+  const bool tiled = tile_m < m || transposed_input();
+  if (tiled && static_cast<uint64_t>(tile_m * k * in_size + kTcLocalAlign) >
+                   session->available_local_mem()) {
     throw std::runtime_error(StrCat(name(), ": an input tile of ", tile_m, " x ", k,
                                     " exceeds the device's local memory"));
   }
@@ -129,9 +138,6 @@ void EncodedMatMulKernel::Compile(std::shared_ptr<SessionImpl> session) {
                                             "tensorcore/encoded_matmul.cl"};
   const std::string program = ConcatenateStrings(name(), "encoded_matmul");
   if (!tiled) {
-    if (transposed_input()) {
-      throw std::runtime_error(StrCat(name(), ": a transposed input needs a tile_m below M"));
-    }
     MakeSubKernel(session, program, sources, options, "EncodedMatMul_common")
         ->SetArgs(input_, coef_, out_)
         .SetGlobal({kBlock})

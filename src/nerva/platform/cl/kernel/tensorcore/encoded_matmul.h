@@ -12,7 +12,8 @@
 // - offset: int32 byte offsets of the coefficient blocks; word 0 is used.
 // - output: (N, M), M contiguous; int8, uint8, int16, uint16 or int32 (saturated).
 // tile_m of the option (written by the encoder) splits M into tiles staged in local memory
-// (0 or >= M: one launch over the whole product). relu1 and rescale / rescale_pcq are fused
+// (0 or >= M: one launch over the whole product; with a transposed input, the rows that fit
+// the local memory make the tile). relu1 and rescale / rescale_pcq are fused
 // as tc_frame.h describes. Creation fails on a device without cl_nrv_tensorcore.
 
 #include <memory>

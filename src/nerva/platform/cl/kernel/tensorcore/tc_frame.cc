@@ -17,12 +17,11 @@ void RequireTensorCore(const SessionImpl& session, const std::string& op) {
 }
 
 BuildOption TensorCoreBuildOption(const SessionImpl& session, int block_size) {
-  constexpr long kAlign = 64;
   BuildOption options;
   options.AddOption("-cl-nrv-inline-all-func ")
       .AddDefinitionAutoType("BLOCK_SIZE", block_size)
       .AddDefinitionAutoType("MAX_LS_SIZE", static_cast<long>(session.available_local_mem()))
-      .AddDefinitionAutoType("LS_ALIGN_SIZE", kAlign)
+      .AddDefinitionAutoType("LS_ALIGN_SIZE", kTcLocalAlign)
       .AddDefinitionAutoType("VEC_SIZE", 4);
   return options;
 }

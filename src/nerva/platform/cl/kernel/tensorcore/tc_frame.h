@@ -27,6 +27,7 @@ namespace cl {
 class SessionImpl;
 
 constexpr const char* kTensorCoreExtension = "cl_nrv_tensorcore";
+constexpr long kTcLocalAlign = 64;  // LS_ALIGN_SIZE: staging buffers in local memory
 
 // Throws std::runtime_error "<op>: the device lacks the cl_nrv_tensorcore extension"
 // when the session's device has no tensor unit.
