@@ -1,9 +1,11 @@
 // The tensor-core programs built and run through the test emulation of the built-ins
-// (emulation/cl_nrv_tc_ext.h, emulation/cl_nrv_tc_lib.h) on a session of its own.
+// (emulation/cl_nrv_tc_ext.h, emulation/cl_nrv_tc_lib.h) on the shared emulation session.
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -199,6 +201,93 @@ TEST(TensorCoreProgramTest, MatMulFrontEndTakesTheTensorCorePath) {
                                                     out_opt, out_buf);
     EmuQueue().Enqueue(kernel);
     EXPECT_EQ(Get<int32_t>(out.storage(), expect.size()), expect) << "K " << c.k;
+  }
+}
+
+// Half operands (output half or float) and the fused ReLU and rescale through the MatMul
+// front-end; the rescale multiplies by round(scale * 2^param) and shifts right by param.
+TEST(TensorCoreProgramTest, MatMulFrontEndHalfAndRescale) {
+  struct Case {
+    const char* name;
+    int m, k, n;
+    DataType operands, out;
+    bool relu;
+    std::optional<std::pair<int32_t, float>> rescale;
+  };
+  const Case cases[] = {
+      {"half, local transpose", 8, 12, 3, kHalf, kHalf, false, {}},
+      {"half to float, relu, rescale", 5, 7, 4, kHalf, kFloat, true, {{4, 0.75f}}},
+      {"int8 rescale to int8", 8, 16, 3, kInt8, kInt8, false, {{7, 0.3f}}},
+      {"int8 relu, rescale to int32", 6, 9, 5, kInt8, kInt32, true, {{3, 2.5f}}},
+  };
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> real(-2.0f, 2.0f);
+  for (const Case& c : cases) {
+    const bool half = c.operands == kHalf;
+    // Operands as doubles (exactly the stored values) and as stored bits.
+    auto make = [&](int count, std::vector<double>& values, std::vector<uint16_t>& halves,
+                    std::vector<int8_t>& bytes, uint32_t seed) {
+      bytes = RandomBytes(count, seed);
+      for (int i = 0; i < count; ++i) {
+        if (half) {
+          halves.push_back(testing::FloatToHalf(real(rng)));
+          values.push_back(testing::HalfToFloat(halves.back()));
+        } else {
+          values.push_back(bytes[i]);
+        }
+      }
+    };
+    std::vector<double> a, b;
+    std::vector<uint16_t> ah, bh;
+    std::vector<int8_t> ab, bb;
+    make(c.m * c.k, a, ah, ab, 6);
+    make(c.k * c.n, b, bh, bb, 7);
+    Tensor ta = half ? Put(ah, kHalf) : Put(ab, kInt8);
+    Tensor tb = half ? Put(bh, kHalf) : Put(bb, kInt8);
+    Tensor out = EmuSession().MakeTensor({c.m, c.n}, c.out);
+    MatMulOption option;
+    option.fuse_relu = c.relu;
+    option.rescale = c.rescale;
+    const TensorOption a_opt{Shape({c.m, c.k}), c.operands}, b_opt{Shape({c.k, c.n}), c.operands};
+    const TensorOption out_opt{Shape({c.m, c.n}), c.out};
+    const Buffer a_buf = ta.storage(), b_buf = tb.storage();
+    const MatMulOption& fused = option;
+    Buffer out_buf = out.storage();
+    Kernel kernel = EmuQueue().impl()->CreateKernel("MatMul", fused, a_opt, a_buf, b_opt, b_buf,
+                                                    out_opt, out_buf);
+    EmuQueue().Enqueue(kernel);
+    std::vector<double> got;
+    if (c.out == kHalf) {
+      for (uint16_t h : Get<uint16_t>(out.storage(), c.m * c.n))
+        got.push_back(testing::HalfToFloat(h));
+    } else if (c.out == kFloat) {
+      for (float f : Get<float>(out.storage(), c.m * c.n)) got.push_back(f);
+    } else if (c.out == kInt8) {
+      for (int8_t v : Get<int8_t>(out.storage(), c.m * c.n)) got.push_back(v);
+    } else {
+      for (int32_t v : Get<int32_t>(out.storage(), c.m * c.n)) got.push_back(v);
+    }
+    for (int i = 0; i < c.m; ++i)
+      for (int j = 0; j < c.n; ++j) {
+        double v = 0;
+        for (int q = 0; q < c.k; ++q) v += a[i * c.k + q] * b[q * c.n + j];
+        if (c.relu) v = std::max(v, 0.0);
+        if (c.rescale) {
+          const double mul = std::nearbyint(std::ldexp(c.rescale->second, c.rescale->first));
+          if (half) {
+            v = v * mul / std::ldexp(1.0, c.rescale->first);
+          } else {
+            const int64_t t = static_cast<int64_t>(v) * static_cast<int64_t>(mul);
+            v = static_cast<double>((t + (int64_t{1} << (c.rescale->first - 1))) >>
+                                    c.rescale->first);
+          }
+        }
+        if (c.out == kInt8) v = std::clamp(v, -128.0, 127.0);
+        const double tol = c.out == kHalf ? 2e-3 * std::max(1.0, std::fabs(v))
+                           : half         ? 1e-4 * std::max(1.0, std::fabs(v))
+                                          : 0.0;
+        EXPECT_NEAR(got[i * c.n + j], v, tol) << c.name << " at " << i << ", " << j;
+      }
   }
 }
 
