@@ -8,7 +8,8 @@ target_link_libraries(nerva PUBLIC OpenCL::OpenCL)
 # tensor-core family keeps its folder ("tensorcore/matmul.cl"). Regenerated whenever one of them changes.
 set(NERVA_CL_KERNEL_DIR ${CMAKE_CURRENT_LIST_DIR}/kernel)
 file(GLOB_RECURSE NERVA_CL_DEVICE_SOURCES CONFIGURE_DEPENDS
-  ${NERVA_CL_KERNEL_DIR}/*.cl ${NERVA_CL_KERNEL_DIR}/*device/*.h)
+  ${NERVA_CL_KERNEL_DIR}/*.cl ${NERVA_CL_KERNEL_DIR}/*device/*.h
+  ${NERVA_CL_KERNEL_DIR}/tensorcore/device/*.h)
 list(SORT NERVA_CL_DEVICE_SOURCES)
 set(NERVA_CL_EMBEDDED ${CMAKE_CURRENT_BINARY_DIR}/nerva_cl_sources.cc)
 set(NERVA_CL_EMBED_LIST ${CMAKE_CURRENT_BINARY_DIR}/nerva_cl_sources.list)

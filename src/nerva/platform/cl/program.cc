@@ -84,7 +84,7 @@ ClSourceProgram::ClSourceProgram(std::shared_ptr<SessionImpl> session, const std
       session->context()(), static_cast<cl_uint>(texts.size()), texts.data(), nullptr, &status);
   CheckStatus(status, "Create CL kernel " + name + " program fail, reason: ");
   ::cl::Program holder(program);  // released on every exit
-  const std::string flags = options.str() + session->BuildExtensionOptions();
+  const std::string flags = session->BuildFlags(options.str());
   cl_device_id device = session->device()();
   status = clBuildProgram(program, 1, &device, flags.c_str(), nullptr, nullptr);
   if (status != CL_SUCCESS) {

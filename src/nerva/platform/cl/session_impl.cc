@@ -64,7 +64,22 @@ void SessionImpl::InitDeviceInfo() {
 }
 
 bool SessionImpl::dev_supports_extension(const char* name) const {
+  if (!tensorcore_emulation_dir_.empty() && std::string(name) == "cl_nrv_tensorcore") return true;
   return device_.getInfo<CL_DEVICE_EXTENSIONS>().find(name) != std::string::npos;
+}
+
+void SessionImpl::EmulateTensorCoreForTesting(const std::string& include_dir) {
+  tensorcore_emulation_dir_ = include_dir;
+}
+
+std::string SessionImpl::BuildFlags(const std::string& options) const {
+  std::string flags = options + BuildExtensionOptions();
+  if (tensorcore_emulation_dir_.empty()) return flags;
+  const std::string own = " -cl-nrv-inline-all-func ";
+  for (size_t at = flags.find(own); at != std::string::npos; at = flags.find(own)) {
+    flags.erase(at, own.size());
+  }
+  return flags + " -I" + tensorcore_emulation_dir_;
 }
 
 std::string SessionImpl::BuildExtensionOptions() const {

@@ -40,6 +40,14 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   bool dev_supports_extension(const char* name) const;
   // " -DNERVA_OPENCL_BFLOAT16_ENABLED" and/or " -DNERVA_OPENCL_FP8_ENABLED", as supported.
   std::string BuildExtensionOptions() const;
+  // The flags a program is built with: `options`, then BuildExtensionOptions().
+  std::string BuildFlags(const std::string& options) const;
+
+  // Test hook: builds this session's programs against stand-ins of the device
+  // compiler's tensor-core headers found in `include_dir` (added with -I), reports
+  // the cl_nrv_tensorcore extension, and drops the device compiler's own
+  // "-cl-nrv-inline-all-func" option, which other compilers reject.
+  void EmulateTensorCoreForTesting(const std::string& include_dir);
 
   // Program cache (see program.h for LoadOrBuildProgram).
   std::shared_ptr<Program> TryLoadCachedProgram(const std::string& key) const;
@@ -76,6 +84,7 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   bool fp8_supported_ = false;
   uint64_t random_seed_ = 0;
   uint64_t random_offset_ = 0;
+  std::string tensorcore_emulation_dir_;  // test hook; empty in normal use
 };
 
 std::shared_ptr<ISessionImpl> MakeSession(int device_id);
