@@ -12,8 +12,8 @@ namespace cl {
 // missing leading one) is repeated, every other must equal out's.
 class BroadcastToKernel : public UnaryMoveKernel {
  public:
-  BroadcastToKernel(const TensorOption& input_opt, const Buffer& input,
-                    const TensorOption& out_opt, Buffer& out);
+  BroadcastToKernel(const TensorOption& input_opt, const Buffer& input, const TensorOption& out_opt,
+                    Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

@@ -106,8 +106,8 @@ std::vector<long> SplitKernel::Pieces() const {
   if (sizes.size() == 1) {
     const long s = sizes[0];
     if (s < 0 || (s == 0 && n != 0)) {
-      throw std::runtime_error(StrCat(name(), ": cannot split dim ", dim, " of size ", n,
-                                      " into chunks of ", s));
+      throw std::runtime_error(
+          StrCat(name(), ": cannot split dim ", dim, " of size ", n, " into chunks of ", s));
     }
     for (long at = 0; at < n; at += s) pieces.push_back(std::min(s, n - at));
     if (pieces.empty()) pieces.push_back(0);
@@ -119,8 +119,8 @@ std::vector<long> SplitKernel::Pieces() const {
     total += s;
   }
   if (sizes.empty() || total != n) {
-    throw std::runtime_error(StrCat(name(), ": split sizes ", sizes, " do not add up to size ",
-                                    n, " of dim ", dim, " of input ", in));
+    throw std::runtime_error(StrCat(name(), ": split sizes ", sizes, " do not add up to size ", n,
+                                    " of dim ", dim, " of input ", in));
   }
   return sizes;
 }

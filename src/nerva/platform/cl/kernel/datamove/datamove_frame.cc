@@ -135,8 +135,8 @@ void DataMoveKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, 
     return;
   }
   const size_t item = out.option().item_size();
-  const bool xc = out_strides[0] == static_cast<long>(item) &&
-                  in_strides[0] == static_cast<long>(item);
+  const bool xc =
+      out_strides[0] == static_cast<long>(item) && in_strides[0] == static_cast<long>(item);
   auto unit = MakeSubKernel(session, ProgramName(), MoveSources(), MoveOptions(item, xc), entry_);
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), out.storage(),
                 Field(out_offset, name()), Lanes(out_strides, 0), in.storage(),
@@ -190,21 +190,50 @@ uint64_t ElementBits(double value, DataType type) {
   uint64_t bits = 0;
   const auto put = [&bits](auto v) { std::memcpy(&bits, &v, sizeof(v)); };
   switch (type) {
-    case kHalf: put(linvo::FloatToHalf(static_cast<float>(value))); break;
-    case kBFloat: put(linvo::FloatToBFloat(static_cast<float>(value))); break;
-    case kFloat: put(static_cast<float>(value)); break;
-    case kFloat8_e4m3fn: put(linvo::FloatToFloat8E4M3(static_cast<float>(value))); break;
-    case kFloat8_e5m2: put(linvo::FloatToFloat8E5M2(static_cast<float>(value))); break;
-    case kInt8: put(linvo::SaturateToInteger<int8_t>(value)); break;
-    case kInt16: put(linvo::SaturateToInteger<int16_t>(value)); break;
-    case kInt32: put(linvo::SaturateToInteger<int32_t>(value)); break;
-    case kInt64: put(linvo::SaturateToInteger<int64_t>(value)); break;
-    case kUInt8: put(linvo::SaturateToInteger<uint8_t>(value)); break;
-    case kUInt16: put(linvo::SaturateToInteger<uint16_t>(value)); break;
-    case kUInt32: put(linvo::SaturateToInteger<uint32_t>(value)); break;
-    case kUInt64: put(linvo::SaturateToInteger<uint64_t>(value)); break;
-    case kBool: put(static_cast<uint8_t>(value != 0.0)); break;
-    default: break;
+    case kHalf:
+      put(linvo::FloatToHalf(static_cast<float>(value)));
+      break;
+    case kBFloat:
+      put(linvo::FloatToBFloat(static_cast<float>(value)));
+      break;
+    case kFloat:
+      put(static_cast<float>(value));
+      break;
+    case kFloat8_e4m3fn:
+      put(linvo::FloatToFloat8E4M3(static_cast<float>(value)));
+      break;
+    case kFloat8_e5m2:
+      put(linvo::FloatToFloat8E5M2(static_cast<float>(value)));
+      break;
+    case kInt8:
+      put(linvo::SaturateToInteger<int8_t>(value));
+      break;
+    case kInt16:
+      put(linvo::SaturateToInteger<int16_t>(value));
+      break;
+    case kInt32:
+      put(linvo::SaturateToInteger<int32_t>(value));
+      break;
+    case kInt64:
+      put(linvo::SaturateToInteger<int64_t>(value));
+      break;
+    case kUInt8:
+      put(linvo::SaturateToInteger<uint8_t>(value));
+      break;
+    case kUInt16:
+      put(linvo::SaturateToInteger<uint16_t>(value));
+      break;
+    case kUInt32:
+      put(linvo::SaturateToInteger<uint32_t>(value));
+      break;
+    case kUInt64:
+      put(linvo::SaturateToInteger<uint64_t>(value));
+      break;
+    case kBool:
+      put(static_cast<uint8_t>(value != 0.0));
+      break;
+    default:
+      break;
   }
   return bits;
 }

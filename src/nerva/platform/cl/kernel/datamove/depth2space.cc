@@ -46,15 +46,16 @@ void DepthToSpaceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long C = out_.shape().sizes()[c], H = input_.shape().sizes()[c + 1],
              W = input_.shape().sizes()[c + 2];
   sizes.insert(sizes.end(), {C, H, r, W, r});
-  out_strides.insert(out_strides.end(), {os[c], os[c + 1] * r, os[c + 1], os[c + 2] * r, os[c + 2]});
+  out_strides.insert(out_strides.end(),
+                     {os[c], os[c + 1] * r, os[c + 1], os[c + 2] * r, os[c + 2]});
   in_strides.insert(in_strides.end(), {is[c] * r * r, is[c + 1], is[c] * r, is[c + 2], is[c]});
   AddMove(session, ViewOf(out_, sizes, out_strides), ViewOf(input_, sizes, in_strides));
 }
 
 NERVA_STATIC_REGISTER {
   ClModule::singleton()
-      .AddKernel<DepthToSpaceKernel, const DepthToSpaceOption&, const TensorOption&,
-                 const Buffer&, const TensorOption&, Buffer&>("DepthToSpace");
+      .AddKernel<DepthToSpaceKernel, const DepthToSpaceOption&, const TensorOption&, const Buffer&,
+                 const TensorOption&, Buffer&>("DepthToSpace");
 };
 
 }  // namespace cl

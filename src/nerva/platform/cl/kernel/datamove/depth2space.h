@@ -15,8 +15,8 @@ namespace cl {
 // order, the only one the option offers).
 class DepthToSpaceKernel : public UnaryMoveKernel {
  public:
-  DepthToSpaceKernel(const DepthToSpaceOption& option, const TensorOption& input_opt, const Buffer& input,
-     const TensorOption& out_opt, Buffer& out);
+  DepthToSpaceKernel(const DepthToSpaceOption& option, const TensorOption& input_opt,
+                     const Buffer& input, const TensorOption& out_opt, Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

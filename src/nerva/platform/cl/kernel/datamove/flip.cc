@@ -8,10 +8,9 @@
 namespace nerva {
 namespace cl {
 
-FlipKernel::FlipKernel(const FlipOption& option, const TensorOption& input_opt,
-                       const Buffer& input, const TensorOption& out_opt, Buffer& out)
-    : UnaryMoveKernel("Flip", "flip.cl", "Flip", input_opt, input, out_opt, out),
-      option_(option) {}
+FlipKernel::FlipKernel(const FlipOption& option, const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out)
+    : UnaryMoveKernel("Flip", "flip.cl", "Flip", input_opt, input, out_opt, out), option_(option) {}
 
 bool FlipKernel::Verify() const {
   CheckUnary(input_.shape().sizes());
@@ -19,8 +18,8 @@ bool FlipKernel::Verify() const {
   for (int d : option_.dims) {
     const int axis = Axis(d, input_.shape().ndim());
     if (seen[axis]) {
-      throw std::runtime_error(StrCat(name(), ": dim ", d, " appears twice in dims ",
-                                      option_.dims));
+      throw std::runtime_error(
+          StrCat(name(), ": dim ", d, " appears twice in dims ", option_.dims));
     }
     seen[axis] = true;
   }

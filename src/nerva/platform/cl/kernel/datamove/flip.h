@@ -14,7 +14,7 @@ namespace cl {
 class FlipKernel : public UnaryMoveKernel {
  public:
   FlipKernel(const FlipOption& option, const TensorOption& input_opt, const Buffer& input,
-     const TensorOption& out_opt, Buffer& out);
+             const TensorOption& out_opt, Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

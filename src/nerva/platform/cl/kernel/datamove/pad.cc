@@ -13,10 +13,14 @@ namespace {
 
 const char* ModeName(PadMode mode) {
   switch (mode) {
-    case PadMode::kConstant: return "constant";
-    case PadMode::kReflect: return "reflect";
-    case PadMode::kReplicate: return "replicate";
-    default: return "circular";
+    case PadMode::kConstant:
+      return "constant";
+    case PadMode::kReflect:
+      return "reflect";
+    case PadMode::kReplicate:
+      return "replicate";
+    default:
+      return "circular";
   }
 }
 
@@ -68,9 +72,9 @@ void PadKernel::Compile(std::shared_ptr<SessionImpl> session) {
   auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
                             MoveOptions(out_.option().item_size()), entry());
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(rank), Lanes(InnerSizes(input_), 1),
-                Lanes(before, 0), static_cast<int>(option_.mode), out_.storage(),
-                out_view.offset(), Lanes(InnerByteStrides(out_), 0), input_.storage(),
-                in_view.offset(), Lanes(InnerByteStrides(input_), 0),
+                Lanes(before, 0), static_cast<int>(option_.mode), out_.storage(), out_view.offset(),
+                Lanes(InnerByteStrides(out_), 0), input_.storage(), in_view.offset(),
+                Lanes(InnerByteStrides(input_), 0),
                 static_cast<cl_ulong>(ElementBits(option_.value, out_.dtype())));
   unit->SetGlobal(WalkGlobal(sizes));
 }

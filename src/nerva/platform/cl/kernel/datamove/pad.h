@@ -19,7 +19,7 @@ namespace cl {
 class PadKernel : public UnaryMoveKernel {
  public:
   PadKernel(const PadOption& option, const TensorOption& input_opt, const Buffer& input,
-     const TensorOption& out_opt, Buffer& out);
+            const TensorOption& out_opt, Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

@@ -30,8 +30,8 @@ PermuteKernel::PermuteKernel(const PermuteOption& option, const TensorOption& in
 std::vector<int> PermuteKernel::Order() const {
   const size_t rank = input_.shape().ndim();
   if (option_.dims.size() != rank) {
-    throw std::runtime_error(StrCat(name(), ": dims ", option_.dims, " do not permute the ",
-                                    rank, " dims of input ", input_.shape().sizes()));
+    throw std::runtime_error(StrCat(name(), ": dims ", option_.dims, " do not permute the ", rank,
+                                    " dims of input ", input_.shape().sizes()));
   }
   std::vector<int> order;
   std::vector<bool> seen(rank, false);
@@ -70,7 +70,8 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long item = static_cast<long>(out_.option().item_size());
   const size_t rank = layout.sizes.size();
   // A batched transpose: out steps one item along x, the input one item along y.
-  const bool transpose = (rank == 2 || rank == 3) && os[0] == item && is[1] == item && is[0] != item;
+  const bool transpose =
+      (rank == 2 || rank == 3) && os[0] == item && is[1] == item && is[0] != item;
   if (!transpose) {
     AddMove(session, out_, in);
     return;

@@ -19,8 +19,8 @@ bool RepeatKernel::Verify() const {
   const auto& in = input_.shape().sizes();
   const auto& reps = option_.repeats;
   if (reps.size() < in.size()) {
-    throw std::runtime_error(StrCat(name(), ": repeats ", reps, " have fewer entries than input ",
-                                    in, " has dims"));
+    throw std::runtime_error(
+        StrCat(name(), ": repeats ", reps, " have fewer entries than input ", in, " has dims"));
   }
   std::vector<long> sizes;
   for (size_t d = 0; d < reps.size(); ++d) {
@@ -44,9 +44,8 @@ RepeatInterleaveKernel::RepeatInterleaveKernel(const RepeatOption& option,
                                                const TensorOption& input_opt, const Buffer& input,
                                                const TensorOption& repeats_opt,
                                                const Buffer& repeats,
-                                               const TensorOption& cumsum_opt,
-                                               const Buffer& cumsum, const TensorOption& out_opt,
-                                               Buffer& out)
+                                               const TensorOption& cumsum_opt, const Buffer& cumsum,
+                                               const TensorOption& out_opt, Buffer& out)
     : DataMoveKernel("Repeat_Interleave", "repeat.cl", "RepeatInterleave"),
       option_(option),
       input_(MakeTensor(input_opt, input)),

@@ -17,17 +17,16 @@ long Wrap(long shift, long n) {
 
 }  // namespace
 
-RollKernel::RollKernel(const RollOption& option, const TensorOption& input_opt,
-                       const Buffer& input, const TensorOption& out_opt, Buffer& out)
-    : UnaryMoveKernel("Roll", "roll.cl", "Roll", input_opt, input, out_opt, out),
-      option_(option) {}
+RollKernel::RollKernel(const RollOption& option, const TensorOption& input_opt, const Buffer& input,
+                       const TensorOption& out_opt, Buffer& out)
+    : UnaryMoveKernel("Roll", "roll.cl", "Roll", input_opt, input, out_opt, out), option_(option) {}
 
 bool RollKernel::Verify() const {
   CheckUnary(input_.shape().sizes());
   const size_t expected = option_.dims.empty() ? 1 : option_.dims.size();
   if (option_.shifts.size() != expected) {
-    throw std::runtime_error(StrCat(name(), ": shifts ", option_.shifts, " and dims ",
-                                    option_.dims, " must align"));
+    throw std::runtime_error(
+        StrCat(name(), ": shifts ", option_.shifts, " and dims ", option_.dims, " must align"));
   }
   for (int d : option_.dims) Axis(d, input_.shape().ndim());
   return true;
@@ -40,8 +39,7 @@ void RollKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const std::vector<long> sizes = InnerSizes(out_);
   const auto views = [&] {
     return std::make_tuple(out_.storage(), out_view.offset(), Lanes(InnerByteStrides(out_), 0),
-                           input_.storage(), in_view.offset(),
-                           Lanes(InnerByteStrides(input_), 0));
+                           input_.storage(), in_view.offset(), Lanes(InnerByteStrides(input_), 0));
   };
   const auto program = ProgramName();
   if (option_.dims.empty()) {
@@ -60,8 +58,8 @@ void RollKernel::Compile(std::shared_ptr<SessionImpl> session) {
     shifts[axis] = Wrap(shifts[axis] + Wrap(option_.shifts[i], input_.shape().sizes()[axis]),
                         input_.shape().sizes()[axis]);
   }
-  auto unit = MakeSubKernel(session, program, MoveSources(),
-                            MoveOptions(out_.option().item_size()), "Roll");
+  auto unit = MakeSubKernel(session, program, MoveSources(), MoveOptions(out_.option().item_size()),
+                            "Roll");
   const auto [om, oo, os, im, io, is] = views();
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(rank),
                 Lanes(std::vector<long>(shifts.rbegin(), shifts.rend()), 0), om, oo, os, im, io,

@@ -16,7 +16,7 @@ namespace cl {
 class RollKernel : public UnaryMoveKernel {
  public:
   RollKernel(const RollOption& option, const TensorOption& input_opt, const Buffer& input,
-     const TensorOption& out_opt, Buffer& out);
+             const TensorOption& out_opt, Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

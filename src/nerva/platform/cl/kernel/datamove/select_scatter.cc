@@ -26,8 +26,8 @@ Tensor SelectView(const Tensor& t, int dim, long index) {
 // The position index along a dimension of size n, or std::out_of_range.
 static long SelectIndex(const std::string& op, long index, long n, int dim) {
   if (index < -n || index >= n) {
-    throw std::out_of_range(StrCat(op, ": index ", index, " out of range for dim ", dim,
-                                   " of size ", n));
+    throw std::out_of_range(
+        StrCat(op, ": index ", index, " out of range for dim ", dim, " of size ", n));
   }
   return index < 0 ? index + n : index;
 }

@@ -25,8 +25,8 @@ SliceRanges NormalizeSlice(const std::string& op, const std::vector<long>& sizes
     const long n = sizes[d];
     const long step = steps.empty() ? 1 : steps[d];
     if (step < 1) {
-      throw std::invalid_argument(StrCat(op, ": slice step ", step, " of dim ", d,
-                                         " must be positive"));
+      throw std::invalid_argument(
+          StrCat(op, ": slice step ", step, " of dim ", d, " must be positive"));
     }
     long start = starts[d] < 0 ? starts[d] + n : starts[d];
     long end = ends[d] < 0 ? ends[d] + n : ends[d];
@@ -69,15 +69,15 @@ bool SliceKernel::Verify() const {
   CheckTensor(input_, "input");
   CheckTensor(out_, "out");
   CheckType(out_, input_.dtype(), "out");
-  const SliceRanges ranges = NormalizeSlice(name(), input_.shape().sizes(), option_.starts,
-                                            option_.ends, option_.steps);
+  const SliceRanges ranges =
+      NormalizeSlice(name(), input_.shape().sizes(), option_.starts, option_.ends, option_.steps);
   CheckShape(out_, SlicedSizes(input_.shape().sizes(), ranges), "out");
   return true;
 }
 
 void SliceKernel::Compile(std::shared_ptr<SessionImpl> session) {
-  const SliceRanges ranges = NormalizeSlice(name(), input_.shape().sizes(), option_.starts,
-                                            option_.ends, option_.steps);
+  const SliceRanges ranges =
+      NormalizeSlice(name(), input_.shape().sizes(), option_.starts, option_.ends, option_.steps);
   AddMove(session, out_, SliceView(input_, ranges));
 }
 

@@ -17,8 +17,7 @@ bool SameOrSeparate(const Tensor& input, const Tensor& out) {
 
 SliceScatterKernel::SliceScatterKernel(const SliceOption& option, const TensorOption& input_opt,
                                        const Buffer& input, const TensorOption& src_opt,
-                                       const Buffer& src, const TensorOption& out_opt,
-                                       Buffer& out)
+                                       const Buffer& src, const TensorOption& out_opt, Buffer& out)
     : DataMoveKernel("SliceScatter", "slicescatter.cl", "SliceScatter"),
       option_(option),
       input_(MakeTensor(input_opt, input)),
@@ -32,8 +31,8 @@ bool SliceScatterKernel::Verify() const {
   CheckType(src_, input_.dtype(), "src");
   CheckType(out_, input_.dtype(), "out");
   CheckShape(out_, input_.shape().sizes(), "out");
-  const SliceRanges ranges = NormalizeSlice(name(), input_.shape().sizes(), option_.starts,
-                                            option_.ends, option_.steps);
+  const SliceRanges ranges =
+      NormalizeSlice(name(), input_.shape().sizes(), option_.starts, option_.ends, option_.steps);
   CheckShape(src_, SlicedSizes(input_.shape().sizes(), ranges), "src");
   if (SharesMemory(input_, out_) && !SameOrSeparate(input_, out_)) {
     throw std::runtime_error(StrCat(name(), ": out overlaps input without being the same view"));
@@ -46,8 +45,8 @@ bool SliceScatterKernel::Verify() const {
 
 void SliceScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (!SameOrSeparate(input_, out_)) AddMove(session, out_, input_);
-  const SliceRanges ranges = NormalizeSlice(name(), input_.shape().sizes(), option_.starts,
-                                            option_.ends, option_.steps);
+  const SliceRanges ranges =
+      NormalizeSlice(name(), input_.shape().sizes(), option_.starts, option_.ends, option_.steps);
   AddMove(session, SliceView(out_, ranges), src_);
 }
 
@@ -99,8 +98,7 @@ void SliceBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
 NERVA_STATIC_REGISTER {
   ClModule::singleton()
       .AddKernel<SliceScatterKernel, const SliceOption&, const TensorOption&, const Buffer&,
-                 const TensorOption&, const Buffer&, const TensorOption&, Buffer&>(
-          "SliceScatter");
+                 const TensorOption&, const Buffer&, const TensorOption&, Buffer&>("SliceScatter");
   ClModule::singleton()
       .AddKernel<SliceBackwardKernel, const SliceBackwardOption&, const TensorOption&,
                  const Buffer&, const TensorOption&, Buffer&>("SliceBackward");

@@ -15,9 +15,9 @@ namespace cl {
 // input itself (the same view); other overlaps are refused.
 class SliceScatterKernel : public DataMoveKernel {
  public:
-  SliceScatterKernel(const SliceOption& option, const TensorOption& input_opt,
-                     const Buffer& input, const TensorOption& src_opt, const Buffer& src,
-                     const TensorOption& out_opt, Buffer& out);
+  SliceScatterKernel(const SliceOption& option, const TensorOption& input_opt, const Buffer& input,
+                     const TensorOption& src_opt, const Buffer& src, const TensorOption& out_opt,
+                     Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

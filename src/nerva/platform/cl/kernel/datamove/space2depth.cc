@@ -53,8 +53,8 @@ void SpaceToDepthKernel::Compile(std::shared_ptr<SessionImpl> session) {
 
 NERVA_STATIC_REGISTER {
   ClModule::singleton()
-      .AddKernel<SpaceToDepthKernel, const SpaceToDepthOption&, const TensorOption&,
-                 const Buffer&, const TensorOption&, Buffer&>("SpaceToDepth");
+      .AddKernel<SpaceToDepthKernel, const SpaceToDepthOption&, const TensorOption&, const Buffer&,
+                 const TensorOption&, Buffer&>("SpaceToDepth");
 };
 
 }  // namespace cl

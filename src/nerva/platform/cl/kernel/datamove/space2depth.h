@@ -14,8 +14,8 @@ namespace cl {
 // of DepthToSpace.
 class SpaceToDepthKernel : public UnaryMoveKernel {
  public:
-  SpaceToDepthKernel(const SpaceToDepthOption& option, const TensorOption& input_opt, const Buffer& input,
-     const TensorOption& out_opt, Buffer& out);
+  SpaceToDepthKernel(const SpaceToDepthOption& option, const TensorOption& input_opt,
+                     const Buffer& input, const TensorOption& out_opt, Buffer& out);
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;

@@ -33,8 +33,7 @@ bool StridedCopyKernel::Verify() const {
   for (const Tensor* t : {&inputs()[0], &out()}) {
     const std::string problem = DescribeOutOfBuffer(t->option(), t->storage_offset(), t->storage());
     if (!problem.empty()) {
-      throw std::invalid_argument(
-          StrCat(name(), ": ", t == &out() ? "dst " : "src ", problem));
+      throw std::invalid_argument(StrCat(name(), ": ", t == &out() ? "dst " : "src ", problem));
     }
   }
   return true;
