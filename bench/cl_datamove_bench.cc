@@ -17,7 +17,7 @@ int main() {
   std::vector<float> host(n, 1.5f);
   queue.CopyHostToDevice(x, host.data(), n * 4);
   auto copy = std::make_shared<bench::CopyKernel>(x, y, n);
-  copy->Compile(std::dynamic_pointer_cast<cl::SessionImpl>(session.impl()));
+  copy->Compile(std::dynamic_pointer_cast<nerva::cl::SessionImpl>(session.impl()));
   const double base = 2.0 * n * 4 / bench::TimeKernel(queue, Kernel(copy), 9);
   const auto report = [&](const char* what, const Kernel& k, double bytes, double target) {
     const double bw = bytes / bench::TimeKernel(queue, k, 9);
