@@ -1,6 +1,0 @@
-/*
- * Permute: the input seen through the permuted strides moved into the output.
- */
-// #include "datamove.h"
-
-DM_MOVE_KERNELS(Permute)

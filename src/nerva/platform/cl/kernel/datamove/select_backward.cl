@@ -1,6 +1,0 @@
-/*
- * SelectBackward: a strided view of the source moved into the output (and a fill).
- */
-// #include "datamove.h"
-
-DM_MOVE_KERNELS(SelectBackward)
