@@ -56,6 +56,15 @@ std::vector<size_t> WalkGlobal(const std::vector<long>& sizes) {
   return global;
 }
 
+long MoveVector(size_t item) {
+  return item <= 2 ? 16 : 32 / static_cast<long>(item);  // LY_VEC of "layout.h"
+}
+
+std::vector<size_t> MoveGlobal(std::vector<long> sizes, long vec) {
+  if (!sizes.empty()) sizes[0] = (sizes[0] + vec - 1) / vec;
+  return WalkGlobal(sizes);
+}
+
 Tensor ViewOf(const Tensor& t, const std::vector<long>& sizes, const std::vector<long>& strides,
               long offset) {
   TensorOption option{Shape(sizes, strides), t.dtype()};
@@ -137,11 +146,12 @@ void LayoutKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, co
   const size_t item = out.option().item_size();
   const bool xc =
       out_strides[0] == static_cast<long>(item) && in_strides[0] == static_cast<long>(item);
-  auto unit = MakeSubKernel(session, ProgramName(), MoveSources(), MoveOptions(item, xc), entry_);
+  auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
+                            MoveOptions(item, xc, sizes.size() > 3), entry_);
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), out.storage(),
                 Field(out_offset, name()), Lanes(out_strides, 0), in.storage(),
                 Field(in_offset, name()), Lanes(in_strides, 0));
-  unit->SetGlobal(WalkGlobal(sizes));
+  unit->SetGlobal(MoveGlobal(sizes, xc ? MoveVector(item) : 1));
 }
 
 void LayoutKernel::AddFill(const std::shared_ptr<SessionImpl>& session, const Tensor& out,
@@ -150,17 +160,20 @@ void LayoutKernel::AddFill(const std::shared_ptr<SessionImpl>& session, const Te
   const ElementwiseLayout layout = CoalesceLayout(out, {});
   const ClTensor view(out);
   const auto& sizes = layout.sizes;
+  const size_t item = out.option().item_size();
+  const bool xc = layout.strides[0][0] == static_cast<long>(item);
   auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
-                            MoveOptions(out.option().item_size()), entry_ + "Fill");
+                            MoveOptions(item, xc, sizes.size() > 3), entry_ + "Fill");
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), out.storage(), view.offset(),
                 Lanes(layout.strides[0], 0), static_cast<cl_ulong>(bits));
-  unit->SetGlobal(WalkGlobal(sizes));
+  unit->SetGlobal(MoveGlobal(sizes, xc ? MoveVector(item) : 1));
 }
 
-BuildOption LayoutKernel::MoveOptions(size_t item, bool xc) const {
+BuildOption LayoutKernel::MoveOptions(size_t item, bool xc, bool deep) const {
   BuildOption options;
   options.AddDefinitionAutoType("LY_SIZE", static_cast<int>(item))
-      .AddDefinitionAutoType("LY_XC", xc);
+      .AddDefinitionAutoType("LY_XC", xc)
+      .AddDefinitionAutoType("LY_DEEP", deep);
   return options;
 }
 

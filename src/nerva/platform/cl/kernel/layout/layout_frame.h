@@ -37,6 +37,10 @@ std::vector<long> InnerByteStrides(const Tensor& t);
 // The global range of a walk over `sizes` (innermost first): x, y, and the
 // rest folded into z.
 std::vector<size_t> WalkGlobal(const std::vector<long>& sizes);
+// Elements of `item` bytes one work item of a move with a contiguous x run
+// moves (LY_VEC), and the global range of such a move over `sizes`.
+long MoveVector(size_t item);
+std::vector<size_t> MoveGlobal(std::vector<long> sizes, long vec);
 
 class LayoutKernel : public KernelImpl {
  public:
@@ -66,8 +70,9 @@ class LayoutKernel : public KernelImpl {
   // A unit writing `bits` (the element's bit pattern) into every element of `out`.
   void AddFill(const std::shared_ptr<SessionImpl>& session, const Tensor& out, uint64_t bits);
 
-  // The program's build options for elements of `item` bytes.
-  BuildOption MoveOptions(size_t item, bool xc = false) const;
+  // The program's build options for elements of `item` bytes; `xc` when
+  // both x strides are one element, `deep` for walks of rank above 3.
+  BuildOption MoveOptions(size_t item, bool xc = false, bool deep = false) const;
   // "layout.h" then the program.
   std::vector<std::string> MoveSources() const;
   // The program's cache name (shared by every operator using the same text).
