@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/layout/permute.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "nerva/platform/cl/module.h"
@@ -11,8 +12,15 @@ namespace cl {
 
 namespace {
 
-constexpr size_t kTile = 32;  // TILE and ROWS of permute_2d.cl
-constexpr size_t kRows = 8;
+constexpr size_t kBlock = 8;    // the block one work item of permute_2d.cl transposes
+constexpr size_t kGroup = 256;  // blocks per work group (a tile of 128 x 128 elements)
+
+// The smallest power of two at least n.
+size_t Pow2(size_t n) {
+  size_t p = 1;
+  while (p < n) p *= 2;
+  return p;
+}
 
 size_t Groups(long n, size_t tile) {
   return (static_cast<size_t>(n) + tile - 1) / tile;
@@ -84,9 +92,11 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
                 out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
                 static_cast<cl_uint>(rank == 3 ? os[2] : 0), in.storage(), in_view.offset(),
                 static_cast<cl_uint>(is[0]), static_cast<cl_uint>(rank == 3 ? is[2] : 0));
-  unit->SetGlobal({Groups(layout.sizes[0], kTile) * kTile, Groups(layout.sizes[1], kTile) * kRows,
-                   static_cast<size_t>(batch)});
-  unit->SetLocal({kTile, kRows, 1});
+  const size_t bx = Groups(layout.sizes[0], kBlock), by = Groups(layout.sizes[1], kBlock);
+  // Square tiles, narrowed to a short x so few work items fall outside.
+  const size_t gx = std::min<size_t>(16, Pow2(bx)), gy = std::min(kGroup / gx, Pow2(by));
+  unit->SetGlobal({bx, by, static_cast<size_t>(batch)});
+  unit->SetLocal({gx, gy, 1});
 }
 
 NERVA_STATIC_REGISTER {
