@@ -25,6 +25,25 @@ cl_uint Field(long value, const std::string& op) {
   return static_cast<cl_uint>(value);
 }
 
+// Drops dims of size 1 and merges each dim into the next inner one where both
+// layouts step over it exactly (sizes and strides innermost first).
+void MergeDims(std::vector<long>* sizes, std::vector<long>* a, std::vector<long>* b) {
+  std::vector<long> s, x, y;
+  for (size_t d = 0; d < sizes->size(); ++d) {
+    const long n = (*sizes)[d];
+    if (n == 1) continue;
+    if (!s.empty() && (*a)[d] == x.back() * s.back() && (*b)[d] == y.back() * s.back()) {
+      s.back() *= n;
+      continue;
+    }
+    s.push_back(n);
+    x.push_back((*a)[d]);
+    y.push_back((*b)[d]);
+  }
+  if (s.empty()) s = {1}, x = {0}, y = {0};
+  *sizes = s, *a = x, *b = y;
+}
+
 }  // namespace
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LayoutLanes& arg) {
@@ -132,6 +151,7 @@ void LayoutKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, co
                                  long out_offset, long in_offset) {
   for (long s : sizes)
     if (s == 0) return;
+  MergeDims(&sizes, &out_strides, &in_strides);
   if (sizes.size() > kMaxRank) {  // one launch per index of the outermost dimension
     const long n = sizes.back(), so = out_strides.back(), si = in_strides.back();
     sizes.pop_back();

@@ -3,8 +3,12 @@
  * i = c - before, mapped by `mode`: 0 constant (outside the input writes
  * `value`), 1 reflect (mirror without repeating the edge), 2 replicate
  * (clamp to the edge), 3 circular (wrap around). Negative `before` crops.
+ * PadMove and PadMoveFill are the plain moves and fills of the interior and
+ * the border slabs.
  */
 // #include "layout.h"
+
+LY_MOVE_KERNELS(PadMove)
 
 __kernel void Pad(uint8 sizes, int rank, int8 in_sizes, int8 before, int mode, LY_VIEW(out),
                   LY_VIEW(in), ulong value) {
