@@ -37,6 +37,19 @@ inline DevTensor RandomTensor(std::vector<long> sizes, DataType type,
   return t;
 }
 
+// RandomTensor's tensor seen through a sub-buffer that starts `offset` bytes
+// into a larger buffer (whose leading bytes are random too).
+inline DevTensor OffsetTensor(std::vector<long> sizes, DataType type, std::vector<long> strides,
+                              long offset) {
+  DevTensor t = RandomTensor(sizes, type, strides, 5);
+  std::vector<uint8_t> whole(offset, 0x3C);
+  whole.insert(whole.end(), t.bytes.begin(), t.bytes.end());
+  Buffer parent = TestSession().MakeBuffer(kMemReadWrite, static_cast<long>(whole.size()));
+  TestQueue().CopyHostToDevice(parent, whole.data(), static_cast<long>(whole.size()));
+  t.buf = parent.View(offset, static_cast<long>(t.bytes.size()), 0);
+  return t;
+}
+
 inline DevTensor OutTensor(std::vector<long> sizes, DataType type) {
   DevTensor t = RandomTensor(sizes, type, {}, 99);  // garbage that must be overwritten
   return t;

@@ -52,8 +52,10 @@ bool ConcatKernel::Verify() const {
   CheckTensor(out_, "out");
   for (size_t i = 0; i < inputs_.size(); ++i) {
     CheckTensor(inputs_[i], StrCat("input ", i));
-    CheckType(inputs_[i], out_.dtype(), StrCat("input ", i));
   }
+  std::vector<DataType> types;
+  for (const Tensor& t : inputs_) types.push_back(t.dtype());
+  CheckType(out_, JoinedType(types), "out");
   const std::vector<Tensor> joined = Joined();
   if (joined.empty()) {
     CheckShape(out_, {0}, "out");
@@ -84,7 +86,12 @@ void ConcatKernel::Compile(std::shared_ptr<SessionImpl> session) {
   long start = 0;
   for (const Tensor& t : joined) {
     const long n = t.shape().sizes()[dim];
-    AddMove(session, Along(out_, dim, start, n), t);
+    const Tensor slice = Along(out_, dim, start, n);
+    if (t.dtype() == out_.dtype()) {
+      AddMove(session, slice, t);
+    } else {
+      AddConvert(session, slice, t);
+    }
     start += n;
   }
 }

@@ -9,9 +9,11 @@
 namespace nerva {
 namespace cl {
 
-// out = torch.cat(inputs, dim) ("Concat", concat.cl): inputs of the output's
-// type and rank, equal outside dim, any size along it; as in PyTorch, 1-D
-// inputs of size 0 are skipped whatever the rank. One move per non-empty input.
+// out = torch.cat(inputs, dim) ("Concat", concat.cl): inputs of one rank,
+// of any types (out has their promoted type, JoinedType; inputs of another
+// type are converted by the element-wise "StridedCopy" program), equal outside dim, any size along
+// it; as in PyTorch, 1-D inputs of size 0 are skipped whatever the rank. One move per non-empty
+// input.
 class ConcatKernel : public LayoutKernel {
  public:
   ConcatKernel(const ConcatOption& option, const std::vector<TensorOption>& input_opts,

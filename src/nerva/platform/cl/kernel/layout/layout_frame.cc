@@ -8,6 +8,7 @@
 #include "linvo/conversion.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
+#include "nerva/type_traits.h"
 #include "nerva/util.h"
 
 namespace nerva {
@@ -174,6 +175,37 @@ void LayoutKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, co
   unit->SetGlobal(MoveGlobal(sizes, xc ? MoveVector(item) : 1));
 }
 
+void LayoutKernel::AddConvert(const std::shared_ptr<SessionImpl>& session, const Tensor& out,
+                              const Tensor& in) {
+  if (out.shape().size() == 0) return;
+  const ElementwiseLayout layout = CoalesceLayout(out, {in});
+  const DataType type = in.dtype();
+  const ElementwiseSpec spec{"stridedcopy.cl", {type}, type, BuildOption(), false};
+  BuildOption options = ElementwiseOptions(spec, out.dtype(), {type}, 1, ElementwiseForm::kStrided);
+  const size_t rank = layout.sizes.size();
+  options.AddDefinitionAutoType("EW_DEEP", rank > 3);
+  const Tensor* tensors[] = {&out, &in};
+  for (size_t t = 0; t < 2; ++t) {  // x strides of 0 or one item become constants
+    const long x = layout.strides[t][0];
+    const bool known = x == 0 || x == static_cast<long>(tensors[t]->option().item_size());
+    options.AddDefinitionAutoType(t ? "EW_XS_in0" : "EW_XS_out", known ? x : -1L);
+  }
+  EwDims dims{};
+  for (size_t d = 0; d < 8; ++d) {
+    dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(layout.sizes[d]) : 1;
+  }
+  auto unit = MakeSubKernel(session, ConcatenateStrings("StridedCopy", "elementwise"),
+                            ElementwiseSources(spec), options, "StridedCopyStrided");
+  unit->SetArgs(dims, static_cast<int>(rank));
+  for (size_t t = 0; t < 2; ++t) {
+    const ClTensor view(*tensors[t]);
+    EwStridedArg arg{view.mem(), view.offset(), {}};
+    for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
+    unit->SetArg(arg);
+  }
+  unit->SetGlobal(WalkGlobal(layout.sizes));
+}
+
 void LayoutKernel::AddFill(const std::shared_ptr<SessionImpl>& session, const Tensor& out,
                            uint64_t bits) {
   if (out.shape().size() == 0) return;
@@ -217,6 +249,39 @@ void UnaryMoveKernel::CheckUnary(const std::vector<long>& expected) const {
   CheckTensor(out_, "out");
   CheckType(out_, input_.dtype(), "out");
   CheckShape(out_, expected, "out");
+}
+
+DataType JoinedType(const std::vector<DataType>& types) {
+  bool floating = false, all_bool = true;
+  size_t signed_size = 0, unsigned_size = 0;
+  for (DataType t : types) {
+    all_bool = all_bool && t == kBool;
+    if (IsFloat(t)) {
+      floating = true;
+    } else if (t >= kInt8 && t <= kInt64) {
+      signed_size = std::max(signed_size, TypeTraitsHelper::GetSize(t));
+    } else if (t >= kUInt8 && t <= kUInt64) {
+      unsigned_size = std::max(unsigned_size, TypeTraitsHelper::GetSize(t));
+    }
+  }
+  if (all_bool) return kBool;
+  if (floating) {
+    std::vector<DataType> floats;
+    for (DataType t : types)
+      if (IsFloat(t)) floats.push_back(t);
+    return PromoteTypes(floats);
+  }
+  const auto signed_of = [](size_t size) {
+    return size <= 1 ? kInt8 : size == 2 ? kInt16 : size == 4 ? kInt32 : kInt64;
+  };
+  if (unsigned_size == 0) return signed_of(signed_size);
+  if (signed_size == 0) {
+    return unsigned_size == 1   ? kUInt8
+           : unsigned_size == 2 ? kUInt16
+           : unsigned_size == 4 ? kUInt32
+                                : kUInt64;
+  }
+  return signed_of(signed_size > unsigned_size ? signed_size : 2 * unsigned_size);
 }
 
 uint64_t ElementBits(double value, DataType type) {

@@ -67,6 +67,9 @@ class LayoutKernel : public KernelImpl {
   void AddMoveLayout(const std::shared_ptr<SessionImpl>& session, const Tensor& out,
                      const Tensor& in, std::vector<long> sizes, std::vector<long> out_strides,
                      std::vector<long> in_strides, long out_offset, long in_offset);
+  // A unit converting `in` (a view with out's sizes, of another type) into
+  // `out` through the element-wise "StridedCopy" program.
+  void AddConvert(const std::shared_ptr<SessionImpl>& session, const Tensor& out, const Tensor& in);
   // A unit writing `bits` (the element's bit pattern) into every element of `out`.
   void AddFill(const std::shared_ptr<SessionImpl>& session, const Tensor& out, uint64_t bits);
 
@@ -97,6 +100,11 @@ class UnaryMoveKernel : public LayoutKernel {
 
   Tensor input_, out_;
 };
+
+// PyTorch's result type of joining tensors of `types` (torch.cat): bool
+// only when all are bool, the floating promotion when any is floating, else
+// the smallest integer type holding every input's range.
+DataType JoinedType(const std::vector<DataType>& types);
 
 // The bit pattern of `value` as an element of `type` (PyTorch's conversion
 // of a Python number into the tensor's type: floating types round, integer

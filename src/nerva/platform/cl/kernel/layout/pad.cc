@@ -29,7 +29,8 @@ const char* ModeName(PadMode mode) {
 
 PadKernel::PadKernel(const PadOption& option, const TensorOption& input_opt, const Buffer& input,
                      const TensorOption& out_opt, Buffer& out)
-    : UnaryMoveKernel("Pad", "pad.cl", "PadMove", input_opt, input, out_opt, out), option_(option) {}
+    : UnaryMoveKernel("Pad", "pad.cl", "PadMove", input_opt, input, out_opt, out),
+      option_(option) {}
 
 bool PadKernel::Verify() const {
   const auto& in = input_.shape().sizes();
