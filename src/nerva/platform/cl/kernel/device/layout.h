@@ -9,8 +9,9 @@
  * A program expands LY_MOVE_KERNELS(Name), which defines
  *   Name        out[c] = in[c] over two strided views of equal sizes;
  *   Name##Fill  out[c] = value (the element's bits in the low LY_SIZE bytes).
- * With LY_XC 1 the x stride of both views is one element, a constant, so
- * the compiler can vectorise consecutive work items.
+ * With LY_XC 1 the x stride of both views is one element and each work item
+ * moves a vector of LY_VEC elements; the per-element kernels (Pad's border
+ * mapping, Roll, RepeatInterleave) use ly_coords and ly_offset.
  */
 #ifndef NERVA_LAYOUT_H
 #define NERVA_LAYOUT_H
@@ -170,7 +171,6 @@ inline long ly_row(uint y, uint z, uint8 sizes, int rank, uint offset, uint8 s) 
 #else
 #define LY_RUN(ONE, VEC) ONE(get_global_id(0));
 #endif
-/* The global x range of a run of n elements. */
 #define LY_MOVE_ONE(k) (*LY_K(out, k) = *LY_K(in, k))
 #define LY_MOVE_VEC(f) LY_VSTORE(LY_VLOAD(0, LY_P(in) + (f)), 0, LY_P(out) + (f))
 #define LY_FILL_ONE(k) (*LY_K(out, k) = (ly_t)value)
