@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+
+#include "nerva/kernel/base.h"
+#include "nerva/platform/cl/kernel/layout/layout_frame.h"
+
+namespace nerva {
+namespace cl {
+
+// out = input.permute(dims) made contiguous in out's layout ("Permute"):
+// output dimension i is input dimension dims[i]; dims is a permutation of the
+// input's dimensions, negative entries counting from the end. After merging
+// dimensions that stay adjacent, a permutation that is a batched 2-D transpose
+// runs the tiled local-memory program permute_2d.cl; any other the strided
+// walk of permute.cl.
+class PermuteKernel : public LayoutKernel {
+ public:
+  PermuteKernel(const PermuteOption& option, const TensorOption& input_opt, const Buffer& input,
+                const TensorOption& out_opt, Buffer& out);
+
+  bool Verify() const override;
+  void Compile(std::shared_ptr<SessionImpl> session) override;
+
+ private:
+  std::vector<int> Order() const;  // dims normalised; throws on a bad permutation
+
+  PermuteOption option_;
+  Tensor input_, out_;
+};
+
+}  // namespace cl
+}  // namespace nerva

@@ -1,0 +1,48 @@
+/*
+ * Permute2D: a batched 2-D transpose. The output is contiguous along x (n0
+ * elements), the input along y (n1 elements). Each work item transposes an
+ * 8 x 8 block in registers: eight 8-element vector loads from eight input
+ * rows, eight vector stores into eight output rows, so every memory access
+ * is a whole vector. A group of BLOCKS x BLOCKS work items covers a tile
+ * whose rows stay in cache while the group runs (on CPU devices a work
+ * group is a loop on one thread). Blocks cut by the edges move element by
+ * element. z is the batch.
+ */
+// #include "layout.h"
+
+#if LY_SIZE == 1
+typedef uchar8 ly_t8;
+#elif LY_SIZE == 2
+typedef ushort8 ly_t8;
+#elif LY_SIZE == 4
+typedef uint8 ly_t8;
+#else
+typedef ulong8 ly_t8;
+#endif
+
+/* Column j of the block a0..a7. */
+#define PT_COL(j) (ly_t8)(a0.s##j, a1.s##j, a2.s##j, a3.s##j, a4.s##j, a5.s##j, a6.s##j, a7.s##j)
+#define PT_LOAD(i) const ly_t8 a##i = vload8(0, (__global const ly_t *)(in + (ulong)(i) * in_s0));
+#define PT_STORE(j) vstore8(PT_COL(j), 0, (__global ly_t *)(out + (ulong)(j) * out_s1));
+
+__kernel void Permute2D(uint n0, uint n1, __global uchar *out_ptr, uint out_offset, uint out_s1,
+                        uint out_sb, __global uchar *in_ptr, uint in_offset, uint in_s0,
+                        uint in_sb) {
+  const uint x0 = get_global_id(0) * 8, y0 = get_global_id(1) * 8;
+  if (x0 >= n0 || y0 >= n1) return;
+  const ulong b = get_global_id(2);
+  /* in: row x0, element y0; out: row y0, element x0 */
+  __global const uchar *in =
+      in_ptr + (in_offset + b * in_sb + (ulong)x0 * in_s0 + (ulong)y0 * LY_SIZE);
+  __global uchar *out = out_ptr + (out_offset + b * out_sb + (ulong)y0 * out_s1 + (ulong)x0 * LY_SIZE);
+  if (x0 + 8 <= n0 && y0 + 8 <= n1) {
+    PT_LOAD(0) PT_LOAD(1) PT_LOAD(2) PT_LOAD(3) PT_LOAD(4) PT_LOAD(5) PT_LOAD(6) PT_LOAD(7)
+    PT_STORE(0) PT_STORE(1) PT_STORE(2) PT_STORE(3) PT_STORE(4) PT_STORE(5) PT_STORE(6) PT_STORE(7)
+    return;
+  }
+  const uint nx = min(8u, n0 - x0), ny = min(8u, n1 - y0);
+  for (uint i = 0; i < nx; ++i)
+    for (uint j = 0; j < ny; ++j)
+      *(__global ly_t *)(out + (ulong)j * out_s1 + i * LY_SIZE) =
+          *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
+}
