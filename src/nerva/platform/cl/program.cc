@@ -1,5 +1,7 @@
 #include "nerva/platform/cl/program.h"
 
+#include <algorithm>
+#include <cctype>
 #include <stdexcept>
 
 #include "nerva/platform/cl/kernel_impl.h"
@@ -57,6 +59,13 @@ BuildOption& BuildOption::AddDefinition(const std::string& name, const std::stri
   return AddOption("-D" + name + "=" + value);
 }
 
+namespace {
+bool IsBlank(const std::string& text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+}
+}  // namespace
+
 std::string GetDataTypeCode(DataType type) {
   static const char* const kNames[] = {"half",  "bhalf", "float",    "double",   "char",
                                        "short", "int",   "long",     "uchar",    "ushort",
@@ -87,6 +96,12 @@ ClSourceProgram::ClSourceProgram(std::shared_ptr<SessionImpl> session, const std
   const std::string flags = session->BuildFlags(options.str());
   cl_device_id device = session->device()();
   status = clBuildProgram(program, 1, &device, flags.c_str(), nullptr, nullptr);
+  // A failure without a single diagnostic is the driver's, not the source's
+  // (seen on a loaded machine with several processes filling one program
+  // cache): build once more before reporting it.
+  if (status == CL_BUILD_PROGRAM_FAILURE && IsBlank(session->GetBuildLog(program))) {
+    status = clBuildProgram(program, 1, &device, flags.c_str(), nullptr, nullptr);
+  }
   if (status != CL_SUCCESS) {
     throw std::runtime_error("Compile CL kernel " + name +
                              " program fail, reason:\nerrcode: " + StrErrcode(status) +

@@ -138,9 +138,13 @@ TEST(ClMaxPool, NanInVectorBlocks) {
     const std::vector<double> got = DownloadAs(output);
     for (size_t i = 0; i < got.size(); ++i) {
       EXPECT_EQ(std::isnan(got[i]), std::isnan(want[i])) << i;
-      if (!std::isnan(want[i])) EXPECT_EQ(got[i], want[i]) << i;
+      if (!std::isnan(want[i])) {
+        EXPECT_EQ(got[i], want[i]) << i;
+      }
     }
-    if (with_indices) EXPECT_EQ(DownloadAs(indices), want_index);
+    if (with_indices) {
+      EXPECT_EQ(DownloadAs(indices), want_index);
+    }
   }
 }
 
