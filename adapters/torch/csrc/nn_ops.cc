@@ -29,13 +29,6 @@ void CheckFloat(const at::Tensor& t, const char* op) {
               ": expected a floating tensor, got ", t.scalar_type());
 }
 
-// Copies `result` into a caller's out tensor (resized to its shape).
-at::Tensor& ToOut(at::Tensor& out, const at::Tensor& result, const char* op) {
-  if (out.sizes() != result.sizes()) out.resize_(result.sizes());
-  DeviceCopy(out, result, op);
-  return out;
-}
-
 // ---------------------------------------------------------------- softmax
 
 template <bool kLog>
