@@ -1,5 +1,5 @@
 // Native kernels of the PyTorch backend, sliding windows: convolution through Im2col,
-// matrix products and Col2im.
+// matrix products and Col2im, and the 2-D pooling operators with their gradients.
 
 #include <torch/library.h>
 
@@ -213,15 +213,229 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvolutionBackwardOverrideable(
   return {grad_input, grad_weight, grad_bias};
 }
 
+// ---------------------------------------------------------------- pooling
+
+std::vector<long> Window(at::IntArrayRef v, const std::vector<long>& fallback) {
+  if (v.empty()) return fallback;
+  if (v.size() == 1) return {static_cast<long>(v[0]), static_cast<long>(v[0])};
+  return Longs(v);
+}
+
+int64_t PooledSize(int64_t in, long k, long s, long p, long d, bool ceil_mode) {
+  int64_t out = (in + 2 * p - d * (k - 1) - 1 + (ceil_mode ? s - 1 : 0)) / s + 1;
+  if (ceil_mode && (out - 1) * s >= in + p) --out;
+  return out;
+}
+
+// The pooled shape of an (N, C, H, W) or (C, H, W) input.
+std::vector<int64_t> PooledShape(const char* name, const at::Tensor& self,
+                                 const std::vector<long>& k, const std::vector<long>& s,
+                                 const std::vector<long>& p, const std::vector<long>& d,
+                                 bool ceil_mode) {
+  TORCH_CHECK(self.dim() == 3 || self.dim() == 4, "nerva_torch: ", name,
+              ": expected a 3-D or 4-D input, got ", self.sizes());
+  TORCH_CHECK(k.size() == 2 && s.size() == 2 && p.size() == 2 && d.size() == 2,
+              "nerva_torch: ", name, ": window lists need one or two entries");
+  std::vector<int64_t> sizes = self.sizes().vec();
+  const int64_t hd = self.dim() - 2;
+  for (int i = 0; i < 2; ++i) {
+    TORCH_CHECK(k[i] > 0 && s[i] > 0 && d[i] > 0 && p[i] >= 0 && p[i] * 2 <= k[i],
+                "nerva_torch: ", name, ": bad window (kernel ", k[i], ", stride ", s[i],
+                ", padding ", p[i], ", dilation ", d[i], ")");
+    sizes[hd + i] = PooledSize(self.size(hd + i), k[i], s[i], p[i], d[i], ceil_mode);
+    TORCH_CHECK(sizes[hd + i] > 0, "nerva_torch: ", name, ": input ", self.sizes(),
+                " is too small for the window");
+  }
+  return sizes;
+}
+
+nerva::MaxPool2DOption MaxOption(at::IntArrayRef kernel, at::IntArrayRef stride,
+                                 at::IntArrayRef padding, at::IntArrayRef dilation,
+                                 bool ceil_mode) {
+  nerva::MaxPool2DOption option;
+  option.kernel_size = Window(kernel, {});
+  option.stride = Window(stride, option.kernel_size);
+  option.padding = Window(padding, {0, 0});
+  option.dilation = Window(dilation, {1, 1});
+  option.ceil_mode = ceil_mode;
+  return option;
+}
+
+std::tuple<at::Tensor, at::Tensor> MaxPool2dWithIndices(const at::Tensor& self,
+                                                        at::IntArrayRef kernel,
+                                                        at::IntArrayRef stride,
+                                                        at::IntArrayRef padding,
+                                                        at::IntArrayRef dilation, bool ceil_mode) {
+  const char* name = "max_pool2d_with_indices";
+  CheckFloat(self, name);
+  const auto option = MaxOption(kernel, stride, padding, dilation, ceil_mode);
+  const auto sizes = PooledShape(name, self, option.kernel_size, option.stride, option.padding,
+                                 option.dilation, ceil_mode);
+  at::Tensor out = Empty(sizes, self.scalar_type()), indices = Empty(sizes, at::kLong);
+  if (out.numel() == 0) return {out, indices};
+  Call call(name);
+  Operand x = call.In(self), o = call.Out(out), i = call.Out(indices);
+  call.Run(nerva::MaxPool2D::Create(GetQueue(), option, x.opt, x.buf, o.opt, o.buf, i.opt, i.buf));
+  return {out, indices};
+}
+
+std::tuple<at::Tensor&, at::Tensor&> MaxPool2dWithIndicesOut(
+    const at::Tensor& self, at::IntArrayRef kernel, at::IntArrayRef stride, at::IntArrayRef padding,
+    at::IntArrayRef dilation, bool ceil_mode, at::Tensor& out, at::Tensor& indices) {
+  auto result = MaxPool2dWithIndices(self, kernel, stride, padding, dilation, ceil_mode);
+  ToOut(out, std::get<0>(result), "max_pool2d_with_indices.out");
+  ToOut(indices, std::get<1>(result), "max_pool2d_with_indices.out");
+  return {out, indices};
+}
+
+// Gradients of the pooling operators: a zeroed input-shaped gradient filled by `make`.
+template <typename Make>
+at::Tensor PoolGrad(const char* name, const at::Tensor& grad, const at::Tensor& self, Make&& make) {
+  CheckFloat(grad, name);
+  at::Tensor grad_input = Empty(self.sizes(), grad.scalar_type());
+  if (grad_input.numel() == 0) return grad_input;
+  if (grad.numel() == 0) return grad_input.zero_();
+  Call call(name);
+  Operand g = call.In(grad), o = call.Out(grad_input);
+  call.Run(make(call, g, o));
+  return grad_input;
+}
+
+at::Tensor MaxPool2dWithIndicesBackward(const at::Tensor& grad, const at::Tensor& self,
+                                        at::IntArrayRef kernel, at::IntArrayRef stride,
+                                        at::IntArrayRef padding, at::IntArrayRef dilation,
+                                        bool ceil_mode, const at::Tensor& indices) {
+  const char* name = "max_pool2d_with_indices_backward";
+  nerva::MaxPool2DWithIndicesBackwardOption option;
+  static_cast<nerva::MaxPool2DOption&>(option) =
+      MaxOption(kernel, stride, padding, dilation, ceil_mode);
+  return PoolGrad(name, grad, self, [&](Call& call, Operand& g, Operand& o) {
+    Operand i = call.In(indices);
+    return nerva::MaxPool2DWithIndicesBackward::Create(GetQueue(), option, g.opt, g.buf, i.opt,
+                                                       i.buf, o.opt, o.buf);
+  });
+}
+
+at::Tensor& MaxPool2dWithIndicesBackwardOut(const at::Tensor& grad, const at::Tensor& self,
+                                            at::IntArrayRef kernel, at::IntArrayRef stride,
+                                            at::IntArrayRef padding, at::IntArrayRef dilation,
+                                            bool ceil_mode, const at::Tensor& indices,
+                                            at::Tensor& out) {
+  return ToOut(out,
+               MaxPool2dWithIndicesBackward(grad, self, kernel, stride, padding, dilation,
+                                            ceil_mode, indices),
+               "max_pool2d_with_indices_backward.grad_input");
+}
+
+nerva::AvgPool2DOption AvgOption(at::IntArrayRef kernel, at::IntArrayRef stride,
+                                 at::IntArrayRef padding, bool ceil_mode, bool count_include_pad,
+                                 c10::optional<int64_t> divisor_override) {
+  nerva::AvgPool2DOption option;
+  option.kernel_size = Window(kernel, {});
+  option.stride = Window(stride, option.kernel_size);
+  option.padding = Window(padding, {0, 0});
+  option.ceil_mode = ceil_mode;
+  option.count_include_pad = count_include_pad;
+  option.divisor_override = divisor_override.value_or(0);
+  TORCH_CHECK(!divisor_override || *divisor_override != 0,
+              "nerva_torch: avg_pool2d: divisor must be not zero");
+  return option;
+}
+
+at::Tensor AvgPool2d(const at::Tensor& self, at::IntArrayRef kernel, at::IntArrayRef stride,
+                     at::IntArrayRef padding, bool ceil_mode, bool count_include_pad,
+                     c10::optional<int64_t> divisor_override) {
+  const char* name = "avg_pool2d";
+  CheckFloat(self, name);
+  const auto option =
+      AvgOption(kernel, stride, padding, ceil_mode, count_include_pad, divisor_override);
+  const auto sizes =
+      PooledShape(name, self, option.kernel_size, option.stride, option.padding, {1, 1}, ceil_mode);
+  at::Tensor out = Empty(sizes, self.scalar_type());
+  if (out.numel() == 0) return out;
+  Call call(name);
+  Operand x = call.In(self), o = call.Out(out);
+  call.Run(nerva::AvgPool2D::Create(GetQueue(), option, x.opt, x.buf, o.opt, o.buf));
+  return out;
+}
+
+at::Tensor& AvgPool2dOut(const at::Tensor& self, at::IntArrayRef kernel, at::IntArrayRef stride,
+                         at::IntArrayRef padding, bool ceil_mode, bool count_include_pad,
+                         c10::optional<int64_t> divisor_override, at::Tensor& out) {
+  return ToOut(
+      out, AvgPool2d(self, kernel, stride, padding, ceil_mode, count_include_pad, divisor_override),
+      "avg_pool2d.out");
+}
+
+at::Tensor AvgPool2dBackward(const at::Tensor& grad, const at::Tensor& self, at::IntArrayRef kernel,
+                             at::IntArrayRef stride, at::IntArrayRef padding, bool ceil_mode,
+                             bool count_include_pad, c10::optional<int64_t> divisor_override) {
+  nerva::AvgPool2DBackwardOption option;
+  static_cast<nerva::AvgPool2DOption&>(option) =
+      AvgOption(kernel, stride, padding, ceil_mode, count_include_pad, divisor_override);
+  return PoolGrad("avg_pool2d_backward", grad, self, [&](Call&, Operand& g, Operand& o) {
+    return nerva::AvgPool2DBackward::Create(GetQueue(), option, g.opt, g.buf, o.opt, o.buf);
+  });
+}
+
+at::Tensor& AvgPool2dBackwardOut(const at::Tensor& grad, const at::Tensor& self,
+                                 at::IntArrayRef kernel, at::IntArrayRef stride,
+                                 at::IntArrayRef padding, bool ceil_mode, bool count_include_pad,
+                                 c10::optional<int64_t> divisor_override, at::Tensor& out) {
+  return ToOut(out,
+               AvgPool2dBackward(grad, self, kernel, stride, padding, ceil_mode, count_include_pad,
+                                 divisor_override),
+               "avg_pool2d_backward.grad_input");
+}
+
+at::Tensor AdaptiveAvgPool2d(const at::Tensor& self, c10::SymIntArrayRef output_size) {
+  const char* name = "_adaptive_avg_pool2d";
+  CheckFloat(self, name);
+  auto size = c10::asIntArrayRefSlow(output_size);
+  TORCH_CHECK((self.dim() == 3 || self.dim() == 4) && size.size() == 2, "nerva_torch: ", name,
+              ": expected a 3-D or 4-D input and two output sizes, got ", self.sizes(), " and ",
+              size);
+  std::vector<int64_t> sizes = self.sizes().vec();
+  sizes[self.dim() - 2] = size[0];
+  sizes[self.dim() - 1] = size[1];
+  at::Tensor out = Empty(sizes, self.scalar_type());
+  if (out.numel() == 0) return out;
+  TORCH_CHECK(self.numel() > 0, "nerva_torch: ", name, ": empty input ", self.sizes());
+  Call call(name);
+  Operand x = call.In(self), o = call.Out(out);
+  call.Run(nerva::AdaptiveAvgPool2D::Create(GetQueue(), x.opt, x.buf, o.opt, o.buf));
+  return out;
+}
+
+at::Tensor AdaptiveAvgPool2dBackward(const at::Tensor& grad, const at::Tensor& self) {
+  return PoolGrad("_adaptive_avg_pool2d_backward", grad, self, [&](Call&, Operand& g, Operand& o) {
+    return nerva::AdaptiveAvgPool2DBackward::Create(GetQueue(), g.opt, g.buf, o.opt, o.buf);
+  });
+}
+
 void RegisterConvolution(torch::Library& m) {
   m.impl("convolution_overrideable", TORCH_FN(ConvolutionOverrideable));
   m.impl("convolution_backward_overrideable", TORCH_FN(ConvolutionBackwardOverrideable));
+}
+
+void RegisterPooling(torch::Library& m) {
+  m.impl("max_pool2d_with_indices", TORCH_FN(MaxPool2dWithIndices));
+  m.impl("max_pool2d_with_indices.out", TORCH_FN(MaxPool2dWithIndicesOut));
+  m.impl("max_pool2d_with_indices_backward", TORCH_FN(MaxPool2dWithIndicesBackward));
+  m.impl("max_pool2d_with_indices_backward.grad_input", TORCH_FN(MaxPool2dWithIndicesBackwardOut));
+  m.impl("avg_pool2d", TORCH_FN(AvgPool2d));
+  m.impl("avg_pool2d.out", TORCH_FN(AvgPool2dOut));
+  m.impl("avg_pool2d_backward", TORCH_FN(AvgPool2dBackward));
+  m.impl("avg_pool2d_backward.grad_input", TORCH_FN(AvgPool2dBackwardOut));
+  m.impl("_adaptive_avg_pool2d", TORCH_FN(AdaptiveAvgPool2d));
+  m.impl("_adaptive_avg_pool2d_backward", TORCH_FN(AdaptiveAvgPool2dBackward));
 }
 
 }  // namespace
 
 TORCH_LIBRARY_IMPL(aten, PrivateUse1, m) {
   RegisterConvolution(m);
+  RegisterPooling(m);
 }
 
 }  // namespace nerva_torch
