@@ -334,6 +334,98 @@ class SlidingWindows(unittest.TestCase):
         self.compare(lambda a: F.adaptive_avg_pool2d(a, 2), [torch.randn(3, 5, 6)], [True])
 
 
+class Indexing(unittest.TestCase):
+    """Gathers, scatters, advanced indexing and embeddings against CPU torch."""
+
+    def setUp(self):
+        torch.manual_seed(8)
+
+    def check(self, fn, *inputs):
+        nerva_torch.reset_fallback_ops()
+        got = fn(*[t.to(DEV) for t in inputs])
+        want = fn(*[t.clone() for t in inputs])
+        close(self, got, want)
+        self.assertEqual(nerva_torch.fallback_ops(), [])
+
+    def test_index_select_and_gather(self):
+        a = torch.randn(5, 7)
+        idx = torch.tensor([4, 0, 0, 2, 6])
+        self.check(lambda x, i: x.index_select(1, i), a, idx)
+        self.check(lambda x, i: x.index_select(0, i[:3]), a.t(), idx)  # non-contiguous
+        self.check(lambda x, i: x.index_select(0, i), a, idx[:0])  # empty index
+        self.check(lambda x, i: x.index_select(0, i), torch.randint(-9, 9, (6, 2)), idx[:3])
+        g = torch.randint(0, 5, (3, 7))
+        self.check(lambda x, i: x.gather(0, i), a, g)
+        self.check(lambda x, i: x.gather(1, i), a.t(), g.t()[:, :3])
+        self.check(lambda x, i: x.gather(1, i), a, torch.zeros(5, 0, dtype=torch.long))
+
+    def test_scatter(self):
+        a, src = torch.randn(4, 6), torch.randn(4, 6)
+        # Distinct positions per column so that overwrites are deterministic.
+        perm = torch.stack([torch.randperm(4) for _ in range(6)], 1)[:3]
+        self.check(lambda x, i, s: x.scatter(0, i, s), a, perm, src)
+        self.check(lambda x, i: x.scatter(0, i, 2.5), a, perm)
+        self.check(lambda x, i, s: x.clone().scatter_(0, i, s), a, perm, src)
+        dup = torch.randint(0, 6, (4, 9))
+        big = torch.randn(4, 9)
+        self.check(lambda x, i, s: x.scatter_add(1, i, s), a, dup, big)
+        self.check(lambda x, i, s: x.t().scatter_add(0, i.t(), s.t()), a, dup, big)
+        self.check(lambda x, i, s: x.scatter(1, i, s, reduce="multiply"), a, dup, big)
+        for reduce in ("sum", "prod", "mean", "amax", "amin"):
+            for include_self in (True, False):
+                self.check(lambda x, i, s, r=reduce, inc=include_self:
+                           x.scatter_reduce(1, i, s, r, include_self=inc), a, dup, big)
+        self.check(lambda x, i, s: x.scatter_add(1, i, s), torch.randint(0, 9, (4, 6)), dup,
+                   torch.randint(0, 9, (4, 9)))
+        self.check(lambda x, i, s: x.scatter_add(0, i, s), a, dup[:0], big[:0])
+
+    def test_advanced_indexing(self):
+        a = torch.randn(5, 6, 7)
+        i, j = torch.tensor([4, 0, 2, 2]), torch.tensor([[1], [5], [0]])
+        self.check(lambda x, p: x[p], a, i)
+        self.check(lambda x, p, q: x[p, :, q], a, i, j)  # apart: broadcast dims first
+        self.check(lambda x, p, q: x[:, p, q], a, i, j)  # adjacent
+        self.check(lambda x, p: x.transpose(0, 2)[p], a, i)
+        self.check(lambda x, m: x[m], a, torch.randn(5, 6) > 0)
+        self.check(lambda x, p: x[p], a, i[:0])
+        v = torch.randn(4, 7)
+        self.check(lambda x, p, w: x.index_put((p,), w[0]), a[:, 0], i, v)
+        self.check(lambda x, p, w: x.clone().index_put_((p,), w, accumulate=True), a[:, :, 0],
+                   i, torch.randn(4, 6))
+        self.check(lambda x, p, q, w: torch.ops.aten.index_put(x, [None, p, q], w, True), a, i, j,
+                   torch.randn(3, 4))
+
+        def masked_set(x, m):
+            x = x.clone()
+            x[m] = -1.0
+            return x
+        self.check(masked_set, a, torch.randn(5, 6, 7) > 0)
+        self.check(lambda x, p, s: x.index_add(1, p, s, alpha=0.5), a, i, torch.randn(5, 4, 7))
+
+    def test_index_gradients(self):
+        a = torch.randn(6, 5)
+        i = torch.tensor([3, 1, 3, 0, 5, 5])
+        g = torch.randint(0, 6, (4, 5))
+        for fn in (lambda x: x[i], lambda x: x.index_select(1, i[:4]), lambda x: x.gather(0, g),
+                   lambda x: x[i, i[:1]]):
+            got = forward_and_grads(DEV, fn, [a], [True])
+            want = forward_and_grads("cpu", fn, [a], [True])
+            for x, y in zip(got, want):
+                torch.testing.assert_close(x, y, rtol=1e-4, atol=1e-5)
+
+    def test_embedding(self):
+        F = torch.nn.functional
+        weight = torch.randn(10, 4)
+        idx = torch.tensor([[1, 4, 4], [9, 0, 1]])
+        for padding_idx, freq in ((None, False), (4, False), (None, True)):
+            fn = (lambda w, p=padding_idx, f=freq:
+                  F.embedding(idx.to(w.device), w, padding_idx=p, scale_grad_by_freq=f))
+            got = forward_and_grads(DEV, fn, [weight], [True])
+            want = forward_and_grads("cpu", fn, [weight], [True])
+            for x, y in zip(got, want):
+                torch.testing.assert_close(x, y, rtol=1e-4, atol=1e-5)
+
+
 class Runtime(unittest.TestCase):
     """Views, copies, scalars, printing and the failure modes."""
 
