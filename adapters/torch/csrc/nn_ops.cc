@@ -700,32 +700,6 @@ at::Tensor& LinspaceOut(const at::Scalar& start, const at::Scalar& end, int64_t 
   return out;
 }
 
-// ---------------------------------------------------------------- multi-tensor
-
-void ForeachAddList(at::TensorList self, at::TensorList other, const at::Scalar& alpha) {
-  TORCH_CHECK(self.size() == other.size(), "nerva_torch: _foreach_add_: ", self.size(), " and ",
-              other.size(), " tensors");
-  std::vector<nerva::TensorOption> self_opts, other_opts;
-  std::vector<nerva::Buffer> self_bufs, other_bufs;
-  Call call("_foreach_add_.List");
-  for (size_t i = 0; i < self.size(); ++i) {
-    TORCH_CHECK(self[i].sizes() == other[i].sizes(), "nerva_torch: _foreach_add_: tensor ", i,
-                " shapes ", self[i].sizes(), " and ", other[i].sizes());
-    if (self[i].numel() == 0) continue;
-    Operand a = call.Out(self[i]), b = call.InAs(other[i], self[i].scalar_type());
-    self_opts.push_back(a.opt);
-    self_bufs.push_back(a.buf);
-    other_opts.push_back(b.opt);
-    other_bufs.push_back(b.buf);
-  }
-  if (self_opts.empty()) return;
-  nerva::ForEachBinaryOption option;
-  option.op_type = nerva::BinaryType::kAdd;
-  option.alpha = static_cast<float>(alpha.toDouble());
-  call.Run(nerva::ForEachBinary::Create(GetQueue(), option, self_opts, self_bufs, other_opts,
-                                        other_bufs, self_opts, self_bufs));
-}
-
 void RegisterSearch(torch::Library& m) {
   m.impl("cumsum", TORCH_FN(Cumsum));
   m.impl("cumsum.out", TORCH_FN(CumsumOut));
@@ -740,7 +714,6 @@ void RegisterSearch(torch::Library& m) {
   m.impl("topk", TORCH_FN(Topk));
   m.impl("arange.start_out", TORCH_FN(ArangeOut));
   m.impl("linspace.out", TORCH_FN(LinspaceOut));
-  m.impl("_foreach_add_.List", TORCH_FN(ForeachAddList));
 }
 
 void RegisterSoftmax(torch::Library& m) {

@@ -79,6 +79,14 @@ class Training(unittest.TestCase):
         self.run_model(self.mlp, lambda p: torch.optim.Adam(p, lr=1e-2),
                        torch.nn.functional.cross_entropy, x, y)
 
+    def test_mlp_foreach(self):
+        x, y = self.data()
+        self.run_model(self.mlp, lambda p: torch.optim.Adam(p, lr=1e-2, foreach=True),
+                       torch.nn.functional.cross_entropy, x, y)
+        self.run_model(self.mlp, lambda p: torch.optim.SGD(p, lr=0.1, momentum=0.9,
+                                                           weight_decay=1e-3, foreach=True),
+                       torch.nn.functional.cross_entropy, x, y)
+
     def test_normalised_mlp_mse(self):
         def model():
             return torch.nn.Sequential(
@@ -225,14 +233,36 @@ class Operators(unittest.TestCase):
         close(self, torch.arange(5.0, -1.0, -0.5, device=DEV), torch.arange(5.0, -1.0, -0.5))
         close(self, torch.linspace(-1, 2, 7, device=DEV), torch.linspace(-1, 2, 7))
 
-    def test_foreach_add(self):
-        params = [torch.randn(5), torch.randn(3, 2)]
-        grads = [torch.randn(5), torch.randn(3, 2)]
-        dev = [p.to(DEV) for p in params]
-        torch._foreach_add_(dev, [g.to(DEV) for g in grads], alpha=-0.1)
-        torch._foreach_add_(params, grads, alpha=-0.1)
-        for got, want in zip(dev, params):
-            close(self, got, want)
+    def test_foreach(self):
+        def lists(*shapes):
+            return [torch.randn(shape) for shape in shapes]
+        shapes = [(5,), (3, 2), (0,), (17,)]
+        a, b, c = lists(*shapes), lists(*shapes), [t.abs() + 0.5 for t in lists(*shapes)]
+        cases = [
+            lambda x, y, z: torch._foreach_add_(x, y, alpha=-0.1),
+            lambda x, y, z: torch._foreach_mul_(x, y),
+            lambda x, y, z: torch._foreach_div_(x, z),
+            lambda x, y, z: torch._foreach_maximum_(x, y),
+            lambda x, y, z: torch._foreach_mul_(x, 0.9),
+            lambda x, y, z: torch._foreach_div_(x, [2.0, 3.0, 4.0, 5.0]),
+            lambda x, y, z: torch._foreach_addcmul_(x, y, y, 0.3),
+            lambda x, y, z: torch._foreach_addcdiv_(x, y, z, [0.1, -0.2, 0.3, 0.4]),
+            lambda x, y, z: torch._foreach_neg_(x),
+            lambda x, y, z: torch._foreach_sqrt_(z),
+            lambda x, y, z: list(torch._foreach_add(z, 1e-3)) + list(torch._foreach_sub(x, y)),
+            lambda x, y, z: list(torch._foreach_sqrt(z)) + list(torch._foreach_addcdiv(x, y, z)),
+        ]
+        non_contiguous = [torch.randn(5, 2)[:, 0], torch.randn(2, 3).t(), torch.randn(0),
+                          torch.randn(17)]
+        for fn in cases:
+            for first in (a, non_contiguous):
+                nerva_torch.reset_fallback_ops()
+                dev = [[t.to(DEV) for t in l] for l in (first, b, c)]
+                host = [[t.clone() for t in l] for l in (first, b, c)]
+                got, want = fn(*dev), fn(*host)
+                for g, w in zip(got or dev[0] + dev[2], want or host[0] + host[2]):
+                    close(self, g, w)
+                self.assertEqual(nerva_torch.fallback_ops(), [])
 
     def test_dropout_and_random(self):
         x = torch.ones(4000, device=DEV)
