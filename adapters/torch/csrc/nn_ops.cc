@@ -423,6 +423,54 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeBatchNormBackward(
           output_mask[2] ? gb : at::Tensor()};
 }
 
+std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeGroupNorm(
+    const at::Tensor& input, const c10::optional<at::Tensor>& weight,
+    const c10::optional<at::Tensor>& bias, c10::SymInt n, c10::SymInt c, c10::SymInt hxw,
+    int64_t group, double eps) {
+  CheckFloat(input, "native_group_norm");
+  at::Tensor out = EmptyLike(input);
+  at::Tensor mean = Empty({n.expect_int(), group}, input.scalar_type());
+  at::Tensor rstd = Empty({n.expect_int(), group}, input.scalar_type());
+  if (input.numel() == 0) return {out, mean, rstd};
+  Call call("native_group_norm");
+  Operand x = call.In(input), w = OptionalIn(call, weight), b = OptionalIn(call, bias);
+  Operand o = call.Out(out), m = call.Out(mean), r = call.Out(rstd);
+  nerva::GroupNormOption option;
+  option.num_groups = static_cast<int>(group);
+  option.eps = static_cast<float>(eps);
+  call.Run(nerva::GroupNorm::Create(GetQueue(), option, x.opt, x.buf, w.opt, w.buf, b.opt, b.buf,
+                                    o.opt, o.buf, m.opt, m.buf, r.opt, r.buf));
+  return {out, mean, rstd};
+}
+
+std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeGroupNormBackward(
+    const at::Tensor& grad, const at::Tensor& input, const at::Tensor& mean, const at::Tensor& rstd,
+    const c10::optional<at::Tensor>& weight, c10::SymInt n, c10::SymInt c, c10::SymInt hxw,
+    int64_t group, std::array<bool, 3> output_mask) {
+  CheckFloat(input, "native_group_norm_backward");
+  const int64_t channels = c.expect_int();
+  at::Tensor gi = EmptyLike(input);
+  at::Tensor gw = Empty({channels}, input.scalar_type());
+  at::Tensor gb = Empty({channels}, input.scalar_type());
+  if (input.numel() == 0) {
+    gw.zero_();
+    gb.zero_();
+  } else {
+    Call call("native_group_norm_backward");
+    Operand g = call.In(grad), x = call.In(input), m = call.In(mean), r = call.In(rstd);
+    Operand w = OptionalIn(call, weight);
+    Operand ogi = call.Out(gi), ogw = call.Out(gw), ogb = call.Out(gb);
+    nerva::GroupNormBackwardOption option;
+    option.num_groups = static_cast<int>(group);
+    option.output_mask = {true, true, true};
+    call.Run(nerva::GroupNormBackward::Create(GetQueue(), option, g.opt, g.buf, x.opt, x.buf, m.opt,
+                                              m.buf, r.opt, r.buf, w.opt, w.buf, ogi.opt, ogi.buf,
+                                              ogw.opt, ogw.buf, ogb.opt, ogb.buf));
+  }
+  return {output_mask[0] ? gi : at::Tensor(), output_mask[1] ? gw : at::Tensor(),
+          output_mask[2] ? gb : at::Tensor()};
+}
+
 // ---------------------------------------------------------------- selection
 
 at::Tensor Where(const at::Tensor& condition, const at::Tensor& self, const at::Tensor& other) {
@@ -752,6 +800,8 @@ void RegisterNorms(torch::Library& m) {
   m.impl("native_layer_norm_backward", TORCH_FN(NativeLayerNormBackward));
   m.impl("native_batch_norm", TORCH_FN(NativeBatchNorm));
   m.impl("native_batch_norm_backward", TORCH_FN(NativeBatchNormBackward));
+  m.impl("native_group_norm", TORCH_FN(NativeGroupNorm));
+  m.impl("native_group_norm_backward", TORCH_FN(NativeGroupNormBackward));
 }
 
 void RegisterSelection(torch::Library& m) {

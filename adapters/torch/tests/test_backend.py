@@ -295,7 +295,7 @@ def forward_and_grads(device, fn, inputs, need_grad):
 
 
 class SlidingWindows(unittest.TestCase):
-    """Convolution and pooling, forward and backward, against CPU torch."""
+    """Convolution, pooling and group norm, forward and backward, against CPU torch."""
 
     def setUp(self):
         torch.manual_seed(6)
@@ -362,6 +362,13 @@ class SlidingWindows(unittest.TestCase):
         for size in ((3, 2), (4, 7), (1, 1)):
             self.compare(lambda a, s=size: F.adaptive_avg_pool2d(a, s), [x], [True])
         self.compare(lambda a: F.adaptive_avg_pool2d(a, 2), [torch.randn(3, 5, 6)], [True])
+
+    def test_group_norm(self):
+        F = torch.nn.functional
+        x = torch.randn(3, 7, 5, 6).permute(0, 3, 1, 2)  # non-contiguous (3, 6, 7, 5)
+        self.compare(lambda a, w, b: F.group_norm(a, 3, w, b), [x, torch.randn(6), torch.randn(6)],
+                     [True, True, True])
+        self.compare(lambda a: F.group_norm(a, 2), [torch.randn(2, 4, 9)], [True])
 
 
 class Indexing(unittest.TestCase):
