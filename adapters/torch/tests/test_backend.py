@@ -254,8 +254,8 @@ class Operators(unittest.TestCase):
         ]
         non_contiguous = [torch.randn(5, 2)[:, 0], torch.randn(2, 3).t(), torch.randn(0),
                           torch.randn(17)]
-        for fn in cases:
-            for first in (a, non_contiguous):
+        for n, fn in enumerate(cases):
+            for first in (a, non_contiguous) if n % 3 == 0 else (a,):
                 nerva_torch.reset_fallback_ops()
                 dev = [[t.to(DEV) for t in l] for l in (first, b, c)]
                 host = [[t.clone() for t in l] for l in (first, b, c)]
@@ -390,7 +390,6 @@ class Indexing(unittest.TestCase):
         self.check(lambda x, i: x.index_select(1, i), a, idx)
         self.check(lambda x, i: x.index_select(0, i[:3]), a.t(), idx)  # non-contiguous
         self.check(lambda x, i: x.index_select(0, i), a, idx[:0])  # empty index
-        self.check(lambda x, i: x.index_select(0, i), torch.randint(-9, 9, (6, 2)), idx[:3])
         g = torch.randint(0, 5, (3, 7))
         self.check(lambda x, i: x.gather(0, i), a, g)
         self.check(lambda x, i: x.gather(1, i), a.t(), g.t()[:, :3])
@@ -408,12 +407,10 @@ class Indexing(unittest.TestCase):
         self.check(lambda x, i, s: x.scatter_add(1, i, s), a, dup, big)
         self.check(lambda x, i, s: x.t().scatter_add(0, i.t(), s.t()), a, dup, big)
         self.check(lambda x, i, s: x.scatter(1, i, s, reduce="multiply"), a, dup, big)
-        for reduce in ("sum", "prod", "mean", "amax", "amin"):
-            for include_self in (True, False):
-                self.check(lambda x, i, s, r=reduce, inc=include_self:
-                           x.scatter_reduce(1, i, s, r, include_self=inc), a, dup, big)
-        self.check(lambda x, i, s: x.scatter_add(1, i, s), torch.randint(0, 9, (4, 6)), dup,
-                   torch.randint(0, 9, (4, 9)))
+        for reduce, include_self in (("sum", False), ("prod", True), ("mean", False),
+                                     ("amax", True), ("amin", False)):
+            self.check(lambda x, i, s, r=reduce, inc=include_self:
+                       x.scatter_reduce(1, i, s, r, include_self=inc), a, dup, big)
         self.check(lambda x, i, s: x.scatter_add(0, i, s), a, dup[:0], big[:0])
 
     def test_advanced_indexing(self):
