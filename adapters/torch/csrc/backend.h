@@ -92,6 +92,14 @@ class Call {
 // Converts `src` (same shape) into `dst` on the device: any strides, offsets and types.
 void DeviceCopy(const at::Tensor& dst, const at::Tensor& src, const char* op);
 
+// out = alpha * a @ b + beta * input (input may be null), batched or not; the operands
+// may be strided views and broadcast batch dimensions.
+void GemmInto(const char* name, const at::Tensor& a, const at::Tensor& b, const at::Tensor* input,
+              float beta, float alpha, const at::Tensor& out);
+
+// Copies `result` into a caller's .out tensor, resized to its shape.
+at::Tensor& ToOut(at::Tensor& out, const at::Tensor& result, const char* op);
+
 // Notes that `op` runs on the CPU: a one-time warning, or an error under
 // NERVA_TORCH_NO_FALLBACK=1; recorded for nerva_torch.fallback_ops().
 void NoteFallback(const std::string& op);

@@ -29,13 +29,6 @@ void CheckFloat(const at::Tensor& t, const char* op) {
               ": expected a floating tensor, got ", t.scalar_type());
 }
 
-// Copies `result` into a caller's out tensor (resized to its shape).
-at::Tensor& ToOut(at::Tensor& out, const at::Tensor& result, const char* op) {
-  if (out.sizes() != result.sizes()) out.resize_(result.sizes());
-  DeviceCopy(out, result, op);
-  return out;
-}
-
 // ---------------------------------------------------------------- softmax
 
 template <bool kLog>
@@ -430,6 +423,54 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeBatchNormBackward(
           output_mask[2] ? gb : at::Tensor()};
 }
 
+std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeGroupNorm(
+    const at::Tensor& input, const c10::optional<at::Tensor>& weight,
+    const c10::optional<at::Tensor>& bias, c10::SymInt n, c10::SymInt c, c10::SymInt hxw,
+    int64_t group, double eps) {
+  CheckFloat(input, "native_group_norm");
+  at::Tensor out = EmptyLike(input);
+  at::Tensor mean = Empty({n.expect_int(), group}, input.scalar_type());
+  at::Tensor rstd = Empty({n.expect_int(), group}, input.scalar_type());
+  if (input.numel() == 0) return {out, mean, rstd};
+  Call call("native_group_norm");
+  Operand x = call.In(input), w = OptionalIn(call, weight), b = OptionalIn(call, bias);
+  Operand o = call.Out(out), m = call.Out(mean), r = call.Out(rstd);
+  nerva::GroupNormOption option;
+  option.num_groups = static_cast<int>(group);
+  option.eps = static_cast<float>(eps);
+  call.Run(nerva::GroupNorm::Create(GetQueue(), option, x.opt, x.buf, w.opt, w.buf, b.opt, b.buf,
+                                    o.opt, o.buf, m.opt, m.buf, r.opt, r.buf));
+  return {out, mean, rstd};
+}
+
+std::tuple<at::Tensor, at::Tensor, at::Tensor> NativeGroupNormBackward(
+    const at::Tensor& grad, const at::Tensor& input, const at::Tensor& mean, const at::Tensor& rstd,
+    const c10::optional<at::Tensor>& weight, c10::SymInt n, c10::SymInt c, c10::SymInt hxw,
+    int64_t group, std::array<bool, 3> output_mask) {
+  CheckFloat(input, "native_group_norm_backward");
+  const int64_t channels = c.expect_int();
+  at::Tensor gi = EmptyLike(input);
+  at::Tensor gw = Empty({channels}, input.scalar_type());
+  at::Tensor gb = Empty({channels}, input.scalar_type());
+  if (input.numel() == 0) {
+    gw.zero_();
+    gb.zero_();
+  } else {
+    Call call("native_group_norm_backward");
+    Operand g = call.In(grad), x = call.In(input), m = call.In(mean), r = call.In(rstd);
+    Operand w = OptionalIn(call, weight);
+    Operand ogi = call.Out(gi), ogw = call.Out(gw), ogb = call.Out(gb);
+    nerva::GroupNormBackwardOption option;
+    option.num_groups = static_cast<int>(group);
+    option.output_mask = {true, true, true};
+    call.Run(nerva::GroupNormBackward::Create(GetQueue(), option, g.opt, g.buf, x.opt, x.buf, m.opt,
+                                              m.buf, r.opt, r.buf, w.opt, w.buf, ogi.opt, ogi.buf,
+                                              ogw.opt, ogw.buf, ogb.opt, ogb.buf));
+  }
+  return {output_mask[0] ? gi : at::Tensor(), output_mask[1] ? gw : at::Tensor(),
+          output_mask[2] ? gb : at::Tensor()};
+}
+
 // ---------------------------------------------------------------- selection
 
 at::Tensor Where(const at::Tensor& condition, const at::Tensor& self, const at::Tensor& other) {
@@ -707,32 +748,6 @@ at::Tensor& LinspaceOut(const at::Scalar& start, const at::Scalar& end, int64_t 
   return out;
 }
 
-// ---------------------------------------------------------------- multi-tensor
-
-void ForeachAddList(at::TensorList self, at::TensorList other, const at::Scalar& alpha) {
-  TORCH_CHECK(self.size() == other.size(), "nerva_torch: _foreach_add_: ", self.size(), " and ",
-              other.size(), " tensors");
-  std::vector<nerva::TensorOption> self_opts, other_opts;
-  std::vector<nerva::Buffer> self_bufs, other_bufs;
-  Call call("_foreach_add_.List");
-  for (size_t i = 0; i < self.size(); ++i) {
-    TORCH_CHECK(self[i].sizes() == other[i].sizes(), "nerva_torch: _foreach_add_: tensor ", i,
-                " shapes ", self[i].sizes(), " and ", other[i].sizes());
-    if (self[i].numel() == 0) continue;
-    Operand a = call.Out(self[i]), b = call.InAs(other[i], self[i].scalar_type());
-    self_opts.push_back(a.opt);
-    self_bufs.push_back(a.buf);
-    other_opts.push_back(b.opt);
-    other_bufs.push_back(b.buf);
-  }
-  if (self_opts.empty()) return;
-  nerva::ForEachBinaryOption option;
-  option.op_type = nerva::BinaryType::kAdd;
-  option.alpha = static_cast<float>(alpha.toDouble());
-  call.Run(nerva::ForEachBinary::Create(GetQueue(), option, self_opts, self_bufs, other_opts,
-                                        other_bufs, self_opts, self_bufs));
-}
-
 void RegisterSearch(torch::Library& m) {
   m.impl("cumsum", TORCH_FN(Cumsum));
   m.impl("cumsum.out", TORCH_FN(CumsumOut));
@@ -747,7 +762,6 @@ void RegisterSearch(torch::Library& m) {
   m.impl("topk", TORCH_FN(Topk));
   m.impl("arange.start_out", TORCH_FN(ArangeOut));
   m.impl("linspace.out", TORCH_FN(LinspaceOut));
-  m.impl("_foreach_add_.List", TORCH_FN(ForeachAddList));
 }
 
 void RegisterSoftmax(torch::Library& m) {
@@ -786,6 +800,8 @@ void RegisterNorms(torch::Library& m) {
   m.impl("native_layer_norm_backward", TORCH_FN(NativeLayerNormBackward));
   m.impl("native_batch_norm", TORCH_FN(NativeBatchNorm));
   m.impl("native_batch_norm_backward", TORCH_FN(NativeBatchNormBackward));
+  m.impl("native_group_norm", TORCH_FN(NativeGroupNorm));
+  m.impl("native_group_norm_backward", TORCH_FN(NativeGroupNormBackward));
 }
 
 void RegisterSelection(torch::Library& m) {

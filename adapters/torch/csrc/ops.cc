@@ -394,7 +394,8 @@ void CheckFloating(const at::Tensor& t, const char* op) {
               ": expected a floating tensor, got ", t.scalar_type());
 }
 
-// out = alpha * a @ b + beta * input (input may be absent), batched or not.
+}  // namespace
+
 void GemmInto(const char* name, const at::Tensor& a, const at::Tensor& b, const at::Tensor* input,
               float beta, float alpha, const at::Tensor& out) {
   CheckFloating(a, name);
@@ -432,6 +433,8 @@ void GemmInto(const char* name, const at::Tensor& a, const at::Tensor& b, const 
                                    o.opt, o.buf));
   }
 }
+
+namespace {
 
 // Writes into `out` through a temporary when out aliases an operand.
 template <typename F>
@@ -728,51 +731,12 @@ void RegisterActivations(torch::Library& m) {
   m.impl("leaky_relu_backward", TORCH_FN(LeakyReluBackward));
 }
 
-// ---------------------------------------------------------------- convolution
-
-// Convolution goes through the host until nerva's Im2col/Col2im kernels are wired here;
-// it is reported as a fallback like any other.
-at::Tensor ToDevice(const at::Tensor& t) {
-  return t.defined() ? t.to(Device()) : t;
-}
-
-at::Tensor ConvolutionOverrideable(const at::Tensor& input, const at::Tensor& weight,
-                                   const c10::optional<at::Tensor>& bias, at::IntArrayRef stride,
-                                   at::IntArrayRef padding, at::IntArrayRef dilation,
-                                   bool transposed, at::IntArrayRef output_padding,
-                                   int64_t groups) {
-  NoteFallback("aten::convolution_overrideable");
-  c10::optional<at::Tensor> host_bias;
-  if (bias && bias->defined()) host_bias = bias->cpu();
-  return ToDevice(at::convolution(input.cpu(), weight.cpu(), host_bias, stride, padding, dilation,
-                                  transposed, output_padding, groups));
-}
-
-std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvolutionBackwardOverrideable(
-    const at::Tensor& grad, const at::Tensor& input, const at::Tensor& weight,
-    at::IntArrayRef stride, at::IntArrayRef padding, at::IntArrayRef dilation, bool transposed,
-    at::IntArrayRef output_padding, int64_t groups, std::array<bool, 3> output_mask) {
-  NoteFallback("aten::convolution_backward_overrideable");
-  std::vector<int64_t> bias_sizes{weight.size(transposed ? 1 : 0) * (transposed ? groups : 1)};
-  auto result = at::convolution_backward(grad.cpu(), input.cpu(), weight.cpu(),
-                                         at::IntArrayRef(bias_sizes), stride, padding, dilation,
-                                         transposed, output_padding, groups, output_mask);
-  return {ToDevice(std::get<0>(result)), ToDevice(std::get<1>(result)),
-          ToDevice(std::get<2>(result))};
-}
-
-void RegisterConvolution(torch::Library& m) {
-  m.impl("convolution_overrideable", TORCH_FN(ConvolutionOverrideable));
-  m.impl("convolution_backward_overrideable", TORCH_FN(ConvolutionBackwardOverrideable));
-}
-
 }  // namespace
 
 TORCH_LIBRARY_IMPL(aten, PrivateUse1, m) {
   RegisterElementwise(m);
   RegisterMatmul(m);
   RegisterActivations(m);
-  RegisterConvolution(m);
 }
 
 }  // namespace nerva_torch

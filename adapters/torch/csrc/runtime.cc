@@ -321,6 +321,12 @@ void DeviceCopy(const at::Tensor& dst, const at::Tensor& src, const char* op) {
   call.Run(nerva::Cast::Create(GetQueue(), in.opt, in.buf, out.opt, out.buf));
 }
 
+at::Tensor& ToOut(at::Tensor& out, const at::Tensor& result, const char* op) {
+  if (out.sizes() != result.sizes()) out.resize_(result.sizes());
+  DeviceCopy(out, result, op);
+  return out;
+}
+
 namespace {
 
 // copy_: host to device, device to host and device to device, any layouts.
