@@ -31,14 +31,32 @@ __kernel void EmbeddingBag(IX_PARAM(w), IX_PARAM(idx), int is64, IX_PARAM(off), 
   const ulong width = min((ulong)EB_W, dim - first);
   int count = 0;
   if (width == EB_W) {
-    EB_VEC acc = mode == 2 ? -INFINITY : 0.0f;
-    for (long j = start; j < end; ++j) {
-      const long r = ix_fix(ix_load_index(idx_ptr + idx_off, j, is64), rows, 0);
-      if (r < 0 || r == padding) continue;
-      EB_VEC v = VLOAD(DTYPE, 16, wt + r * (long)dim);
-      if (has_psw) v *= (float)VLOAD(DTYPE, 1, IX_BASE(psw, DTYPE) + j);
-      acc = mode == 2 ? select(acc, v, isnan(v) || v > acc) : acc + v;
-      ++count;
+    /* Branch-free loop bodies per mode: the row load is the whole cost. */
+    __global const uchar *ix = idx_ptr + idx_off;
+    EB_VEC acc = 0.0f;
+    if (mode == 2) {
+      acc = -INFINITY;
+      for (long j = start; j < end; ++j) {
+        const long r = ix_fix(ix_load_index(ix, j, is64), rows, 0);
+        if (r < 0 || r == padding) continue;
+        const EB_VEC v = VLOAD(DTYPE, 16, wt + r * (long)dim);
+        acc = select(acc, v, isnan(v) || v > acc);
+        ++count;
+      }
+    } else if (has_psw) {
+      for (long j = start; j < end; ++j) {
+        const long r = ix_fix(ix_load_index(ix, j, is64), rows, 0);
+        if (r < 0 || r == padding) continue;
+        acc += VLOAD(DTYPE, 16, wt + r * (long)dim) * (float)VLOAD(DTYPE, 1, IX_BASE(psw, DTYPE) + j);
+        ++count;
+      }
+    } else {
+      for (long j = start; j < end; ++j) {
+        const long r = ix_fix(ix_load_index(ix, j, is64), rows, 0);
+        if (r < 0 || r == padding) continue;
+        acc += VLOAD(DTYPE, 16, wt + r * (long)dim);
+        ++count;
+      }
     }
     if (count == 0) acc = 0.0f;
     if (mode == 1 && count > 0) acc /= (float)count;
