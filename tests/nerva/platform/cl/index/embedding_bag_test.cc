@@ -10,7 +10,7 @@ namespace cl {
 namespace testing {
 namespace {
 
-constexpr long kRows = 11, kDim = 5;
+constexpr long kRows = 11, kDim = 21;  // a 16-wide chunk and a narrower one
 
 // One bag per [offsets[b], end); indices outside [0, rows) and padding skipped.
 std::vector<double> BagRef(const std::vector<double>& w, const std::vector<long>& idx,

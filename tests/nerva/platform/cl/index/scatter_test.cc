@@ -30,8 +30,9 @@ double Combine(double a, double b, ScatterReduceType op) {
 // torch.scatter_reduce on the host: index and src of isz; indices outside [0, size) skipped.
 std::vector<double> ScatterRef(const std::vector<double>& in, int dim, const std::vector<long>& isz,
                                const std::vector<long>& index, const std::vector<double>& src,
-                               ScatterReduceType op, bool include_self, bool integral) {
-  const auto st = Strides(kInput);
+                               ScatterReduceType op, bool include_self, bool integral,
+                               const std::vector<long>& shape = kInput) {
+  const auto st = Strides(shape);
   std::vector<double> acc(in.size(), 0.0);
   std::vector<int> count(in.size(), 0);
   std::vector<double> out = in;
@@ -40,7 +41,7 @@ std::vector<double> ScatterRef(const std::vector<double>& in, int dim, const std
       for (long c = 0; c < isz[2]; ++c) {
         const long i = (a * isz[1] + b) * isz[2] + c;
         long pos[3] = {a, b, c};
-        if (index[i] < 0 || index[i] >= kInput[dim]) continue;
+        if (index[i] < 0 || index[i] >= shape[dim]) continue;
         pos[dim] = index[i];
         const long p = pos[0] * st[0] + pos[1] * st[1] + pos[2] * st[2];
         if (op == ScatterReduceType::kNone) {
@@ -138,6 +139,47 @@ INSTANTIATE_TEST_SUITE_P(
                       ScatterCase{kInt32, R::kMean, false}, ScatterCase{kHalf, R::kAmax, true},
                       ScatterCase{kInt64, R::kAmax, false}, ScatterCase{kFloat, R::kAmin, false},
                       ScatterCase{kInt32, R::kAmin, true}));
+
+// An index of one value per row, expanded along the last dimension (stride 0): the row path.
+// Rows of 37 (two 16-wide chunks and a tail), the index covering 35 columns of them.
+TEST(ScatterTest, RowsOfAnExpandedIndex) {
+  const std::vector<long> shape = {4, 3, 37};
+  const long len = 35;
+  const ScatterCase cases[] = {{kFloat, R::kSum, true},  {kHalf, R::kSum, false},
+                               {kInt32, R::kSum, true},  {kInt64, R::kAmax, false},
+                               {kFloat, R::kProd, true}, {kFloat, R::kAmin, false}};
+  for (const auto& [data, op, include_self] : cases) {
+    const bool integral = data != kFloat && data != kHalf;
+    const auto in = RandomValues(Count(shape), data, 40);
+    Tensor x = Put(in, shape, data);
+    for (int dim = 0; dim < 2; ++dim) {
+      std::vector<long> isz = {4, 3, len};
+      isz[dim] = 9;  // duplicates
+      const long rows = isz[0] * isz[1];
+      auto per_row = RandomIndices(rows, 0, shape[dim], 50 + dim);
+      per_row[1] = -1;          // skipped
+      per_row[4] = shape[dim];  // skipped
+      std::vector<long> index;
+      for (long v : per_row) index.insert(index.end(), len, v);
+      const std::vector<long> ssz = {isz[0] + 1, isz[1], shape[2]};
+      const auto src_full = RandomValues(Count(ssz), data, 60 + dim);
+      std::vector<double> src;
+      for (long r = 0; r < rows; ++r)
+        for (long c = 0; c < len; ++c) src.push_back(src_full[r * shape[2] + c]);
+      Tensor base = PutIndex(per_row, {isz[0], isz[1], 1}, kInt64);
+      Tensor idx = base.BroadcastTo(isz);
+      Tensor sv = Put(src_full, ssz, data);
+      Guarded out(shape, data);
+      TestQueue().Enqueue(Scatter::Create(TestQueue(), ScatterOption{dim, op, include_self},
+                                          x.option(), x.storage(), idx.option(), idx.storage(),
+                                          sv.option(), sv.storage(), out.option(), out.buffer()));
+      ExpectNear(out.values(),
+                 ScatterRef(in, dim, isz, index, src, op, include_self, integral, shape), data,
+                 op == R::kProd ? 20 : 4);
+      EXPECT_TRUE(out.GuardsIntact()) << dim;
+    }
+  }
+}
 
 TEST(ScatterMeanTest, CountsAndEmptyIndex) {
   const auto in = RandomValues(15, kFloat, 2);

@@ -67,8 +67,9 @@ bool EmbeddingBagKernel::Verify() const {
 
 void EmbeddingBagKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long dim = weight_.shape().sizes()[1];
-  const long n = Bags() * dim;
-  if (n == 0) return;
+  const long bags = Bags();
+  if (bags * dim == 0) return;
+  const long chunks = (dim + 15) / 16;  // EB_W columns per work item
   const long len = ElementCount(indices_);
   const Tensor weight = Dense(session, weight_);
   const Tensor indices = len > 0 ? Dense(session, indices_) : out_;
@@ -78,14 +79,14 @@ void EmbeddingBagKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const Tensor psw = has_psw ? Dense(session, psw_) : out_;
   auto& unit = Unit(session, "embedding_bag.cl", TypeOptions(weight_.dtype()), name());
   unit.SetArgs(Arg(weight), Arg(indices), Is64(indices), Arg(offsets), fixed ? 0 : Is64(offsets),
-               Arg(psw), static_cast<int>(has_psw), Arg(out_), static_cast<cl_ulong>(n),
+               Arg(psw), static_cast<int>(has_psw), Arg(out_), static_cast<cl_ulong>(bags),
                static_cast<cl_ulong>(dim), static_cast<cl_long>(weight_.shape().sizes()[0]),
                static_cast<cl_long>(len),
                static_cast<cl_long>(fixed ? 0 : offsets_.shape().sizes()[0]),
                static_cast<cl_long>(fixed ? indices_.shape().sizes()[1] : 0),
                static_cast<int>(option_.include_last_offset), static_cast<int>(option_.mode),
-               static_cast<cl_long>(option_.padding_idx));
-  Launch(unit, n);
+               static_cast<cl_long>(option_.padding_idx), static_cast<cl_ulong>(chunks));
+  Launch(unit, bags * chunks);
 }
 
 namespace {

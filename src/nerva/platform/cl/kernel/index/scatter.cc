@@ -67,6 +67,10 @@ void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
     return;
   }
   const int op = static_cast<int>(reduce_);
+  if (RowPath(d)) {
+    CompileRows(session, input, table, options, d);
+    return;
+  }
   Accumulator acc = BeginAccumulate(session, out_, op, !include_self_);
   if (n > 0) {
     auto& unit = Unit(session, "scatter.cl", options, "Scatter");
@@ -76,6 +80,51 @@ void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
     Launch(unit, n);
   }
   EndAccumulate(session, acc, input, out_, include_self_);
+}
+
+bool ScatterKernel::RowPath(int d) const {
+  const auto& sizes = index_.shape().sizes();
+  const size_t last = sizes.size() - 1;
+  if (sizes.size() < 2 || static_cast<int>(last) == d) return false;
+  const bool constant = sizes[last] == 1 || index_.shape().strides()[last] == 0;
+  const bool src_rows = sizes[last] == 1 || src_.shape().strides()[last] == 1;
+  // The row lists count in 32 bits.
+  return constant && src_rows && ElementCount(index_) / sizes[last] < (1L << 31);
+}
+
+void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
+                                const Buffer& table, const BuildOption& options, int d) {
+  const long len = index_.shape().sizes().back();
+  const long rows = ElementCount(index_) / len;
+  const long width = out_.shape().sizes().back();
+  const long out_rows = ElementCount(out_) / width;
+  const long dsize = input_.shape().sizes()[d];
+  const long dstride = out_.shape().strides()[d];
+  Buffer key = Scratch(session, rows * 8), src_at = Scratch(session, rows * 8);
+  Buffer order = Scratch(session, rows * 8);
+  Buffer count = Scratch(session, out_rows * 4), start = Scratch(session, (out_rows + 1) * 4);
+  auto& zero = Unit(session, "scatter_pre.cl", TypeOptions(kInt32), "acc_init");
+  zero.SetArgs(count, count, static_cast<cl_ulong>(out_rows),
+               static_cast<int>(ScatterReduceType::kSum), 0);
+  Launch(zero, out_rows);
+  auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key");
+  keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(rows),
+               static_cast<cl_long>(len), static_cast<cl_long>(dsize),
+               static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at, count);
+  Launch(keys, rows);
+  auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan");
+  scan.SetArgs(count, start, static_cast<cl_ulong>(out_rows));
+  Launch(scan, 1);
+  auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill");
+  fill.SetArgs(key, src_at, count, order, static_cast<cl_ulong>(rows));
+  Launch(fill, rows);
+  const long chunks = (width + 15) / 16;  // SR_W columns per work item
+  auto& reduce = Unit(session, "scatter.cl", options, "scatter_row_reduce");
+  reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), start, order, static_cast<cl_ulong>(out_rows),
+                 static_cast<cl_ulong>(chunks), static_cast<cl_long>(width),
+                 static_cast<cl_long>(len), static_cast<int>(reduce_),
+                 static_cast<int>(include_self_));
+  Launch(reduce, out_rows * chunks);
 }
 
 namespace {

@@ -27,3 +27,85 @@ __kernel void Scatter(IX_PARAM(src), IX_PARAM(idx), int is64, __global ACC_T *ac
   if (v < 0) return;
   ix_accumulate(acc, count, counted, ic + v * dstride, IX_LOAD_ACC(IX_BASE(src, DTYPE), ib), op);
 }
+
+/*
+ * Row path of the reductions, for an index constant along its last
+ * dimension (not `dim`): every index row of `len` elements sends one src row
+ * to one out row. The rows are bucketed by destination (count, scan, fill),
+ * then each out row combines its own list without atomics.
+ * Index row i starts at element i * len of index's shape; its key is the out
+ * row it reaches (out offset / width), or -1 when the index is outside.
+ */
+__kernel void scatter_row_key(IX_PARAM(idx), int is64, __global const long *m, ulong rows,
+                              long len, long dsize, long dstride, long width,
+                              __global long *key, __global long *src_at, __global int *count) {
+  const ulong i = get_global_id(0);
+  if (i >= rows) return;
+  long ia, ib, ic, cd;
+  ix_walk(m, i * len, &ia, &ib, &ic, &cd);
+  const long v = ix_fix(ix_load_index(idx_ptr + idx_off, ia, is64), dsize, 0);
+  const long k = v < 0 ? -1 : (ic + v * dstride) / width;
+  key[i] = k;
+  src_at[i] = ib;
+  if (k >= 0) atomic_inc((volatile __global int *)count + k);
+}
+
+/* start[k] = sum of count[0..k) for k <= n, and count[k] = start[k] (the fill
+ * cursors). One work item: n is the number of out rows. */
+__kernel void scatter_row_scan(__global int *count, __global int *start, ulong n) {
+  if (get_global_id(0) != 0) return;
+  int sum = 0;
+  for (ulong k = 0; k < n; ++k) {
+    const int c = count[k];
+    start[k] = sum;
+    count[k] = sum;
+    sum += c;
+  }
+  start[n] = sum;
+}
+
+__kernel void scatter_row_fill(__global const long *key, __global const long *src_at,
+                               __global int *cursor, __global long *order, ulong rows) {
+  const ulong i = get_global_id(0);
+  if (i >= rows) return;
+  const long k = key[i];
+  if (k < 0) return;
+  order[atomic_inc((volatile __global int *)cursor + k)] = src_at[i];
+}
+
+/* Work item g: columns [16 c, 16 c + 16) of out row t (g = t * chunks + c).
+ * Columns below len combine the input (include_self) with the src rows of
+ * the list; a row without any, and columns from len on, keep the input. */
+#define SR_W 16
+#define SR_VEC NERVA_VEC(ACC_T, 16)
+#define SR_LOAD16(p) NERVA_CAT(convert_, SR_VEC)(VLOAD(DTYPE, 16, p))
+__kernel void scatter_row_reduce(IX_PARAM(src), IX_PARAM(in), IX_PARAM(out),
+                                 __global const int *start, __global const long *order,
+                                 ulong out_rows, ulong chunks, long width, long len, int op,
+                                 int include_self) {
+  const ulong g = get_global_id(0);
+  if (g >= out_rows * chunks) return;
+  const ulong t = g / chunks;
+  const long first = (long)(g - t * chunks) * SR_W;
+  const int lo = start[t], hi = start[t + 1];
+  __global const DTYPE *s = IX_BASE(src, DTYPE) + first;
+  __global const DTYPE *self = IX_BASE(in, DTYPE) + t * width + first;
+  __global DTYPE *dst = IX_BASE(out, DTYPE) + t * width + first;
+  const long end = hi > lo ? min(width - first, len - first) : 0;
+  if (end >= SR_W && op == IX_SUM) {
+    SR_VEC acc = include_self ? SR_LOAD16(self) : (SR_VEC)0;
+    for (int r = lo; r < hi; ++r) acc += SR_LOAD16(s + order[r]);
+    VSTORE(DTYPE, 16, CONVERT_WRAP(DTYPE, 16, acc), dst);
+    return;
+  }
+  const long w = min((long)SR_W, width - first);
+  for (long k = 0; k < w; ++k) {
+    ACC_T r = IX_LOAD_ACC(self, k);
+    if (k < end) {
+      ACC_T acc = ix_identity(op);
+      for (int j = lo; j < hi; ++j) acc = ix_combine(acc, IX_LOAD_ACC(s + order[j], k), op);
+      r = include_self ? ix_combine(r, acc, op) : acc;
+    }
+    IX_STORE_ACC(r, dst, k);
+  }
+}

@@ -37,6 +37,14 @@ class ScatterKernel : public IndexFrameKernel {
                    const Buffer& table, long n, long dsize, long dstride);
 
  private:
+  // The reductions but kMean take a row path when the index is constant along its last
+  // dimension (an index of one value per row, expanded: the usual scatter_add pattern) and that
+  // dimension is not `dim`: src rows are bucketed by destination row on the device, and each
+  // out row then combines its list without atomics.
+  bool RowPath(int d) const;
+  void CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
+                   const Buffer& table, const BuildOption& options, int d);
+
   int dim_;
   ScatterReduceType reduce_;
   bool include_self_;
