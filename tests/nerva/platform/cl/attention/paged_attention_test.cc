@@ -23,8 +23,8 @@ struct PagedCase {
 };
 
 void RunPaged(const PagedCase& c, unsigned seed) {
-  SCOPED_TRACE(StrCat("heads ", c.heads, "/", c.kv_heads, " size ", c.size, " block ",
-                      c.block_size, " type ", c.type, " index ", c.index));
+  SCOPED_TRACE(StrCat("heads ", c.heads, "/", c.kv_heads, " size ", c.size, " block ", c.block_size,
+                      " type ", c.type, " index ", c.index));
   const long seqs = static_cast<long>(c.lens.size());
   const long max_len = *std::max_element(c.lens.begin(), c.lens.end());
   const long max_blocks = (max_len + c.block_size - 1) / c.block_size;
@@ -39,8 +39,8 @@ void RunPaged(const PagedCase& c, unsigned seed) {
   std::vector<double> lens(c.lens.begin(), c.lens.end());
   std::vector<long> used(c.lens.begin(), c.lens.end());
   if (c.bad_ids) {
-    table[1] = static_cast<double>(blocks + 5);  // drops tokens [bs, 2 bs) of sequence 0
-    table[max_blocks + 0] = -1.0;                // drops the first block of sequence 1
+    table[1] = static_cast<double>(blocks + 5);    // drops tokens [bs, 2 bs) of sequence 0
+    table[max_blocks + 0] = -1.0;                  // drops the first block of sequence 1
     lens[2] = static_cast<double>(max_len + 100);  // clamped to max_seq_len
     used[2] = max_len;
   }
@@ -89,9 +89,9 @@ void RunPaged(const PagedCase& c, unsigned seed) {
   PagedAttentionV1Option o1{static_cast<int>(c.kv_heads), static_cast<float>(scale),
                             static_cast<int>(c.block_size), static_cast<int>(max_len)};
   TestQueue().Enqueue(PagedAttentionV1::Create(
-      TestQueue(), o1, query.option(), query.storage(), key.option(), key.storage(),
-      value.option(), value.storage(), tables.option(), tables.storage(), seq_lens.option(),
-      seq_lens.storage(), out1.option(), out1.storage(), logits.option(), logits.storage()));
+      TestQueue(), o1, query.option(), query.storage(), key.option(), key.storage(), value.option(),
+      value.storage(), tables.option(), tables.storage(), seq_lens.option(), seq_lens.storage(),
+      out1.option(), out1.storage(), logits.option(), logits.storage()));
   const std::vector<double> got1 = DownloadAs(out1);
   ExpectClose(got1, want, abs, rel, "v1 out");
   const std::vector<double> got_logits = DownloadAs(logits);
@@ -109,13 +109,12 @@ void RunPaged(const PagedCase& c, unsigned seed) {
   Tensor maxes = MakeOutput({seqs, c.heads, parts}, kFloat);
   Tensor tmp = MakeOutput({seqs, c.heads, parts, c.size}, kFloat);
   PagedAttentionV2Option o2{static_cast<int>(c.kv_heads), static_cast<float>(scale),
-                            static_cast<int>(c.block_size), static_cast<int>(max_len),
-                            c.partition};
+                            static_cast<int>(c.block_size), static_cast<int>(max_len), c.partition};
   TestQueue().Enqueue(PagedAttentionV2::Create(
-      TestQueue(), o2, query.option(), query.storage(), key.option(), key.storage(),
-      value.option(), value.storage(), tables.option(), tables.storage(), seq_lens.option(),
-      seq_lens.storage(), out2.option(), out2.storage(), sums.option(), sums.storage(),
-      maxes.option(), maxes.storage(), tmp.option(), tmp.storage()));
+      TestQueue(), o2, query.option(), query.storage(), key.option(), key.storage(), value.option(),
+      value.storage(), tables.option(), tables.storage(), seq_lens.option(), seq_lens.storage(),
+      out2.option(), out2.storage(), sums.option(), sums.storage(), maxes.option(), maxes.storage(),
+      tmp.option(), tmp.storage()));
   const std::vector<double> got2 = DownloadAs(out2);
   ExpectClose(got2, want, abs, rel, "v2 out");
   ExpectClose(got2, got1, abs, rel, "v2 against v1");
@@ -150,7 +149,8 @@ TEST(ClPagedAttentionTest, ArgumentChecks) {
   };
   ExpectThrow<std::runtime_error>([&] { v1(3, kc, bt); }, "must be a multiple of num_kv_heads 3");
   ExpectThrow<std::runtime_error>([&] { v1(2, bad, bt); }, "key_cache has shape [3, 2, 16, 32]");
-  ExpectThrow<std::invalid_argument>([&] { v1(2, kc, fbt); }, "block_tables must be int32 or int64");
+  ExpectThrow<std::invalid_argument>([&] { v1(2, kc, fbt); },
+                                     "block_tables must be int32 or int64");
 }
 
 }  // namespace

@@ -21,9 +21,9 @@ struct BwdCase {
 };
 
 void RunBackward(const BwdCase& c, unsigned seed) {
-  SCOPED_TRACE(StrCat("B ", c.B, " H ", c.H, "/", c.Hk, " L ", c.L, " S ", c.S, " E ", c.E,
-                      " lse ", c.from_lse, " causal ", c.causal, " mask ", Shape(c.mask_sizes),
-                      " type ", c.type, " dropout ", c.dropout));
+  SCOPED_TRACE(StrCat("B ", c.B, " H ", c.H, "/", c.Hk, " L ", c.L, " S ", c.S, " E ", c.E, " lse ",
+                      c.from_lse, " causal ", c.causal, " mask ", Shape(c.mask_sizes), " type ",
+                      c.type, " dropout ", c.dropout));
   HostAttention ref;
   ref.B = c.B, ref.H = c.H, ref.Hk = c.Hk, ref.L = c.L, ref.S = c.S, ref.E = c.E, ref.Ev = c.E;
   ref.scale = 1.0 / std::sqrt(static_cast<double>(c.E));
@@ -95,10 +95,10 @@ void RunBackward(const BwdCase& c, unsigned seed) {
   Buffer gmb = gm_arg.buffer;
   TestQueue().Enqueue(ScaledDotProductAttentionBackward::Create(
       TestQueue(), option, dout.option(), dout.storage(), query.option(), query.storage(),
-      key.option(), key.storage(), value.option(), value.storage(), saved.option(),
-      saved.storage(), gq.option(), gq.storage(), gk.option(), gk.storage(), gv.option(),
-      gv.storage(), gm_arg.option, gmb, gw.option(), gw.storage(), gs.option(), gs.storage(),
-      delta.option(), delta.storage()));
+      key.option(), key.storage(), value.option(), value.storage(), saved.option(), saved.storage(),
+      gq.option(), gq.storage(), gk.option(), gk.storage(), gv.option(), gv.storage(),
+      gm_arg.option, gmb, gw.option(), gw.storage(), gs.option(), gs.storage(), delta.option(),
+      delta.storage()));
   const bool half = t == kHalf;
   const double abs = half ? 1e-2 : 1e-4, rel = half ? 1e-2 : 1e-3;
   ExpectClose(DownloadAs(gq), dq, abs, rel, "grad_query");
@@ -123,8 +123,8 @@ TEST(ClSdpaBackwardTest, FromLogsumexp) {
   for (long n : {1L, 7L, 64L}) RunBackward({1, 2, 2, n, n, 64}, seed++);
   RunBackward({1, 1, 1, 7, 257, 64}, seed++);
   RunBackward({1, 2, 2, 64, 64, 128, true, true}, seed++);
-  RunBackward({2, 4, 2, 7, 33, 64}, seed++);                  // grouped heads
-  RunBackward({1, 4, 1, 9, 9, 64, true, true}, seed++);       // grouped, causal
+  RunBackward({2, 4, 2, 7, 33, 64}, seed++);             // grouped heads
+  RunBackward({1, 4, 1, 9, 9, 64, true, true}, seed++);  // grouped, causal
 }
 
 TEST(ClSdpaBackwardTest, FromProbabilitiesWithMasks) {

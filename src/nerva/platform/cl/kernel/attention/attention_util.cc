@@ -1,7 +1,9 @@
 #include "nerva/platform/cl/kernel/attention/attention_util.h"
 
+#include <algorithm>
 #include <stdexcept>
 
+#include "nerva/platform/cl/kernel/norm/norm_util.h"
 #include "nerva/platform/cl/kernel/reduce/reduce_util.h"
 #include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
@@ -73,6 +75,21 @@ View4 EmptyView(const std::shared_ptr<SessionImpl>& session, std::vector<Tensor>
   return *FoldView(t);
 }
 
+Tensor ScratchTensor(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& sizes,
+                     DataType dtype) {
+  const long bytes =
+      std::max(Count(sizes), 1L) * static_cast<long>(TypeTraitsHelper::GetSize(dtype));
+  return Tensor(TensorOption{Shape(sizes), dtype}, MakeScratchBuffer(session, bytes), 0);
+}
+
+Tensor OptionalInput(const TensorOption& option, const Buffer& buffer) {
+  return OptionalTensor(option, buffer);
+}
+
+void CheckGiven(const std::string& op, const std::string& arg, const Tensor& tensor) {
+  CheckPresent(op, arg, tensor);
+}
+
 void CheckFloating(const std::string& op, const std::string& arg, const Tensor& tensor) {
   if (tensor.dtype() != kFloat && tensor.dtype() != kHalf) {
     throw std::invalid_argument(
@@ -83,8 +100,8 @@ void CheckFloating(const std::string& op, const std::string& arg, const Tensor& 
 void CheckShaped(const std::string& op, const std::string& arg, const Tensor& tensor,
                  const std::vector<long>& sizes, DataType dtype) {
   if (!tensor.defined()) {
-    throw std::invalid_argument(StrCat(op, ": ", arg, " is undefined (expected ", Shape(sizes),
-                                       ")"));
+    throw std::invalid_argument(
+        StrCat(op, ": ", arg, " is undefined (expected ", Shape(sizes), ")"));
   }
   if (tensor.shape().sizes() != sizes) {
     throw std::runtime_error(StrCat(op, ": ", arg, " has shape ", Shape(tensor.shape().sizes()),

@@ -37,6 +37,16 @@ View4 ViewOf(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session, co
 // A view of nothing (a one-element scratch buffer), for absent tensors.
 View4 EmptyView(const std::shared_ptr<SessionImpl>& session, std::vector<Tensor>* keep);
 
+// A contiguous device tensor of `sizes` for a kernel's intermediate results.
+Tensor ScratchTensor(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& sizes,
+                     DataType dtype);
+
+// An input or output the caller may leave out (empty shape or null buffer):
+// undefined then.
+Tensor OptionalInput(const TensorOption& option, const Buffer& buffer);
+// A tensor the caller must give, else std::invalid_argument "<op>: <arg> is undefined".
+void CheckGiven(const std::string& op, const std::string& arg, const Tensor& tensor);
+
 // A float or half tensor, else std::invalid_argument "<op>: unsupported <arg> type ...".
 void CheckFloating(const std::string& op, const std::string& arg, const Tensor& tensor);
 // A given tensor with exactly `sizes` and `dtype` (any strides), else

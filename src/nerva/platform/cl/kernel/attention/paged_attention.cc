@@ -20,9 +20,8 @@ constexpr long kMaxHeadSize = 512;
 
 PagedAttentionKernel::PagedAttentionKernel(
     const PagedAttentionV1Option& option, const TensorOption& query_opt, const Buffer& query,
-    const TensorOption& key_cache_opt, const Buffer& key_cache,
-    const TensorOption& value_cache_opt, const Buffer& value_cache,
-    const TensorOption& block_tables_opt, const Buffer& block_tables,
+    const TensorOption& key_cache_opt, const Buffer& key_cache, const TensorOption& value_cache_opt,
+    const Buffer& value_cache, const TensorOption& block_tables_opt, const Buffer& block_tables,
     const TensorOption& seq_lens_opt, const Buffer& seq_lens, const TensorOption& out_opt,
     Buffer& out, const TensorOption& logits_opt, Buffer& logits)
     : KernelImpl("PagedAttentionV1"),
@@ -41,9 +40,8 @@ PagedAttentionKernel::PagedAttentionKernel(
 
 PagedAttentionKernel::PagedAttentionKernel(
     const PagedAttentionV2Option& option, const TensorOption& query_opt, const Buffer& query,
-    const TensorOption& key_cache_opt, const Buffer& key_cache,
-    const TensorOption& value_cache_opt, const Buffer& value_cache,
-    const TensorOption& block_tables_opt, const Buffer& block_tables,
+    const TensorOption& key_cache_opt, const Buffer& key_cache, const TensorOption& value_cache_opt,
+    const Buffer& value_cache, const TensorOption& block_tables_opt, const Buffer& block_tables,
     const TensorOption& seq_lens_opt, const Buffer& seq_lens, const TensorOption& out_opt,
     Buffer& out, const TensorOption& exp_sums_opt, Buffer& exp_sums,
     const TensorOption& max_logits_opt, Buffer& max_logits, const TensorOption& tmp_out_opt,
@@ -75,8 +73,10 @@ long PagedAttentionKernel::Partitions() const {
 
 bool PagedAttentionKernel::Verify() const {
   const std::string op = name();
-  for (auto [t, arg] : {std::pair{&query_, "query"}, {&key_cache_, "key_cache"},
-                        {&value_cache_, "value_cache"}, {&block_tables_, "block_tables"},
+  for (auto [t, arg] : {std::pair{&query_, "query"},
+                        {&key_cache_, "key_cache"},
+                        {&value_cache_, "value_cache"},
+                        {&block_tables_, "block_tables"},
                         {&seq_lens_, "seq_lens"}}) {
     CheckPresent(op, arg, *t);
   }
@@ -85,16 +85,16 @@ bool PagedAttentionKernel::Verify() const {
   const auto& q = query_.shape().sizes();
   const long seqs = q[0], heads = q[1], size = q[2];
   if (num_kv_heads_ <= 0 || heads % num_kv_heads_ != 0) {
-    throw std::runtime_error(StrCat(op, ": query heads ", heads,
-                                    " must be a multiple of num_kv_heads ", num_kv_heads_));
+    throw std::runtime_error(
+        StrCat(op, ": query heads ", heads, " must be a multiple of num_kv_heads ", num_kv_heads_));
   }
   if (block_size_ <= 0 || max_seq_len_ <= 0) {
     throw std::invalid_argument(StrCat(op, ": block_size ", block_size_, " and max_seq_len ",
                                        max_seq_len_, " must be positive"));
   }
   if (size > kMaxHeadSize || size == 0) {
-    throw std::runtime_error(StrCat(op, ": head size ", size, " must be in [1, ", kMaxHeadSize,
-                                    "]"));
+    throw std::runtime_error(
+        StrCat(op, ": head size ", size, " must be in [1, ", kMaxHeadSize, "]"));
   }
   CheckRank(op, "key_cache", key_cache_, 4, 4);
   const long blocks = key_cache_.shape().sizes()[0];
@@ -112,7 +112,8 @@ bool PagedAttentionKernel::Verify() const {
   CheckShaped(op, "out", out_, q, query_.dtype());
   for (const Tensor* t : {&key_cache_, &value_cache_, &block_tables_, &seq_lens_}) {
     if (!t->is_contiguous()) {
-      throw std::runtime_error(StrCat(op, ": caches, block_tables and seq_lens must be contiguous"));
+      throw std::runtime_error(
+          StrCat(op, ": caches, block_tables and seq_lens must be contiguous"));
     }
   }
   const long parts = Partitions();
@@ -125,7 +126,8 @@ bool PagedAttentionKernel::Verify() const {
     }
   } else if (logits_.defined()) {
     CheckShaped(op, "logits", logits_, {seqs, heads, static_cast<long>(max_seq_len_)}, kFloat);
-    if (!logits_.is_contiguous()) throw std::runtime_error(StrCat(op, ": logits must be contiguous"));
+    if (!logits_.is_contiguous())
+      throw std::runtime_error(StrCat(op, ": logits must be contiguous"));
   }
   return true;
 }
@@ -151,12 +153,11 @@ void PagedAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
   MakeSubKernel(session, "PagedAttention", sources, options, "paged_attention")
       ->SetArgs(qv, key_cache_.storage(), value_cache_.storage(), block_tables_.storage(),
                 block_tables_.dtype() == kInt64 ? 1 : 0, static_cast<int>(max_blocks),
-                seq_lens_.storage(), seq_lens_.dtype() == kInt64 ? 1 : 0,
-                static_cast<int>(blocks), block_size_, num_kv_heads_,
-                static_cast<int>(heads / num_kv_heads_), scale_, max_seq_len_,
-                v2() ? partition_size_ : max_seq_len_, static_cast<int>(parts), v2() ? 0 : 1, ov,
-                buf(logits_), logits_.defined() ? 1 : 0, buf(max_logits_), buf(exp_sums_),
-                buf(tmp_out_))
+                seq_lens_.storage(), seq_lens_.dtype() == kInt64 ? 1 : 0, static_cast<int>(blocks),
+                block_size_, num_kv_heads_, static_cast<int>(heads / num_kv_heads_), scale_,
+                max_seq_len_, v2() ? partition_size_ : max_seq_len_, static_cast<int>(parts),
+                v2() ? 0 : 1, ov, buf(logits_), logits_.defined() ? 1 : 0, buf(max_logits_),
+                buf(exp_sums_), buf(tmp_out_))
       .SetGlobal({static_cast<size_t>(kGroup), static_cast<size_t>(heads * parts),
                   static_cast<size_t>(seqs)})
       .SetLocal({static_cast<size_t>(kGroup), 1, 1});
@@ -164,8 +165,8 @@ void PagedAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
   MakeSubKernel(session, "PagedAttention", sources, options, "paged_attention_reduce")
       ->SetArgs(max_logits_.storage(), exp_sums_.storage(), tmp_out_.storage(),
                 static_cast<int>(parts), ov)
-      .SetGlobal({static_cast<size_t>(kGroup), static_cast<size_t>(heads),
-                  static_cast<size_t>(seqs)})
+      .SetGlobal(
+          {static_cast<size_t>(kGroup), static_cast<size_t>(heads), static_cast<size_t>(seqs)})
       .SetLocal({static_cast<size_t>(kGroup), 1, 1});
 }
 

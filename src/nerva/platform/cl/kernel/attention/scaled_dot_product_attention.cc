@@ -60,8 +60,8 @@ AttentionDims AttentionShapes(const std::string& op, const Tensor& query, const 
   d.E = q[r - 1];
   d.Ev = v[r - 1];
   if (k[r - 1] != d.E) {
-    throw std::runtime_error(StrCat(op, ": query ", Shape(q), " and key ", Shape(k),
-                                    " differ in the embedding size"));
+    throw std::runtime_error(
+        StrCat(op, ": query ", Shape(q), " and key ", Shape(k), " differ in the embedding size"));
   }
   if (v[r - 2] != d.S || (r >= 3 && v[r - 3] != d.kv_heads)) {
     throw std::runtime_error(StrCat(op, ": key ", Shape(k), " and value ", Shape(v),
@@ -75,8 +75,8 @@ AttentionDims AttentionShapes(const std::string& op, const Tensor& query, const 
                                                : " differ (set enable_gqa for grouped heads)"));
   }
   if (d.E > kMaxHeadDim || d.Ev > kMaxHeadDim) {
-    throw std::runtime_error(StrCat(op, ": head sizes ", d.E, " and ", d.Ev, " exceed ",
-                                    kMaxHeadDim));
+    throw std::runtime_error(
+        StrCat(op, ": head sizes ", d.E, " and ", d.Ev, " exceed ", kMaxHeadDim));
   }
   if (query.dtype() != key.dtype() || query.dtype() != value.dtype()) {
     throw std::invalid_argument(StrCat(op, ": query, key and value types ", query.dtype(), ", ",
@@ -108,8 +108,8 @@ Tensor ExpandMask(const std::string& op, const Tensor& mask, const std::vector<l
     strides[t] = ms[i] == 1 ? 0 : mt[i];
   }
   if (!ok) {
-    throw std::runtime_error(StrCat(op, ": attn_mask ", Shape(ms), " does not broadcast to ",
-                                    Shape(sizes)));
+    throw std::runtime_error(
+        StrCat(op, ": attn_mask ", Shape(ms), " does not broadcast to ", Shape(sizes)));
   }
   return mask.AsStrided(sizes, strides, mask.storage_offset());
 }
@@ -136,8 +136,7 @@ ScaledDotProductAttentionKernel::ScaledDotProductAttentionKernel(
     const TensorOption& logsumexp_opt, Buffer& logsumexp, const TensorOption& attn_weights_opt,
     Buffer& attn_weights)
     : ScaledDotProductAttentionKernel(
-          option, Tensor(query_opt, query, 0), Tensor(key_opt, key, 0),
-          Tensor(value_opt, value, 0),
+          option, Tensor(query_opt, query, 0), Tensor(key_opt, key, 0), Tensor(value_opt, value, 0),
           option.is_causal ? Tensor() : OptionalTensor(attn_mask_opt, attn_mask),
           OptionalTensor(out_opt, out), OptionalTensor(logsumexp_opt, logsumexp),
           OptionalTensor(attn_weights_opt, attn_weights), 0) {
@@ -201,7 +200,8 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
   const View4 v = ViewOf(*this, session, value_, &keep_);
   const View4 out = ViewOf(*this, session, out_, &keep_);
   const View4 lse = ViewOf(*this, session, WithUnitColumn(lse_), &keep_);
-  const View4 attn = attn_.defined() ? ViewOf(*this, session, attn_, &keep_) : EmptyView(session, &keep_);
+  const View4 attn =
+      attn_.defined() ? ViewOf(*this, session, attn_, &keep_) : EmptyView(session, &keep_);
   if (out.buffer.UnsafeGetPtr() != out_.storage().UnsafeGetPtr() ||
       lse.buffer.UnsafeGetPtr() != lse_.storage().UnsafeGetPtr() ||
       (attn_.defined() && attn.buffer.UnsafeGetPtr() != attn_.storage().UnsafeGetPtr())) {
@@ -217,8 +217,8 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
   const float p = option_.dropout_p;
   const PhiloxDraw draw(session, option_.use_seed, option_.seed);
   MakeSubKernel(session, "ScaledDotProductAttention::forward",
-                {"common.h", "random.h", "attention.h", "scaled_dot_product_attention.cl"},
-                options, "sdpa_forward")
+                {"common.h", "random.h", "attention.h", "scaled_dot_product_attention.cl"}, options,
+                "sdpa_forward")
       ->SetArgs(q, k, v, mask, mask_kind, out, lse, attn, attn_.defined() ? 1 : 0,
                 static_cast<int>(heads), static_cast<int>(d.L), static_cast<int>(d.S),
                 static_cast<int>(heads / kv_heads), AttentionScale(option_.scale, d.E),

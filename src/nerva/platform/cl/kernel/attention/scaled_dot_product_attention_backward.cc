@@ -85,16 +85,16 @@ bool ScaledDotProductAttentionBackwardKernel::Verify() const {
   if (delta_.defined()) CheckShaped(op, "delta", delta_, rows, kFloat);
   if (grad_mask_.defined()) {
     if (grad_mask_.dtype() != t) {
-      throw std::invalid_argument(StrCat(op, ": grad_attn_mask type ", grad_mask_.dtype(),
-                                         " must be the query's ", t));
+      throw std::invalid_argument(
+          StrCat(op, ": grad_attn_mask type ", grad_mask_.dtype(), " must be the query's ", t));
     }
     if (!FoldView(ExpandMask(op, grad_mask_, scores))) {
       throw std::runtime_error(StrCat(op, ": grad_attn_mask ", Shape(grad_mask_.shape().sizes()),
                                       " broadcasts over leading dimensions that do not fold"));
     }
   }
-  for (const Tensor* out : {&grad_query_, &grad_key_, &grad_value_, &grad_weights_,
-                            &grad_scores_, &delta_, &grad_mask_}) {
+  for (const Tensor* out : {&grad_query_, &grad_key_, &grad_value_, &grad_weights_, &grad_scores_,
+                            &delta_, &grad_mask_}) {
     if (out->defined() && !FoldView(*out)) {
       throw std::runtime_error(StrCat(op, ": output ", Shape(out->shape().sizes()),
                                       " must have foldable leading dimensions"));
@@ -110,7 +110,9 @@ void ScaledDotProductAttentionBackwardKernel::Compile(std::shared_ptr<SessionImp
   if (batch * heads == 0 || (d.L == 0 && d.S == 0)) return;
   const bool from_lse = FromLogsumexp();
   const View4 empty = EmptyView(session, &keep_);
-  auto view = [&](const Tensor& t) { return t.defined() ? ViewOf(*this, session, t, &keep_) : empty; };
+  auto view = [&](const Tensor& t) {
+    return t.defined() ? ViewOf(*this, session, t, &keep_) : empty;
+  };
   const View4 dout = view(grad_output_), q = view(query_), k = view(key_), v = view(value_);
   const View4 probs = from_lse ? empty : view(saved_);
   const View4 lse = from_lse ? view(WithUnitColumn(saved_)) : empty;
@@ -153,7 +155,9 @@ void ScaledDotProductAttentionBackwardKernel::Compile(std::shared_ptr<SessionImp
         .SetArg(static_cast<cl_ulong>(draw.state().seed))
         .SetArg(static_cast<cl_ulong>(draw.state().offset));
   };
-  auto rounded = [](long n) { return static_cast<size_t>((n + kRowBlock - 1) / kRowBlock * kRowBlock); };
+  auto rounded = [](long n) {
+    return static_cast<size_t>((n + kRowBlock - 1) / kRowBlock * kRowBlock);
+  };
   const View4 delta_view = view(delta);
   if (d.L > 0) {
     auto unit = MakeSubKernel(session, program, sources, options, "sdpa_backward_query");
@@ -190,12 +194,12 @@ void ScaledDotProductAttentionBackwardKernel::Compile(std::shared_ptr<SessionImp
 NERVA_STATIC_REGISTER {
   ClModule::singleton()
       .AddKernel<ScaledDotProductAttentionBackwardKernel,
-                 const ScaledDotProductAttentionBackwardOption&, const TensorOption&,
-                 const Buffer&, const TensorOption&, const Buffer&, const TensorOption&,
-                 const Buffer&, const TensorOption&, const Buffer&, const TensorOption&,
-                 const Buffer&, const TensorOption&, Buffer&, const TensorOption&, Buffer&,
+                 const ScaledDotProductAttentionBackwardOption&, const TensorOption&, const Buffer&,
+                 const TensorOption&, const Buffer&, const TensorOption&, const Buffer&,
+                 const TensorOption&, const Buffer&, const TensorOption&, const Buffer&,
                  const TensorOption&, Buffer&, const TensorOption&, Buffer&, const TensorOption&,
-                 Buffer&, const TensorOption&, Buffer&, const TensorOption&, Buffer&>(
+                 Buffer&, const TensorOption&, Buffer&, const TensorOption&, Buffer&,
+                 const TensorOption&, Buffer&, const TensorOption&, Buffer&>(
           "ScaledDotProductAttentionBackward");
 };
 
