@@ -25,8 +25,17 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
     int mask_kind, DECL_VIEW(DTYPE, out), DECL_VIEW(float, lse), DECL_VIEW(DTYPE, attn),
     int write_attn, int heads, int L, int S, int group, float scale, int causal,
     int causal_offset, float dropout_p, ulong seed, ulong offset) {
+#ifdef NERVA_HOST_CPU_DEVICE
+  /* Items of a group run one after the other on a CPU thread: the tiles stay
+   * in its cache, and reading them in place spares the barriers. */
+#define KS(j, d) LOAD1(VIEW_PTR(k, b, hk, k0 + (j), d))
+#define VS(j, d) LOAD1(VIEW_PTR(v, b, hk, k0 + (j), d))
+#else
   __local float ks[BK][HEAD_DIM];
   __local float vs[BK][VALUE_DIM];
+#define KS(j, d) ks[j][d]
+#define VS(j, d) vs[j][d]
+#endif
   const int lid = get_local_id(0);
   const int i = get_group_id(0) * BQ + lid;
   const int h = get_global_id(1), b = get_global_id(2);
@@ -47,6 +56,7 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
   const int last = min(L - 1, (int)(get_group_id(0) * BQ + BQ - 1));
   const int kend = causal ? clamp(last + causal_offset + 1, 0, S) : S;
   for (int k0 = 0; k0 < kend; k0 += BK) {
+#ifndef NERVA_HOST_CPU_DEVICE
     barrier(CLK_LOCAL_MEM_FENCE);
     for (int e = lid; e < BK * HEAD_DIM; e += BQ) {
       const int j = e / HEAD_DIM, d = e - j * HEAD_DIM;
@@ -57,6 +67,7 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
       vs[j][d] = k0 + j < S ? LOAD1(VIEW_PTR(v, b, hk, k0 + j, d)) : 0.0f;
     }
     barrier(CLK_LOCAL_MEM_FENCE);
+#endif
     if (active) {
       float tile_max = -INFINITY;
       for (int j = 0; j < BK; ++j) {
@@ -64,7 +75,7 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
         float s = -INFINITY;
         if (key < S && (!causal || key <= i + causal_offset)) {
           float dot = 0.0f;
-          for (int d = 0; d < HEAD_DIM; ++d) dot += qr[d] * ks[j][d];
+          for (int d = 0; d < HEAD_DIM; ++d) dot += qr[d] * KS(j, d);
           s = apply_mask(dot, mask_kind, mask_ptr, VIEW_INDEX(mask, b, h, i, key));
         }
         sc[j] = s;
@@ -82,7 +93,7 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
             p = dropout_keep(row_index + k0 + j, seed, offset, dropout_p) ? p * keep_scale : 0.0f;
           }
           if (p != 0.0f) {
-            for (int d = 0; d < VALUE_DIM; ++d) acc[d] += p * vs[j][d];
+            for (int d = 0; d < VALUE_DIM; ++d) acc[d] += p * VS(j, d);
           }
         }
         m = m_new;
