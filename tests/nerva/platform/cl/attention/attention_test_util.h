@@ -18,8 +18,8 @@ struct HostAttention {
   double scale = 1.0;
   bool causal = false;
   long causal_offset = 0;
-  std::vector<double> bias;  // [B, H, L, S] added to the scores (-inf drops), or empty
-  std::vector<double> keep;  // [B, H, L, S] dropout factors (0 or 1 / (1 - p)), or empty
+  std::vector<double> bias = {};  // [B, H, L, S] added to the scores (-inf drops), or empty
+  std::vector<double> keep = {};  // [B, H, L, S] dropout factors (0 or 1 / (1 - p)), or empty
 
   long Q(long b, long h, long i) const { return (b * H + h) * L + i; }
   long K(long b, long h, long j) const { return (b * Hk + h / (H / Hk)) * S + j; }

@@ -15,7 +15,7 @@ struct BwdCase {
   long B, H, Hk, L, S, E;
   bool from_lse = true;
   bool causal = false;
-  std::vector<long> mask_sizes;  // additive mask (probabilities path), empty for none
+  std::vector<long> mask_sizes = {};  // additive mask (probabilities path), empty for none
   DataType type = kFloat;
   float dropout = 0.0f;
 };
@@ -75,7 +75,9 @@ void RunBackward(const BwdCase& c, unsigned seed) {
     for (size_t i = 0; i < w.size(); ++i) {
       ref.keep[i] = w[i] != 0 ? 1.0 / (1.0 - c.dropout) : 0.0;
       dropped += p[i] != 0 && w[i] == 0;
-      if (w[i] != 0) EXPECT_NEAR(w[i], p[i] / (1.0 - c.dropout), 1e-5 + 1e-3 * w[i]) << i;
+      if (w[i] != 0) {
+        EXPECT_NEAR(w[i], p[i] / (1.0 - c.dropout), 1e-5 + 1e-3 * w[i]) << i;
+      }
     }
     const double frac = static_cast<double>(dropped) / static_cast<double>(w.size());
     EXPECT_NEAR(frac, c.dropout, 0.05);

@@ -15,7 +15,7 @@ enum class Mask { kNone, kBool, kFloat, kHalf };
 struct SdpaCase {
   long B, H, Hk, L, S, E, Ev;
   Mask mask = Mask::kNone;
-  std::vector<long> mask_sizes;  // broadcasting to [B, H, L, S]
+  std::vector<long> mask_sizes = {};  // broadcasting to [B, H, L, S]
   bool causal = false;
   DataType type = kFloat;
   bool weights = false;
