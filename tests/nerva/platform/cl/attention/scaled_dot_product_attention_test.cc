@@ -3,6 +3,7 @@
 // bool and additive masks that broadcast, causal, grouped heads, strided
 // inputs, half data, the probabilities, dropout and the argument checks.
 
+#include "nerva/platform/cl/kernel/attention/scaled_dot_product_attention.h"
 #include "nerva/platform/cl/attention/attention_test_util.h"
 
 namespace nerva {
@@ -127,6 +128,23 @@ TEST(ClSdpaTest, HalfData) {
   unsigned seed = 2300;
   RunSdpa({1, 2, 2, 64, 64, 64, 64, Mask::kFloat, {64, 64}, false, kHalf, true}, seed++);
   RunSdpa({1, 4, 2, 7, 257, 64, 64, Mask::kNone, {}, true, kHalf}, seed++);
+}
+
+// Head sizes that are not whole vectors leave padded lanes in the blocked
+// program's key and value blocks.
+TEST(ClSdpaTest, OddHeadSizes) {
+  unsigned seed = 2400;
+  RunSdpa({1, 2, 2, 7, 33, 24, 40}, seed++);
+  RunSdpa({1, 1, 1, 5, 9, 24, 40, Mask::kBool, {5, 9}, false, kFloat, true}, seed++);
+}
+
+// The local-memory tiles that devices other than CPUs run.
+TEST(ClSdpaTest, LocalMemoryTiles) {
+  ScaledDotProductAttentionKernel::SetBlockedModeForTesting(0);
+  unsigned seed = 2500;
+  RunSdpa({1, 2, 2, 257, 257, 64, 64, Mask::kNone, {}, true}, seed++);
+  RunSdpa({2, 4, 2, 7, 65, 64, 64, Mask::kFloat, {2, 1, 7, 65}, false, kFloat, true}, seed++);
+  ScaledDotProductAttentionKernel::SetBlockedModeForTesting(-1);
 }
 
 }  // namespace

@@ -18,6 +18,12 @@ namespace cl {
 namespace {
 constexpr int kQueryBlock = 32;
 constexpr long kMaxHeadDim = 512;
+// The register-blocked program: query rows per item, items per group, keys
+// per block (BK in the program).
+constexpr int kBlockedRows = 8;
+constexpr int kBlockedGroup = 8;
+constexpr long kBlockedKeys = 32;
+int g_blocked_mode = -1;
 
 // Keys per tile: K and V tiles of BK rows in at most 32 KiB of local memory.
 int KeyBlock(long E, long Ev) {
@@ -183,6 +189,10 @@ bool ScaledDotProductAttentionKernel::Verify() const {
   return true;
 }
 
+void ScaledDotProductAttentionKernel::SetBlockedModeForTesting(int mode) {
+  g_blocked_mode = mode;
+}
+
 void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const AttentionDims d = AttentionShapes(name(), query_, key_, value_, option_.enable_gqa);
   const long heads = std::max(d.heads, 1L), kv_heads = std::max(d.kv_heads, 1L);
@@ -207,26 +217,61 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
       (attn_.defined() && attn.buffer.UnsafeGetPtr() != attn_.storage().UnsafeGetPtr())) {
     throw std::runtime_error(StrCat(name(), ": outputs must have foldable leading dimensions"));
   }
-  const int bk = KeyBlock(d.E, d.Ev);
+  const float p = option_.dropout_p;
+  const PhiloxDraw draw(session, option_.use_seed, option_.seed);
+  const bool blocked =
+      g_blocked_mode >= 0 ? g_blocked_mode == 1
+                          : (session->device().getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(query_.dtype()))
       .AddDefinitionAutoType("HEAD_DIM", static_cast<int>(std::max(d.E, 1L)))
-      .AddDefinitionAutoType("VALUE_DIM", static_cast<int>(std::max(d.Ev, 1L)))
-      .AddDefinitionAutoType("BQ", kQueryBlock)
-      .AddDefinitionAutoType("BK", bk);
-  const float p = option_.dropout_p;
-  const PhiloxDraw draw(session, option_.use_seed, option_.seed);
-  MakeSubKernel(session, "ScaledDotProductAttention::forward",
-                {"common.h", "random.h", "attention.h", "scaled_dot_product_attention.cl"}, options,
-                "sdpa_forward")
-      ->SetArgs(q, k, v, mask, mask_kind, out, lse, attn, attn_.defined() ? 1 : 0,
-                static_cast<int>(heads), static_cast<int>(d.L), static_cast<int>(d.S),
-                static_cast<int>(heads / kv_heads), AttentionScale(option_.scale, d.E),
-                causal ? 1 : 0, causal_offset_, p, static_cast<cl_ulong>(draw.state().seed),
-                static_cast<cl_ulong>(draw.state().offset))
-      .SetGlobal({static_cast<size_t>((d.L + kQueryBlock - 1) / kQueryBlock * kQueryBlock),
-                  static_cast<size_t>(heads), static_cast<size_t>(batch)})
-      .SetLocal({static_cast<size_t>(kQueryBlock), 1, 1});
+      .AddDefinitionAutoType("VALUE_DIM", static_cast<int>(std::max(d.Ev, 1L)));
+  if (blocked) {
+    // Keys in blocks, d-major, and value rows padded to whole vectors.
+    const long blocks = (d.S + kBlockedKeys - 1) / kBlockedKeys;
+    const long vp = (std::max(d.Ev, 1L) + 15) / 16 * 16;
+    const long e = std::max(d.E, 1L), bhk = batch * kv_heads;
+    Tensor kt = ScratchTensor(session, {std::max(bhk * blocks * kBlockedKeys * e, 1L)}, kFloat);
+    Tensor vs = ScratchTensor(session, {std::max(bhk * blocks * kBlockedKeys * vp, 1L)}, kFloat);
+    keep_.push_back(kt);
+    keep_.push_back(vs);
+    options.AddDefinitionAutoType("TM", kBlockedRows).AddDefinitionAutoType("WG", kBlockedGroup);
+    const std::vector<std::string> sources{"common.h", "random.h", "attention.h",
+                                           "scaled_dot_product_attention_blocked.cl"};
+    if (blocks > 0) {
+      MakeSubKernel(session, "ScaledDotProductAttention::blocked", sources, options, "sdpa_pack")
+          ->SetArgs(k, v, kt.storage(), vs.storage(), static_cast<int>(d.S),
+                    static_cast<int>(blocks), static_cast<int>(kv_heads))
+          .SetGlobal({static_cast<size_t>(blocks * kBlockedKeys),
+                      static_cast<size_t>(std::max(e, vp)), static_cast<size_t>(bhk)});
+    }
+    const long rows = kBlockedRows * kBlockedGroup;
+    MakeSubKernel(session, "ScaledDotProductAttention::blocked", sources, options,
+                  "sdpa_forward_blocked")
+        ->SetArgs(q, kt.storage(), vs.storage(), static_cast<int>(blocks), mask, mask_kind, out,
+                  lse, attn, attn_.defined() ? 1 : 0, static_cast<int>(heads),
+                  static_cast<int>(kv_heads), static_cast<int>(d.L), static_cast<int>(d.S),
+                  static_cast<int>(heads / kv_heads), AttentionScale(option_.scale, d.E),
+                  causal ? 1 : 0, causal_offset_, p, static_cast<cl_ulong>(draw.state().seed),
+                  static_cast<cl_ulong>(draw.state().offset))
+        .SetGlobal({static_cast<size_t>((d.L + rows - 1) / rows * kBlockedGroup),
+                    static_cast<size_t>(heads), static_cast<size_t>(batch)})
+        .SetLocal({static_cast<size_t>(kBlockedGroup), 1, 1});
+  } else {
+    options.AddDefinitionAutoType("BQ", kQueryBlock)
+        .AddDefinitionAutoType("BK", KeyBlock(d.E, d.Ev));
+    MakeSubKernel(session, "ScaledDotProductAttention::forward",
+                  {"common.h", "random.h", "attention.h", "scaled_dot_product_attention.cl"},
+                  options, "sdpa_forward")
+        ->SetArgs(q, k, v, mask, mask_kind, out, lse, attn, attn_.defined() ? 1 : 0,
+                  static_cast<int>(heads), static_cast<int>(d.L), static_cast<int>(d.S),
+                  static_cast<int>(heads / kv_heads), AttentionScale(option_.scale, d.E),
+                  causal ? 1 : 0, causal_offset_, p, static_cast<cl_ulong>(draw.state().seed),
+                  static_cast<cl_ulong>(draw.state().offset))
+        .SetGlobal({static_cast<size_t>((d.L + kQueryBlock - 1) / kQueryBlock * kQueryBlock),
+                    static_cast<size_t>(heads), static_cast<size_t>(batch)})
+        .SetLocal({static_cast<size_t>(kQueryBlock), 1, 1});
+  }
   if (p > 0.0f) draw.Advance(4);
 }
 

@@ -25,17 +25,10 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
     int mask_kind, DECL_VIEW(DTYPE, out), DECL_VIEW(float, lse), DECL_VIEW(DTYPE, attn),
     int write_attn, int heads, int L, int S, int group, float scale, int causal,
     int causal_offset, float dropout_p, ulong seed, ulong offset) {
-#ifdef NERVA_HOST_CPU_DEVICE
-  /* Items of a group run one after the other on a CPU thread: the tiles stay
-   * in its cache, and reading them in place spares the barriers. */
-#define KS(j, d) LOAD1(VIEW_PTR(k, b, hk, k0 + (j), d))
-#define VS(j, d) LOAD1(VIEW_PTR(v, b, hk, k0 + (j), d))
-#else
   __local float ks[BK][HEAD_DIM];
   __local float vs[BK][VALUE_DIM];
 #define KS(j, d) ks[j][d]
 #define VS(j, d) vs[j][d]
-#endif
   const int lid = get_local_id(0);
   const int i = get_group_id(0) * BQ + lid;
   const int h = get_global_id(1), b = get_global_id(2);
@@ -56,7 +49,6 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
   const int last = min(L - 1, (int)(get_group_id(0) * BQ + BQ - 1));
   const int kend = causal ? clamp(last + causal_offset + 1, 0, S) : S;
   for (int k0 = 0; k0 < kend; k0 += BK) {
-#ifndef NERVA_HOST_CPU_DEVICE
     barrier(CLK_LOCAL_MEM_FENCE);
     for (int e = lid; e < BK * HEAD_DIM; e += BQ) {
       const int j = e / HEAD_DIM, d = e - j * HEAD_DIM;
@@ -67,7 +59,6 @@ __kernel __attribute__((reqd_work_group_size(BQ, 1, 1))) void sdpa_forward(
       vs[j][d] = k0 + j < S ? LOAD1(VIEW_PTR(v, b, hk, k0 + j, d)) : 0.0f;
     }
     barrier(CLK_LOCAL_MEM_FENCE);
-#endif
     if (active) {
       float tile_max = -INFINITY;
       for (int j = 0; j < BK; ++j) {

@@ -49,6 +49,10 @@ class ScaledDotProductAttentionKernel : public KernelImpl {
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;
 
+  // Program choice: -1 by device (the register-blocked program on CPU
+  // devices, the local-memory tiles elsewhere), 0 the tiles, 1 blocked.
+  static void SetBlockedModeForTesting(int mode);
+
  private:
   ScaledDotProductAttentionOption option_;
   Tensor query_, key_, value_, mask_, out_, lse_, attn_;

@@ -41,4 +41,37 @@ inline bool dropout_keep(ulong index, ulong seed, ulong offset, float p) {
   return uniform_from_word(c.x) >= p;
 }
 
+/* e^x lane-wise, within about 2 ulp, for x <= 88; exactly 0 below -87.3
+ * (and for -inf). Cody-Waite reduction x = n ln2 + r, |r| <= ln2 / 2, and a
+ * degree-6 polynomial for e^r: a fixed sequence of multiply-adds, where the
+ * library exponential may be a scalar call per lane. */
+inline float16 exp16(float16 x) {
+  const float16 n = rint(x * 1.44269504f);
+  float16 r = fma(n, (float16)(-0.693145752f), x);
+  r = fma(n, (float16)(-1.42860677e-6f), r);
+  float16 e = fma(r, (float16)(1.0f / 720), (float16)(1.0f / 120));
+  e = fma(e, r, (float16)(1.0f / 24));
+  e = fma(e, r, (float16)(1.0f / 6));
+  e = fma(e, r, (float16)(0.5f));
+  e = fma(e, r, (float16)(1.0f));
+  e = fma(e, r, (float16)(1.0f));
+  const int16 scaled = as_int16(e) + (convert_int16(fmax(n, -127.0f)) << 23);
+  const float16 y = select(as_float16(scaled), (float16)(0.0f), x < (float16)(-87.3f));
+  return select(y, x, isnan(x));
+}
+
+/* Sum and maximum of the sixteen lanes. */
+inline float hsum16(float16 v) {
+  const float8 a = v.lo + v.hi;
+  const float4 b = a.lo + a.hi;
+  const float2 c = b.lo + b.hi;
+  return c.x + c.y;
+}
+inline float hmax16(float16 v) {
+  const float8 a = fmax(v.lo, v.hi);
+  const float4 b = fmax(a.lo, a.hi);
+  const float2 c = fmax(b.lo, b.hi);
+  return fmax(c.x, c.y);
+}
+
 #endif
