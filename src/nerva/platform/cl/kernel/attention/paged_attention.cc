@@ -14,8 +14,27 @@ namespace nerva {
 namespace cl {
 
 namespace {
-constexpr int kGroup = 64;
 constexpr long kMaxHeadSize = 512;
+
+// Items per group: few on CPU devices, whose groups run on one thread each
+// (the groups themselves feed the cores); up to 64 elsewhere, with the merge
+// buffer in at most 16 KiB of local memory.
+int GroupSize(const SessionImpl& session, long group_heads, long size) {
+  const bool cpu = (session.device().getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
+  int wg = cpu ? 2 : 64;
+  while (wg > 1 && (static_cast<size_t>(wg) > session.max_work_group_size() ||
+                    wg * group_heads * (size + 2) * 4 > 16384)) {
+    wg /= 2;
+  }
+  return wg;
+}
+
+// The widest vector (16, 8, 4, 2 or 1 lanes) that divides the head size.
+int VectorWidth(long size) {
+  int w = 16;
+  while (size % w != 0) w /= 2;
+  return w;
+}
 }  // namespace
 
 PagedAttentionKernel::PagedAttentionKernel(
@@ -139,10 +158,14 @@ void PagedAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long parts = Partitions();
   const long blocks = key_cache_.shape().sizes()[0];
   const long max_blocks = block_tables_.shape().sizes()[1];
+  const long group_heads = heads / num_kv_heads_;
+  const int wg = GroupSize(*session, group_heads, size);
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(query_.dtype()))
       .AddDefinitionAutoType("HEAD_DIM", static_cast<int>(size))
-      .AddDefinitionAutoType("WG", kGroup);
+      .AddDefinitionAutoType("GQ", static_cast<int>(group_heads))
+      .AddDefinitionAutoType("VW", VectorWidth(size))
+      .AddDefinitionAutoType("WG", wg);
   const std::vector<std::string> sources{"common.h", "random.h", "attention.h",
                                          "paged_attention.cl"};
   const View4 qv = ViewOf(*this, session, query_, &keep_);
@@ -154,20 +177,19 @@ void PagedAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
       ->SetArgs(qv, key_cache_.storage(), value_cache_.storage(), block_tables_.storage(),
                 block_tables_.dtype() == kInt64 ? 1 : 0, static_cast<int>(max_blocks),
                 seq_lens_.storage(), seq_lens_.dtype() == kInt64 ? 1 : 0, static_cast<int>(blocks),
-                block_size_, num_kv_heads_, static_cast<int>(heads / num_kv_heads_), scale_,
-                max_seq_len_, v2() ? partition_size_ : max_seq_len_, static_cast<int>(parts),
-                v2() ? 0 : 1, ov, buf(logits_), logits_.defined() ? 1 : 0, buf(max_logits_),
-                buf(exp_sums_), buf(tmp_out_))
-      .SetGlobal({static_cast<size_t>(kGroup), static_cast<size_t>(heads * parts),
+                block_size_, num_kv_heads_, scale_, max_seq_len_,
+                v2() ? partition_size_ : max_seq_len_, static_cast<int>(parts), v2() ? 0 : 1, ov,
+                buf(logits_), logits_.defined() ? 1 : 0, buf(max_logits_), buf(exp_sums_),
+                buf(tmp_out_))
+      .SetGlobal({static_cast<size_t>(wg), static_cast<size_t>(num_kv_heads_ * parts),
                   static_cast<size_t>(seqs)})
-      .SetLocal({static_cast<size_t>(kGroup), 1, 1});
+      .SetLocal({static_cast<size_t>(wg), 1, 1});
   if (!v2()) return;
   MakeSubKernel(session, "PagedAttention", sources, options, "paged_attention_reduce")
       ->SetArgs(max_logits_.storage(), exp_sums_.storage(), tmp_out_.storage(),
                 static_cast<int>(parts), ov)
-      .SetGlobal(
-          {static_cast<size_t>(kGroup), static_cast<size_t>(heads), static_cast<size_t>(seqs)})
-      .SetLocal({static_cast<size_t>(kGroup), 1, 1});
+      .SetGlobal({static_cast<size_t>(wg), static_cast<size_t>(heads), static_cast<size_t>(seqs)})
+      .SetLocal({static_cast<size_t>(wg), 1, 1});
 }
 
 NERVA_STATIC_REGISTER {

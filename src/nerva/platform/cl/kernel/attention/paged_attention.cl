@@ -1,85 +1,166 @@
 /*
  * Decode attention over a paged key/value cache.
  *
- * Build definitions: DTYPE, HEAD_DIM, WG (group size).
+ * Build definitions: DTYPE, HEAD_DIM, GQ (query heads per kv head), VW
+ * (vector width dividing HEAD_DIM), WG (group size).
  *
  * Caches are [num_blocks][kv_heads][block_size][HEAD_DIM]; token t of
  * sequence s lives in block block_tables[s][t / block_size] at row
- * t % block_size. A group takes one (sequence, query head, partition): its
- * items walk the partition's tokens WG apart with their own online softmax,
- * then merge through local memory. A sequence length is clamped to
+ * t % block_size. A group takes one (sequence, kv head, partition) and all GQ
+ * query heads that read that kv head, so each key and value row is read once.
+ * Its items take chunks of TB consecutive tokens WG chunks apart: the scores
+ * of a chunk (vector dot products over HEAD_DIM), one online-softmax step for
+ * the chunk, then the value rows weighted into the accumulators. The items
+ * merge through local memory. A sequence length is clamped to
  * [0, min(max_seq_len, max_blocks * block_size)]; a block id outside
  * [0, num_blocks) drops its tokens. A sequence without tokens gets zeros.
  */
 
 #define LOAD1(p) VLOAD(DTYPE, 1, p)
 #define STORE1(v, p) VSTORE(DTYPE, 1, v, p)
+#define TB 16
+#define NVH (HEAD_DIM / VW)
+#define VT NERVA_VEC(float, VW)
 
 inline long load_index(__global const uchar *p, int is64, long i) {
   return is64 ? ((__global const long *)p)[i] : (long)((__global const int *)p)[i];
 }
 
+/* Sum of the lanes of a VT. */
+inline float lane_sum(VT v) {
+#if VW == 16
+  return hsum16(v);
+#elif VW == 8
+  const float4 a = v.lo + v.hi;
+  const float2 b = a.lo + a.hi;
+  return b.x + b.y;
+#elif VW == 4
+  const float2 b = v.lo + v.hi;
+  return b.x + b.y;
+#elif VW == 2
+  return v.x + v.y;
+#else
+  return v;
+#endif
+}
+
 __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
     DECL_VIEW(const DTYPE, q), __global const DTYPE *kc, __global const DTYPE *vc,
     __global const uchar *block_tables, int bt64, int max_blocks, __global const uchar *seq_lens,
-    int sl64, int num_blocks, int block_size, int kv_heads, int group, float scale,
-    int max_seq_len, int partition_size, int num_parts, int direct, DECL_VIEW(DTYPE, out),
-    __global float *logits, int write_logits, __global float *max_logits,
-    __global float *exp_sums, __global float *tmp_out) {
-  __local float lm[WG], ll[WG], lacc[WG][HEAD_DIM];
+    int sl64, int num_blocks, int block_size, int kv_heads, float scale, int max_seq_len,
+    int partition_size, int num_parts, int direct, DECL_VIEW(DTYPE, out), __global float *logits,
+    int write_logits, __global float *max_logits, __global float *exp_sums,
+    __global float *tmp_out) {
+  __local float lm[WG][GQ], ll[WG][GQ], lacc[WG][GQ][HEAD_DIM];
   const int lid = get_local_id(0);
-  const int heads = get_num_groups(1) / num_parts;
-  const int h = get_group_id(1) / num_parts, part = get_group_id(1) % num_parts;
-  const int s = get_group_id(2), hk = h / group;
+  const int heads = kv_heads * GQ;
+  const int hk = get_group_id(1) / num_parts, part = get_group_id(1) % num_parts;
+  const int s = get_group_id(2);
   const long len = clamp(load_index(seq_lens, sl64, s), 0L,
                          min((long)max_seq_len, (long)max_blocks * block_size));
   const long start = (long)part * partition_size;
   const long end = min(start + partition_size, len);
-  float qr[HEAD_DIM], acc[HEAD_DIM];
-  for (int d = 0; d < HEAD_DIM; ++d) {
-    qr[d] = LOAD1(VIEW_PTR(q, 0, s, h, d)) * scale;
-    acc[d] = 0.0f;
-  }
-  float m = -INFINITY, l = 0.0f;
-  for (long t = start + lid; t < end; t += WG) {
-    const long blk = load_index(block_tables, bt64, (long)s * max_blocks + t / block_size);
-    float dot = -INFINITY;
-    if (blk >= 0 && blk < num_blocks) {
-      const long row = ((blk * kv_heads + hk) * block_size + t % block_size) * HEAD_DIM;
-      dot = 0.0f;
-      for (int d = 0; d < HEAD_DIM; ++d) dot += qr[d] * LOAD1(kc + row + d);
-      const float m_new = fmax(m, dot);
-      const float alpha = exp(m - m_new), p = exp(dot - m_new);
-      l = l * alpha + p;
-      for (int d = 0; d < HEAD_DIM; ++d) acc[d] = acc[d] * alpha + p * LOAD1(vc + row + d);
-      m = m_new;
+  VT qv[GQ][NVH], acc[GQ][NVH];
+  float m[GQ], l[GQ];
+  for (int g = 0; g < GQ; ++g) {
+    float qa[HEAD_DIM];
+    for (int d = 0; d < HEAD_DIM; ++d) qa[d] = LOAD1(VIEW_PTR(q, 0, s, hk * GQ + g, d)) * scale;
+#pragma unroll
+    for (int c = 0; c < NVH; ++c) {
+      qv[g][c] = NERVA_LOADN(VW, qa + c * VW);
+      acc[g][c] = (VT)(0.0f);
     }
-    if (write_logits) logits[((long)s * heads + h) * max_seq_len + t] = dot;
+    m[g] = -INFINITY;
+    l[g] = 0.0f;
   }
-  lm[lid] = m;
-  ll[lid] = l;
-  for (int d = 0; d < HEAD_DIM; ++d) lacc[lid][d] = acc[d];
+  for (long c0 = start + (long)lid * TB; c0 < end; c0 += (long)WG * TB) {
+    long rows[TB];
+    float sc[GQ][TB];
+    /* Block-table position of the chunk's first token, then step by step. */
+    long bi = c0 / block_size;
+    int off = (int)(c0 - bi * block_size);
+    long blk = load_index(block_tables, bt64, (long)s * max_blocks + bi);
+    for (int j = 0; j < TB; ++j) {
+      const long t = c0 + j;
+      const long row = t < end && blk >= 0 && blk < num_blocks
+                           ? ((blk * kv_heads + hk) * block_size + off) * HEAD_DIM
+                           : -1;
+      if (++off == block_size && t + 1 < end) {
+        off = 0;
+        blk = load_index(block_tables, bt64, (long)s * max_blocks + ++bi);
+      }
+      rows[j] = row;
+#pragma unroll
+      for (int g = 0; g < GQ; ++g) {
+        float dot = -INFINITY;
+        if (row >= 0) {
+          VT a = (VT)(0.0f);
+#pragma unroll
+          for (int c = 0; c < NVH; ++c) a = fma(qv[g][c], VLOAD(DTYPE, VW, kc + row + c * VW), a);
+          dot = lane_sum(a);
+        }
+        sc[g][j] = dot;
+        if (write_logits && t < end) {
+          logits[((long)s * heads + hk * GQ + g) * max_seq_len + t] = dot;
+        }
+      }
+    }
+#pragma unroll
+    for (int g = 0; g < GQ; ++g) {
+      const float16 x = vload16(0, sc[g]);
+      const float m_new = fmax(m[g], hmax16(x));
+      const float m_use = m_new == -INFINITY ? 0.0f : m_new;
+      const float16 p = exp16(x - m_use);
+      if (m_new > m[g]) {
+        const float alpha = exp(m[g] - m_use);
+        l[g] *= alpha;
+#pragma unroll
+        for (int c = 0; c < NVH; ++c) acc[g][c] *= alpha;
+        m[g] = m_new;
+      }
+      l[g] += hsum16(p);
+      vstore16(p, 0, sc[g]);
+    }
+    for (int j = 0; j < TB; ++j) {
+      if (rows[j] < 0) continue;
+#pragma unroll
+      for (int c = 0; c < NVH; ++c) {
+        const VT vv = VLOAD(DTYPE, VW, vc + rows[j] + c * VW);
+#pragma unroll
+        for (int g = 0; g < GQ; ++g) acc[g][c] = fma((VT)(sc[g][j]), vv, acc[g][c]);
+      }
+    }
+  }
+  for (int g = 0; g < GQ; ++g) {
+    lm[lid][g] = m[g];
+    ll[lid][g] = l[g];
+#pragma unroll
+    for (int c = 0; c < NVH; ++c) NERVA_STOREN(VW, acc[g][c], &lacc[lid][g][c * VW]);
+  }
   barrier(CLK_LOCAL_MEM_FENCE);
-  float mx = -INFINITY;
-  for (int w = 0; w < WG; ++w) mx = fmax(mx, lm[w]);
-  float total = 0.0f;
-  for (int w = 0; w < WG; ++w) total += lm[w] == -INFINITY ? 0.0f : exp(lm[w] - mx) * ll[w];
-  const float inv = total > 0.0f ? 1.0f / total : 0.0f;
-  const long slot = ((long)s * heads + h) * num_parts + part;
-  for (int d = lid; d < HEAD_DIM; d += WG) {
-    float a = 0.0f;
-    for (int w = 0; w < WG; ++w) {
-      if (lm[w] != -INFINITY) a += exp(lm[w] - mx) * lacc[w][d];
+  for (int g = 0; g < GQ; ++g) {
+    const int h = hk * GQ + g;
+    float mx = -INFINITY;
+    for (int w = 0; w < WG; ++w) mx = fmax(mx, lm[w][g]);
+    float total = 0.0f;
+    for (int w = 0; w < WG; ++w) total += lm[w][g] == -INFINITY ? 0.0f : exp(lm[w][g] - mx) * ll[w][g];
+    const float inv = total > 0.0f ? 1.0f / total : 0.0f;
+    const long slot = ((long)s * heads + h) * num_parts + part;
+    for (int d = lid; d < HEAD_DIM; d += WG) {
+      float a = 0.0f;
+      for (int w = 0; w < WG; ++w) {
+        if (lm[w][g] != -INFINITY) a += exp(lm[w][g] - mx) * lacc[w][g][d];
+      }
+      if (direct) {
+        STORE1(a * inv, VIEW_PTR(out, 0, s, h, d));
+      } else {
+        tmp_out[slot * HEAD_DIM + d] = a * inv;
+      }
     }
-    if (direct) {
-      STORE1(a * inv, VIEW_PTR(out, 0, s, h, d));
-    } else {
-      tmp_out[slot * HEAD_DIM + d] = a * inv;
+    if (!direct && lid == 0) {
+      max_logits[slot] = mx;
+      exp_sums[slot] = total;
     }
-  }
-  if (!direct && lid == 0) {
-    max_logits[slot] = mx;
-    exp_sums[slot] = total;
   }
 }
 
