@@ -90,7 +90,6 @@ __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
         blk = load_index(block_tables, bt64, (long)s * max_blocks + ++bi);
       }
       rows[j] = row;
-#pragma unroll
       for (int g = 0; g < GQ; ++g) {
         float dot = -INFINITY;
         if (row >= 0) {
@@ -105,7 +104,6 @@ __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
         }
       }
     }
-#pragma unroll
     for (int g = 0; g < GQ; ++g) {
       const float16 x = vload16(0, sc[g]);
       const float m_new = fmax(m[g], hmax16(x));
@@ -126,7 +124,6 @@ __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
 #pragma unroll
       for (int c = 0; c < NVH; ++c) {
         const VT vv = VLOAD(DTYPE, VW, vc + rows[j] + c * VW);
-#pragma unroll
         for (int g = 0; g < GQ; ++g) acc[g][c] = fma((VT)(sc[g][j]), vv, acc[g][c]);
       }
     }
