@@ -54,7 +54,9 @@ __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
   __local float lm[WG][GQ], ll[WG][GQ], lacc[WG][GQ][HEAD_DIM];
   const int lid = get_local_id(0);
   const int heads = kv_heads * GQ;
-  const int hk = get_group_id(1) / num_parts, part = get_group_id(1) % num_parts;
+  /* The kv heads of one partition are neighbouring groups: they read the
+   * same blocks, whose page-table entries then stay in the cache. */
+  const int hk = get_group_id(1) % kv_heads, part = get_group_id(1) / kv_heads;
   const int s = get_group_id(2);
   const long len = clamp(load_index(seq_lens, sl64, s), 0L,
                          min((long)max_seq_len, (long)max_blocks * block_size));
