@@ -1,6 +1,6 @@
 // PagedAttentionV1 and V2 on the OpenCL device against a double-precision
 // decode attention: scattered cache blocks, ragged sequence lengths (0, 1, 7,
-// 64, 257), grouped heads, head sizes 64 and 128, int32 and int64 tables,
+// 64, 257), grouped heads, head sizes 40, 64 and 128, int32 and int64 tables,
 // half caches, out-of-range block ids and lengths, the scratch outputs and the
 // argument checks.
 
@@ -125,6 +125,8 @@ TEST(ClPagedAttentionTest, RaggedScatteredSequences) {
   RunPaged({{1, 7, 64, 257, 0}, 4, 4, 64, 16}, seed++);
   RunPaged({{257, 7, 1}, 4, 2, 128, 5, 100}, seed++);
   RunPaged({{64, 33}, 8, 1, 64, 16, 16, kFloat, kInt64}, seed++);
+  // A head size of 40 works in vectors of 8.
+  RunPaged({{33, 9}, 2, 1, 40, 7, 16}, seed++);
 }
 
 TEST(ClPagedAttentionTest, HalfCachesAndBadIds) {
