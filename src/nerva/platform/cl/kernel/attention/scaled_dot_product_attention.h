@@ -1,7 +1,10 @@
 #pragma once
 
 // torch.nn.functional.scaled_dot_product_attention on any OpenCL device
-// ("ScaledDotProductAttention", program "scaled_dot_product_attention.cl").
+// ("ScaledDotProductAttention"). CPU devices run the register-blocked
+// program "scaled_dot_product_attention_blocked.cl" (keys and values first
+// packed into blocks of scratch memory, linear in S); other devices the
+// local-memory tiles of "scaled_dot_product_attention.cl".
 //
 // query [..., Hq, L, E], key [..., Hk, S, E], value [..., Hk, S, Ev]: rank 2 to
 // 8, float or half alike, the leading dimensions equal (a rank-2 query is one
