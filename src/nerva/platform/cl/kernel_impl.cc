@@ -214,5 +214,10 @@ std::shared_ptr<KernelUnit> KernelImpl::MakeSubKernel(std::shared_ptr<SessionImp
   return unit;
 }
 
+void KernelImpl::AppendUnits(const KernelImpl& part) {
+  units_.insert(units_.end(), part.units_.begin(), part.units_.end());
+  if (session_.expired()) session_ = part.session_;
+}
+
 }  // namespace cl
 }  // namespace nerva

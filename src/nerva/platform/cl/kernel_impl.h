@@ -154,6 +154,9 @@ class KernelImpl : public IKernelImpl, public std::enable_shared_from_this<Kerne
                                             const std::vector<std::string>& sources,
                                             const BuildOption& options,
                                             const std::string& kernel_name);
+  // Appends the units of a compiled kernel (composite kernels run their parts
+  // in order as one kernel).
+  void AppendUnits(const KernelImpl& part);
 
  private:
   std::string name_;
