@@ -12,6 +12,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace attention_util {
 
 struct HostAttention {
   long B = 1, H = 1, Hk = 1, L = 1, S = 1, E = 1, Ev = 1;
@@ -102,6 +105,7 @@ struct HostAttention {
   }
 };
 
+}  // namespace attention_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

@@ -16,6 +16,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace elementwise_util {
 
 // How an operand is laid out in its buffer.
 enum class Layout {
@@ -245,6 +248,7 @@ inline void ExpectClose(const std::vector<double>& got, const std::vector<double
   }
 }
 
+}  // namespace elementwise_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

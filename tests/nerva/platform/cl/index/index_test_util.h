@@ -14,6 +14,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace index_util {
 
 inline long Count(const std::vector<long>& sizes) {
   long n = 1;
@@ -219,6 +222,7 @@ inline void ExpectNear(const std::vector<double>& got, const std::vector<double>
   }
 }
 
+}  // namespace index_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

@@ -13,6 +13,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace layout_util {
 
 // A device tensor over a buffer of random bytes: `sizes` with element
 // `strides` (contiguous when empty) in a buffer of `span` elements.
@@ -91,6 +94,7 @@ inline void ExpectMoved(const DevTensor& out, const DevTensor& in, const SourceM
   }
 }
 
+}  // namespace layout_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

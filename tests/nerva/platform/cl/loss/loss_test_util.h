@@ -10,6 +10,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace loss_util {
 
 constexpr LossReduction kAllReductions[] = {LossReduction::kNone, LossReduction::kMean,
                                             LossReduction::kSum};
@@ -52,6 +55,7 @@ inline TensorOption NoTensorOption(DataType type = kFloat) {
   return TensorOption{Shape(), type};
 }
 
+}  // namespace loss_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

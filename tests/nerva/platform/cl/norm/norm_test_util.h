@@ -13,6 +13,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace norm_util {
 
 // A device tensor, or an absent one (empty option, null buffer).
 struct MaybeTensor {
@@ -72,6 +75,7 @@ void ExpectThrow(F make, const std::string& message) {
   }
 }
 
+}  // namespace norm_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

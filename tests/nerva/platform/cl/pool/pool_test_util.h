@@ -16,6 +16,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace pool_util {
 
 using Dims = std::array<long, 3>;  // depth, height, width
 
@@ -195,6 +198,7 @@ inline void ExpectNear(const std::vector<double>& got, const std::vector<double>
   }
 }
 
+}  // namespace pool_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

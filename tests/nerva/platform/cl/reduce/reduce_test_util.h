@@ -14,6 +14,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace reduce_util {
 
 // Host bytes of `values` stored as `type` (half rounded to nearest even,
 // integers truncated toward zero, bool as 0/1).
@@ -168,6 +171,7 @@ inline std::vector<std::string> UnitNames(const Kernel& kernel) {
   return names;
 }
 
+}  // namespace reduce_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva

@@ -8,6 +8,9 @@
 namespace nerva {
 namespace cl {
 namespace testing {
+// Each family's helpers get their own link names: every family links into
+// one test binary, and same-named helpers must not replace each other.
+inline namespace tensorcore_util {
 
 inline Session& TcSession() {
   static Session session = [] {
@@ -24,6 +27,7 @@ inline Queue& TcQueue() {
   return queue;
 }
 
+}  // namespace tensorcore_util
 }  // namespace testing
 }  // namespace cl
 }  // namespace nerva
