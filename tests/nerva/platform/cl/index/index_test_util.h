@@ -18,116 +18,15 @@ namespace testing {
 // one test binary, and same-named helpers must not replace each other.
 inline namespace index_util {
 
-inline long Count(const std::vector<long>& sizes) {
-  long n = 1;
-  for (long s : sizes) n *= s;
-  return n;
-}
-
-// Row-major element strides of `sizes`.
 inline std::vector<long> Strides(const std::vector<long>& sizes) {
   std::vector<long> s(sizes.size(), 1);
   for (int k = static_cast<int>(sizes.size()) - 2; k >= 0; --k) s[k] = s[k + 1] * sizes[k + 1];
   return s;
 }
 
-// `values` encoded as `type` (float, half, int8, int32, int64, uint8, bool).
-inline std::vector<uint8_t> Encode(const std::vector<double>& values, DataType type) {
-  const size_t item = TypeTraitsHelper::GetSize(type);
-  std::vector<uint8_t> bytes(values.size() * item);
-  for (size_t i = 0; i < values.size(); ++i) {
-    uint8_t* p = bytes.data() + i * item;
-    const double v = values[i];
-    switch (type) {
-      case kFloat: {
-        float f = static_cast<float>(v);
-        std::memcpy(p, &f, 4);
-        break;
-      }
-      case kHalf: {
-        uint16_t h = FloatToHalf(static_cast<float>(v));
-        std::memcpy(p, &h, 2);
-        break;
-      }
-      case kInt32: {
-        int32_t x = static_cast<int32_t>(v);
-        std::memcpy(p, &x, 4);
-        break;
-      }
-      case kInt64: {
-        int64_t x = static_cast<int64_t>(v);
-        std::memcpy(p, &x, 8);
-        break;
-      }
-      case kInt8: {
-        int8_t x = static_cast<int8_t>(v);
-        std::memcpy(p, &x, 1);
-        break;
-      }
-      case kUInt8:
-      case kBool: {
-        uint8_t x = static_cast<uint8_t>(v);
-        *p = x;
-        break;
-      }
-      default:
-        ADD_FAILURE() << "no encoding for " << type;
-    }
-  }
-  return bytes;
-}
-
-inline std::vector<double> Decode(const std::vector<uint8_t>& bytes, DataType type) {
-  const size_t item = TypeTraitsHelper::GetSize(type);
-  std::vector<double> out(bytes.size() / item);
-  for (size_t i = 0; i < out.size(); ++i) {
-    const uint8_t* p = bytes.data() + i * item;
-    switch (type) {
-      case kFloat: {
-        float f;
-        std::memcpy(&f, p, 4);
-        out[i] = f;
-        break;
-      }
-      case kHalf: {
-        uint16_t h;
-        std::memcpy(&h, p, 2);
-        out[i] = HalfToFloat(h);
-        break;
-      }
-      case kInt32: {
-        int32_t x;
-        std::memcpy(&x, p, 4);
-        out[i] = x;
-        break;
-      }
-      case kInt64: {
-        int64_t x;
-        std::memcpy(&x, p, 8);
-        out[i] = static_cast<double>(x);
-        break;
-      }
-      case kInt8: {
-        int8_t x;
-        std::memcpy(&x, p, 1);
-        out[i] = x;
-        break;
-      }
-      case kUInt8:
-      case kBool:
-        out[i] = *p;
-        break;
-      default:
-        ADD_FAILURE() << "no decoding for " << type;
-    }
-  }
-  return out;
-}
-
-// A device tensor of `sizes` and `type` holding `values`.
 inline Tensor Put(const std::vector<double>& values, const std::vector<long>& sizes,
                   DataType type) {
-  std::vector<uint8_t> bytes = Encode(values, type);
+  std::vector<uint8_t> bytes = ToBytes(values, type);
   if (Count(sizes) == 0) {
     return Tensor(TensorOption{Shape(sizes), type}, TestSession().MakeBuffer(kMemReadWrite, 8), 0);
   }
@@ -143,7 +42,7 @@ inline std::vector<double> Get(const Tensor& t) {
   if (!bytes.empty()) {
     TestQueue().CopyDeviceToHost(bytes.data(), t.storage(), static_cast<long>(bytes.size()));
   }
-  return Decode(bytes, t.dtype());
+  return FromBytes(bytes, t.dtype());
 }
 
 inline Tensor PutIndex(const std::vector<long>& values, const std::vector<long>& sizes,

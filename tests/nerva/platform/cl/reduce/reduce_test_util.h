@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers of the reduction tests: typed host buffers from doubles and back,
+// Helpers of the reduction tests: typed device tensors from doubles and back,
 // device tensors, and index arithmetic for reference loops.
 
 #include <cstdint>
@@ -18,105 +18,6 @@ namespace testing {
 // one test binary, and same-named helpers must not replace each other.
 inline namespace reduce_util {
 
-// Host bytes of `values` stored as `type` (half rounded to nearest even,
-// integers truncated toward zero, bool as 0/1).
-inline std::vector<uint8_t> ToBytes(const std::vector<double>& values, DataType type) {
-  const size_t size = TypeTraitsHelper::GetSize(type);
-  std::vector<uint8_t> bytes(values.size() * size);
-  for (size_t i = 0; i < values.size(); ++i) {
-    uint8_t* p = bytes.data() + i * size;
-    const double v = values[i];
-    switch (type) {
-      case kFloat: {
-        const float f = static_cast<float>(v);
-        std::memcpy(p, &f, 4);
-        break;
-      }
-      case kHalf: {
-        const uint16_t h = FloatToHalf(static_cast<float>(v));
-        std::memcpy(p, &h, 2);
-        break;
-      }
-#define NERVA_TEST_INT_CASE(KIND, T) \
-  case KIND: {                       \
-    const T t = static_cast<T>(v);   \
-    std::memcpy(p, &t, sizeof(T));   \
-    break;                           \
-  }
-        NERVA_TEST_INT_CASE(kInt8, int8_t)
-        NERVA_TEST_INT_CASE(kInt16, int16_t)
-        NERVA_TEST_INT_CASE(kInt32, int32_t)
-        NERVA_TEST_INT_CASE(kInt64, int64_t)
-        NERVA_TEST_INT_CASE(kUInt8, uint8_t)
-        NERVA_TEST_INT_CASE(kUInt16, uint16_t)
-        NERVA_TEST_INT_CASE(kUInt32, uint32_t)
-        NERVA_TEST_INT_CASE(kUInt64, uint64_t)
-#undef NERVA_TEST_INT_CASE
-      case kBool:
-        p[0] = v != 0;
-        break;
-      default:
-        ADD_FAILURE() << "no host conversion for " << type;
-    }
-  }
-  return bytes;
-}
-
-// The values of `bytes` holding `type` elements, as doubles.
-inline std::vector<double> FromBytes(const std::vector<uint8_t>& bytes, DataType type) {
-  const size_t size = TypeTraitsHelper::GetSize(type);
-  std::vector<double> out(bytes.size() / size);
-  for (size_t i = 0; i < out.size(); ++i) {
-    const uint8_t* p = bytes.data() + i * size;
-    switch (type) {
-      case kFloat: {
-        float f;
-        std::memcpy(&f, p, 4);
-        out[i] = f;
-        break;
-      }
-      case kHalf: {
-        uint16_t h;
-        std::memcpy(&h, p, 2);
-        out[i] = HalfToFloat(h);
-        break;
-      }
-#define NERVA_TEST_INT_CASE(KIND, T) \
-  case KIND: {                       \
-    T t;                             \
-    std::memcpy(&t, p, sizeof(T));   \
-    out[i] = static_cast<double>(t); \
-    break;                           \
-  }
-        NERVA_TEST_INT_CASE(kInt8, int8_t)
-        NERVA_TEST_INT_CASE(kInt16, int16_t)
-        NERVA_TEST_INT_CASE(kInt32, int32_t)
-        NERVA_TEST_INT_CASE(kInt64, int64_t)
-        NERVA_TEST_INT_CASE(kUInt8, uint8_t)
-        NERVA_TEST_INT_CASE(kUInt16, uint16_t)
-        NERVA_TEST_INT_CASE(kUInt32, uint32_t)
-        NERVA_TEST_INT_CASE(kUInt64, uint64_t)
-        NERVA_TEST_INT_CASE(kBool, uint8_t)
-#undef NERVA_TEST_INT_CASE
-      default:
-        ADD_FAILURE() << "no host conversion for " << type;
-    }
-  }
-  return out;
-}
-
-// The values as the device sees them after storing them as `type`.
-inline std::vector<double> RoundTrip(const std::vector<double>& values, DataType type) {
-  return FromBytes(ToBytes(values, type), type);
-}
-
-inline long Count(const std::vector<long>& sizes) {
-  long n = 1;
-  for (long s : sizes) n *= s;
-  return n;
-}
-
-// A device tensor holding `values` as `type`.
 inline Tensor UploadAs(const std::vector<double>& values, const std::vector<long>& sizes,
                        DataType type) {
   return Upload(ToBytes(values, type), sizes, type);
