@@ -47,6 +47,7 @@ class ClTensor {
   const std::vector<uint32_t>& steps() const { return steps_; }
   uint32_t offset() const { return offset_; }
   bool reversed() const { return reversed_; }
+  const Buffer& buffer() const { return buffer_; }
   // Number of kernel arguments this tensor occupies.
   unsigned arg_count() const { return 2 * static_cast<unsigned>(strides_.size()) + 2; }
 
@@ -61,10 +62,18 @@ class ClTensor {
   Buffer buffer_;  // keeps the memory alive while the view is bound
 };
 
+// `bytes` of local memory, bound as a null argument of that size.
+struct LocalMemory {
+  size_t bytes;
+};
+
 // One argument per call, starting at `index`, which is advanced past it.
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const Buffer& buffer);
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const ClTensor& tensor);
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const std::vector<ClTensor>& tensors);
+inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LocalMemory& local) {
+  return clSetKernelArg(kernel, index++, local.bytes, nullptr);
+}
 template <typename T, std::enable_if_t<std::is_arithmetic_v<T>, int> = 0>
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const T& value) {
   return clSetKernelArg(kernel, index++, sizeof(T), &value);
@@ -86,6 +95,22 @@ cl_int SetKernelArgs(cl_kernel kernel, unsigned start, const Args&... args) {
   return SetKernelArgsHelper(kernel, start, args...);
 }
 
+// A kernel argument's memory, kept by the unit it is bound to: OpenCL does not
+// retain memory objects set as arguments, and views (sub-buffers) made while
+// compiling would otherwise be released before the kernel runs.
+inline void KeepBound(std::vector<Buffer>& keep, const Buffer& buffer) {
+  keep.push_back(buffer);
+}
+inline void KeepBound(std::vector<Buffer>& keep, const ClTensor& tensor) {
+  keep.push_back(tensor.buffer());
+}
+inline void KeepBound(std::vector<Buffer>& keep, const std::vector<ClTensor>& tensors) {
+  for (const auto& tensor : tensors) keep.push_back(tensor.buffer());
+}
+// Values and local-memory sizes hold no memory.
+template <typename T>
+void KeepBound(std::vector<Buffer>& /*keep*/, const T& /*value*/) {}
+
 // One device kernel with its bound arguments and work ranges.
 class KernelUnit {
  public:
@@ -96,12 +121,14 @@ class KernelUnit {
   KernelUnit& SetArgs(const Args&... args) {
     arg_index_ = 0;
     CheckArgs(SetKernelArgsHelper(kernel_(), arg_index_, args...));
+    (KeepBound(bound_, args), ...);
     return *this;
   }
   // Sets the next argument after those already set.
   template <typename T>
   KernelUnit& SetArg(const T& arg) {
     CheckArgs(SetKernelArg(kernel_(), arg_index_, arg));
+    KeepBound(bound_, arg);
     return *this;
   }
   // Global range; dimension i is divided (rounding up) by steps[i].
@@ -125,6 +152,7 @@ class KernelUnit {
   ::cl::NDRange local_;
   std::vector<size_t> global_sizes_;
   unsigned arg_index_ = 0;
+  std::vector<Buffer> bound_;  // memory of every argument bound so far
 };
 
 // Base of every OpenCL operator kernel. A kernel verifies its arguments,

@@ -158,6 +158,27 @@ TEST(ClTensorTest, Rank3ArgumentsOnTheDevice) {
   EXPECT_EQ(values, (std::vector<uint32_t>{4, 16, 16, 16, 48, 48, 8, 23}));
 }
 
+// OpenCL does not retain memory set as an argument: a view made while
+// compiling (a sub-buffer) must live as long as the unit bound to it.
+TEST(KernelUnitTest, KeepsBoundViewsAlive) {
+  auto kernel = std::make_shared<TwoUnitKernel>(TestSession().MakeTensor({4}, kFloat),
+                                                TestSession().MakeTensor({4}, kFloat),
+                                                TestSession().MakeTensor({4}, kFloat));
+  kernel->Compile(TestSessionImpl());
+  KernelUnit& unit = *kernel->units()[1];
+  Buffer root = TestSession().MakeBuffer(kMemReadWrite, 4096);
+  std::weak_ptr<IBufferImpl> y_view, z_view;
+  {
+    Buffer y = root.View(0, 64, kMemDefault), z = root.View(1024, 64, kMemDefault);
+    y_view = y.impl();
+    z_view = z.impl();
+    unit.SetArgs(ClTensor(Shape({4}), kFloat, y, {1}, 0, true));
+    unit.SetArg(ClTensor(Shape({4}), kFloat, z, {1}, 0, true));
+  }
+  EXPECT_FALSE(y_view.expired());
+  EXPECT_FALSE(z_view.expired());
+}
+
 TEST(KernelFrameTest, ChainedUnitsRunInOrder) {
   std::vector<float> input = {1, 2, 3, 4, 5};
   Tensor x = Upload(input, {5}, kFloat);

@@ -25,6 +25,9 @@ struct View4 {
   long strides[4] = {0, 0, 0, 0};
 };
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const View4& view);
+inline void KeepBound(std::vector<Buffer>& keep, const View4& view) {
+  keep.push_back(view.buffer);
+}
 
 // `tensor` (rank 1 to 4 + folded leading dimensions) as a 4-D view: its
 // trailing `rank` dimensions right-aligned, missing leading ones of size 1,

@@ -319,7 +319,7 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
       if (base < 0) break;
       auto unit = MakeSubKernel(session, program, sources, options, name());
       unit->SetArgs(static_cast<cl_uint>(base));
-      for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset()});
+      for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
       bind(*unit);
       unit->SetGlobal({static_cast<size_t>(base ? 1 : whole)});
     }
@@ -332,7 +332,7 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(layout.sizes[d]) : 1;
   unit->SetArgs(dims, static_cast<int>(rank));
   for (size_t t = 0; t < views.size(); ++t) {
-    EwStridedArg arg{views[t].mem(), views[t].offset(), {}};
+    EwStridedArg arg{views[t].mem(), views[t].offset(), {}, views[t].buffer()};
     for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
     unit->SetArg(arg);
   }

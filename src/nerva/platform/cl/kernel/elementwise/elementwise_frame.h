@@ -111,12 +111,20 @@ class ElementwiseKernel : public KernelImpl {
 struct EwFlatArg {
   cl_mem mem;
   cl_uint offset;
+  Buffer buffer;  // keeps `mem` alive while bound
 };
 struct EwStridedArg {
   cl_mem mem;
   cl_uint offset;
   cl_uint8 strides;
+  Buffer buffer;  // keeps `mem` alive while bound
 };
+inline void KeepBound(std::vector<Buffer>& keep, const EwFlatArg& arg) {
+  keep.push_back(arg.buffer);
+}
+inline void KeepBound(std::vector<Buffer>& keep, const EwStridedArg& arg) {
+  keep.push_back(arg.buffer);
+}
 struct EwDims {
   cl_uint8 sizes;
 };

@@ -102,7 +102,7 @@ void GLUBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   unit->SetArgs(dims, static_cast<int>(rank));
   for (size_t i = 0; i < tensors.size(); ++i) {
     const ClTensor view(tensors[i]);
-    EwStridedArg arg{view.mem(), view.offset(), {}};
+    EwStridedArg arg{view.mem(), view.offset(), {}, view.buffer()};
     for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[i][d]);
     unit->SetArg(arg);
   }

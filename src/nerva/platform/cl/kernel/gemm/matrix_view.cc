@@ -39,9 +39,5 @@ ClTensor MatrixView::ToClTensor() const {
                   static_cast<uint32_t>(offset), false, strides);
 }
 
-cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LocalMemory& local) {
-  return clSetKernelArg(kernel, index++, local.bytes, nullptr);
-}
-
 }  // namespace cl
 }  // namespace nerva

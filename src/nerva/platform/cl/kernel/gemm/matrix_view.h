@@ -32,11 +32,5 @@ struct MatrixView {
   ClTensor ToClTensor() const;
 };
 
-// A local-memory kernel argument of `bytes` bytes (no data).
-struct LocalMemory {
-  size_t bytes;
-};
-cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LocalMemory& local);
-
 }  // namespace cl
 }  // namespace nerva

@@ -119,7 +119,7 @@ IxArg IndexFrameKernel::Arg(const Tensor& t) {
 
 IxArg MakeIxArg(const Tensor& t) {
   const ClTensor view(t);
-  return IxArg{view.mem(), view.offset()};
+  return IxArg{view.mem(), view.offset(), view.buffer()};
 }
 
 BuildOption IndexFrameKernel::MoveOptions(DataType type) {

@@ -28,7 +28,11 @@ namespace cl {
 struct IxArg {
   cl_mem mem;
   cl_ulong offset;
+  Buffer buffer;  // keeps `mem` alive while bound
 };
+inline void KeepBound(std::vector<Buffer>& keep, const IxArg& arg) {
+  keep.push_back(arg.buffer);
+}
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const IxArg& arg);
 IxArg MakeIxArg(const Tensor& t);
 

@@ -199,7 +199,7 @@ void LayoutKernel::AddConvert(const std::shared_ptr<SessionImpl>& session, const
   unit->SetArgs(dims, static_cast<int>(rank));
   for (size_t t = 0; t < 2; ++t) {
     const ClTensor view(*tensors[t]);
-    EwStridedArg arg{view.mem(), view.offset(), {}};
+    EwStridedArg arg{view.mem(), view.offset(), {}, view.buffer()};
     for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
     unit->SetArg(arg);
   }

@@ -150,7 +150,7 @@ void LossKernel::CompileBackward(const std::shared_ptr<SessionImpl>& session,
 
 LossArg MakeLossArg(const Tensor& tensor) {
   const ClTensor view(tensor);
-  return LossArg{view.mem(), view.offset()};
+  return LossArg{view.mem(), view.offset(), view.buffer()};
 }
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LossArg& arg) {

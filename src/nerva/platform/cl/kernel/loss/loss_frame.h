@@ -75,7 +75,11 @@ class LossKernel : public KernelImpl {
 struct LossArg {
   cl_mem mem;
   cl_ulong offset;
+  Buffer buffer;  // keeps `mem` alive while bound
 };
+inline void KeepBound(std::vector<Buffer>& keep, const LossArg& arg) {
+  keep.push_back(arg.buffer);
+}
 LossArg MakeLossArg(const Tensor& tensor);
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LossArg& arg);
 

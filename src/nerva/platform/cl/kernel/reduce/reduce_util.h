@@ -63,14 +63,6 @@ void CheckIndexType(const std::string& op, const std::string& arg, DataType type
 // innermost on x) and `step` elements per work item along x.
 ClTensor ContiguousView(const Tensor& tensor, const std::vector<long>& sizes, uint32_t step = 1);
 
-// A __local kernel argument of `bytes` bytes (the device sees a pointer to it).
-struct LocalMemory {
-  size_t bytes;
-};
-inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LocalMemory& local) {
-  return clSetKernelArg(kernel, index++, local.bytes, nullptr);
-}
-
 // Eight 64-bit values passed by value as one long8 argument.
 struct LongVector8 {
   cl_long8 value;
