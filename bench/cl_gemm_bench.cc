@@ -91,7 +91,16 @@ std::vector<float> Random(size_t n, unsigned seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // usage: cl_gemm_bench [largest size] [tiles: wg_x,wg_y,rows,vec,vecs,tile_k,a_local]
   const long max_size = argc > 1 ? std::atol(argv[1]) : 4096;
+  nerva::cl::MatMulTiles tiles{};
+  int a_local = 0;
+  if (argc > 2 && std::sscanf(argv[2], "%d,%d,%d,%d,%d,%d,%d", &tiles.wg_x, &tiles.wg_y,
+                              &tiles.rows, &tiles.vec, &tiles.vecs, &tiles.tile_k, &a_local) == 7) {
+    tiles.a_local = a_local != 0;
+    nerva::cl::TiledMatMul::SetTilesForTesting(&tiles);
+    std::printf("tiles: %s\n", argv[2]);
+  }
   nerva::Session session("opencl", 0);
   nerva::Queue queue = session.MakeQueue();
   auto session_impl = std::dynamic_pointer_cast<nerva::cl::SessionImpl>(session.impl());

@@ -257,21 +257,28 @@ TEST(MatMulTest, TiledVariantMatchesGeneric) {
   }
 }
 
-// The tiles other devices use (both operands staged, 16 x 16 groups), run here.
+// The tiles other devices use (both operands staged and prefetched, 16 x 16 groups), run
+// here: ragged tiles, depths of several tiles, either operand transposed, GEMM mode.
 TEST(MatMulTest, TiledVariantWithGroupTiles) {
-  const MatMulTiles gpu{16, 16, 8, 4, 2, 16, true};
-  TiledMatMul::SetTilesForTesting(&gpu);
   TiledMatMul::SetModeForTesting(1);
-  ProductCase c = FloatCase({2, 130, 37, 70, true, false}, 41);
-  c.input = MakeHost(kFloat, {130, 1}, 42);
-  c.option.beta = 2.0f;
-  const std::vector<double> tiled = RunDevice(c);
+  for (const MatMulTiles& gpu :
+       {MatMulTiles{16, 16, 8, 4, 2, 8, true}, MatMulTiles{32, 8, 8, 4, 1, 16, true}}) {
+    TiledMatMul::SetTilesForTesting(&gpu);
+    for (const Dims& d : {Dims{2, 130, 37, 70, true, false}, Dims{1, 129, 50, 131, false, true},
+                          Dims{3, 40, 16, 257, true, true}}) {
+      ProductCase c = FloatCase(d, 41);
+      c.input = MakeHost(kFloat, {d.m, 1}, 42);
+      c.option.beta = 2.0f;
+      const std::vector<double> tiled = RunDevice(c);
+      const std::vector<double> expected = Reference(c);
+      for (size_t i = 0; i < expected.size(); ++i) {
+        ASSERT_NEAR(tiled[i], expected[i], 1e-4 * (1 + std::fabs(expected[i])))
+            << gpu.wg_x << " " << Label(d) << i;
+      }
+    }
+  }
   TiledMatMul::SetModeForTesting(-1);
   TiledMatMul::SetTilesForTesting(nullptr);
-  const std::vector<double> expected = Reference(c);
-  for (size_t i = 0; i < expected.size(); ++i) {
-    ASSERT_NEAR(tiled[i], expected[i], 1e-4 * (1 + std::fabs(expected[i]))) << i;
-  }
 }
 
 // Operands over the (lowered) per-object limit are split by batch or by rows.

@@ -22,6 +22,86 @@
 #define BM (WG_Y * TM)
 #define BN (WG_X * TN * RN)
 #define ACCV NERVA_VEC(float, TN)
+#define GROUP (WG_X * WG_Y)
+
+#ifdef A_LOCAL
+/* Local rows padded by 4 floats: a column of the tile written by consecutive
+ * items spreads over the banks, and rows stay 16-byte aligned. */
+#define A_STRIDE (BM + 4)
+#define B_STRIDE (BN + 4)
+#define A_PER_ITEM ((TK * BM + GROUP - 1) / GROUP)
+#ifdef MAT2_N_CONTIG
+#define B_PER_ITEM ((TK * (BN / TN) + GROUP - 1) / GROUP)
+#else
+#define B_PER_ITEM ((TK * BN + GROUP - 1) / GROUP)
+#endif
+
+/* mat1[k0 .. k0 + TK)[m_group .. m_group + BM) into a_next, zero outside; consecutive
+ * items read consecutive k of a row. */
+#define LOAD_A(k0)                                                                        \
+  for (int j = 0; j < A_PER_ITEM; ++j) {                                                  \
+    const uint e = item + j * GROUP, kk = e % TK, mm = e / TK;                            \
+    const uint k = (k0) + kk, m = m_group + mm;                                           \
+    a_next[j] = e < TK * BM && k < K && m < M                                             \
+                    ? VLOAD(MAT1_DTYPE, 1, TENSOR3D_PTR(mat1, MAT1_DTYPE, b, m, k))       \
+                    : 0.0f;                                                               \
+  }
+#define STORE_A()                                                                         \
+  for (int j = 0; j < A_PER_ITEM; ++j) {                                                  \
+    const uint e = item + j * GROUP;                                                      \
+    if (e < TK * BM) a_tile[(e % TK) * A_STRIDE + e / TK] = a_next[j];                    \
+  }
+#ifdef MAT2_N_CONTIG
+/* mat2[k0 .. k0 + TK)[n_group .. n_group + BN) as vectors of TN columns. */
+#define LOAD_B(k0)                                                                        \
+  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
+    const uint v = item + j * GROUP, kk = v / (BN / TN), nn = (v % (BN / TN)) * TN;       \
+    const uint k = (k0) + kk, n = n_group + nn;                                           \
+    b_next[j] = (ACCV)(0.0f);                                                             \
+    if (v < TK * (BN / TN) && k < K && n + TN <= N) {                                     \
+      b_next[j] = VLOAD(MAT2_DTYPE, TN, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n));         \
+    } else if (v < TK * (BN / TN) && k < K) {                                             \
+      float lanes[TN];                                                                    \
+      for (int l = 0; l < TN; ++l) {                                                      \
+        lanes[l] = n + l < N ? VLOAD(MAT2_DTYPE, 1, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n + l)) \
+                             : 0.0f;                                                      \
+      }                                                                                   \
+      b_next[j] = NERVA_LOADN(TN, lanes);                                                 \
+    }                                                                                     \
+  }
+#define STORE_B()                                                                         \
+  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
+    const uint v = item + j * GROUP;                                                      \
+    if (v < TK * (BN / TN)) {                                                             \
+      NERVA_STOREN(TN, b_next[j], b_tile + v / (BN / TN) * B_STRIDE + (v % (BN / TN)) * TN); \
+    }                                                                                     \
+  }
+#else
+/* Columns of mat2 with k contiguous (a transposed operand): consecutive items
+ * read consecutive k of a column. */
+#define LOAD_B(k0)                                                                        \
+  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
+    const uint e = item + j * GROUP, kk = e % TK, nn = e / TK;                            \
+    const uint k = (k0) + kk, n = n_group + nn;                                           \
+    b_next[j] = e < TK * BN && k < K && n < N                                             \
+                    ? VLOAD(MAT2_DTYPE, 1, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n))       \
+                    : 0.0f;                                                               \
+  }
+#define STORE_B()                                                                         \
+  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
+    const uint e = item + j * GROUP;                                                      \
+    if (e < TK * BN) b_tile[(e % TK) * B_STRIDE + e / TK] = b_next[j];                    \
+  }
+#endif
+#define LOAD_TILES(k0) \
+  LOAD_A(k0);          \
+  LOAD_B(k0)
+#define STORE_TILES() \
+  STORE_A();          \
+  STORE_B()
+#else
+#define B_STRIDE BN
+#endif
 
 __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
     DECL_TENSOR3D(mat1), DECL_TENSOR3D(mat2), DECL_TENSOR3D(out),
@@ -29,9 +109,10 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
     DECL_TENSOR3D(input), float alpha, float beta,
 #endif
     uint B, uint M, uint N, uint K) {
-  __local float b_tile[TK * BN];
+  /* 16-byte aligned: rows are read as float4 vectors. */
+  __local float b_tile[TK * B_STRIDE] __attribute__((aligned(16)));
 #ifdef A_LOCAL
-  __local float a_tile[TK * BM];
+  __local float a_tile[TK * A_STRIDE] __attribute__((aligned(16)));
 #endif
   const uint tx = get_local_id(0), ty = get_local_id(1);
   const uint b = get_global_id(2);
@@ -54,6 +135,45 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
   }
 #endif
 
+#ifdef A_LOCAL
+  /* Both operands go through local tiles, loaded into registers one tile ahead:
+   * the loads of tile t + 1 are in flight while tile t is multiplied. */
+  float a_next[A_PER_ITEM];
+#ifdef MAT2_N_CONTIG
+  ACCV b_next[B_PER_ITEM];
+#else
+  float b_next[B_PER_ITEM];
+#endif
+  LOAD_TILES(0);
+  for (uint k0 = 0; k0 < K; k0 += TK) {
+    const uint depth = min((uint)TK, K - k0);
+    STORE_TILES();
+    barrier(CLK_LOCAL_MEM_FENCE);
+    if (k0 + TK < K) LOAD_TILES(k0 + TK);
+    for (uint kk = 0; kk < (m0 < M ? depth : 0); ++kk) {
+      ACCV bv[RN];
+#pragma unroll
+      for (int r = 0; r < RN; ++r) {
+        bv[r] = NERVA_LOADN(TN, b_tile + kk * B_STRIDE + (r * WG_X + tx) * TN);
+      }
+      /* This item's TM rows sit side by side: read them as float4 vectors. */
+      __local const float4* a_rows4 = (__local const float4*)(a_tile + kk * A_STRIDE + ty * TM);
+#pragma unroll
+      for (int q = 0; q < TM / 4; ++q) {
+        const float4 a4 = a_rows4[q];
+        const float a_q[4] = {a4.x, a4.y, a4.z, a4.w};
+#pragma unroll
+        for (int j = 0; j < 4; ++j) {
+#pragma unroll
+          for (int r = 0; r < RN; ++r) {
+            acc[q * 4 + j][r] = fma((ACCV)(a_q[j]), bv[r], acc[q * 4 + j][r]);
+          }
+        }
+      }
+    }
+    barrier(CLK_LOCAL_MEM_FENCE);
+  }
+#else
   for (uint k0 = 0; k0 < K; k0 += TK) {
     const uint depth = min((uint)TK, K - k0);
     /* Stage mat2[k0 .. k0 + TK)[n_group .. n_group + BN), zero outside. */
@@ -72,22 +192,14 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
         }
         value = NERVA_LOADN(TN, lanes);
       }
-      NERVA_STOREN(TN, value, b_tile + kk * BN + nn);
+      NERVA_STOREN(TN, value, b_tile + kk * B_STRIDE + nn);
     }
 #else
     for (uint e = item; e < TK * BN; e += WG_X * WG_Y) {
       const uint kk = e % TK, nn = e / TK;
       const uint k = k0 + kk, n = n_group + nn;
-      b_tile[kk * BN + nn] =
+      b_tile[kk * B_STRIDE + nn] =
           k < K && n < N ? VLOAD(MAT2_DTYPE, 1, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n)) : 0.0f;
-    }
-#endif
-#ifdef A_LOCAL
-    for (uint e = item; e < TK * BM; e += WG_X * WG_Y) {
-      const uint kk = e % TK, mm = e / TK;
-      const uint k = k0 + kk, m = m_group + mm;
-      a_tile[kk * BM + mm] =
-          k < K && m < M ? VLOAD(MAT1_DTYPE, 1, TENSOR3D_PTR(mat1, MAT1_DTYPE, b, m, k)) : 0.0f;
     }
 #endif
     barrier(CLK_LOCAL_MEM_FENCE);
@@ -97,22 +209,20 @@ __kernel __attribute__((reqd_work_group_size(WG_X, WG_Y, 1))) void MatMulTiled(
       ACCV bv[RN];
 #pragma unroll
       for (int r = 0; r < RN; ++r) {
-        bv[r] = NERVA_LOADN(TN, b_tile + kk * BN + (r * WG_X + tx) * TN);
+        bv[r] = NERVA_LOADN(TN, b_tile + kk * B_STRIDE + (r * WG_X + tx) * TN);
       }
 #pragma unroll
       for (int i = 0; i < TM; ++i) {
-#ifdef A_LOCAL
-        const float a = a_tile[kk * BM + ty * TM + i];
-#else
         const float a = VLOAD(MAT1_DTYPE, 1,
                               (__global const MAT1_DTYPE*)(a_rows[i] + (k0 + kk) * mat1_stride_z));
-#endif
 #pragma unroll
         for (int r = 0; r < RN; ++r) acc[i][r] = fma((ACCV)(a), bv[r], acc[i][r]);
       }
     }
     barrier(CLK_LOCAL_MEM_FENCE);
   }
+
+#endif
 
   if (b >= B) return;
 #pragma unroll

@@ -5,7 +5,8 @@
 // the group stages tiles of both operands in local memory. Tile sizes follow
 // the device: where the compiler targets the host CPU, 8 x 32 register blocks
 // reading mat1 straight from memory, 32 items sharing a local tile of mat2; on other
-// devices 16 x 16 groups of 8 x 8 blocks with both operands in local tiles.
+// devices groups of 8 x 8 blocks with both operands in local tiles, loaded one
+// tile ahead.
 
 #include <memory>
 
@@ -26,8 +27,10 @@ struct MatMulTiles {
 
 class TiledMatMul {
  public:
-  // The tile sizes for this device.
-  static MatMulTiles ChooseTiles(const SessionImpl& session);
+  // The tile sizes for this device and a product of `batch` (m x n) outputs; with
+  // no product given (batch 0), those of a large one.
+  static MatMulTiles ChooseTiles(const SessionImpl& session, long batch = 0, long m = 0,
+                                 long n = 0);
   // True when the tiled variant serves the product: float/half operands and
   // output, float accumulation, and a product big enough to gain.
   static bool Applies(const SessionImpl& session, const ClTensor& mat1, const ClTensor& mat2,
