@@ -58,6 +58,7 @@ void SessionImpl::InitDeviceInfo() {
   max_work_group_size_ = device_.getInfo<CL_DEVICE_MAX_WORK_GROUP_SIZE>();
   local_mem_size_ = device_.getInfo<CL_DEVICE_LOCAL_MEM_SIZE>();
   compute_units_ = device_.getInfo<CL_DEVICE_MAX_COMPUTE_UNITS>();
+  host_cpu_ = (device_.getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
   available_local_mem_ = local_mem_size_;
   bfloat16_supported_ = dev_supports_extension("cl_nrv_bhalf");
   fp8_supported_ = dev_supports_extension("cl_nrv_fp8");

@@ -48,6 +48,9 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   // the cl_nrv_tensorcore extension, and drops the device compiler's own
   // "-cl-nrv-inline-all-func" option, which other compilers reject.
   void EmulateTensorCoreForTesting(const std::string& include_dir);
+  // Test hook: makes programs that choose their layout by device class take
+  // their GPU variants (true) or the device's own choice again (false).
+  void TreatAsGpuForTesting(bool gpu) { treat_as_gpu_ = gpu; }
 
   // Program cache (see program.h for LoadOrBuildProgram).
   std::shared_ptr<Program> TryLoadCachedProgram(const std::string& key) const;
@@ -63,6 +66,9 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   size_t max_work_group_size() const { return max_work_group_size_; }
   uint64_t local_mem_size() const { return local_mem_size_; }
   uint32_t compute_units() const { return compute_units_; }
+  // True where the device compiler targets the host processor (PoCL's CPU device):
+  // programs then favour long sequential loops per item over many small groups.
+  bool host_cpu() const { return host_cpu_ && !treat_as_gpu_; }
   uint64_t available_local_mem() const { return available_local_mem_; }
   bool bfloat16_supported() const { return bfloat16_supported_; }
   bool fp8_supported() const { return fp8_supported_; }
@@ -79,6 +85,8 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   size_t max_work_group_size_ = 0;
   uint64_t local_mem_size_ = 0;
   uint32_t compute_units_ = 0;
+  bool host_cpu_ = false;
+  bool treat_as_gpu_ = false;  // test hook
   uint64_t available_local_mem_ = 0;
   bool bfloat16_supported_ = false;
   bool fp8_supported_ = false;

@@ -20,7 +20,7 @@ constexpr long kMaxHeadSize = 512;
 // (the groups themselves feed the cores); up to 64 elsewhere, with the merge
 // buffer in at most 16 KiB of local memory.
 int GroupSize(const SessionImpl& session, long group_heads, long size) {
-  const bool cpu = (session.device().getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
+  const bool cpu = session.host_cpu();
   int wg = cpu ? 2 : 64;
   while (wg > 1 && (static_cast<size_t>(wg) > session.max_work_group_size() ||
                     wg * group_heads * (size + 2) * 4 > 16384)) {

@@ -219,9 +219,7 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
   }
   const float p = option_.dropout_p;
   const PhiloxDraw draw(session, option_.use_seed, option_.seed);
-  const bool blocked =
-      g_blocked_mode >= 0 ? g_blocked_mode == 1
-                          : (session->device().getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
+  const bool blocked = g_blocked_mode >= 0 ? g_blocked_mode == 1 : session->host_cpu();
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(query_.dtype()))
       .AddDefinitionAutoType("HEAD_DIM", static_cast<int>(std::max(d.E, 1L)))

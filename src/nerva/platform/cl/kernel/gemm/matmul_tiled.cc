@@ -35,16 +35,15 @@ void TiledMatMul::SetTilesForTesting(const MatMulTiles* tiles) {
 
 MatMulTiles TiledMatMul::ChooseTiles(const SessionImpl& session, long batch, long m, long n) {
   if (g_tiles_for_testing) return *g_tiles_for_testing;
-  const auto type = session.device().getInfo<CL_DEVICE_TYPE>();
   // GPUs: 128 x 128 outputs per group of 16 x 16 items over 8-deep tiles; a product
   // with fewer such groups than two per compute unit takes 64-row groups instead,
   // so that every unit gets work (measured on an H100: 1024^3 1.3x faster).
   MatMulTiles tiles{16, 16, 8, 4, 2, 8, true};
   const long groups = batch * ((m + 127) / 128) * ((n + 127) / 128);
-  if (batch > 0 && groups < 2L * session.device().getInfo<CL_DEVICE_MAX_COMPUTE_UNITS>()) {
+  if (batch > 0 && groups < 2L * session.compute_units()) {
     tiles = MatMulTiles{32, 8, 8, 4, 1, 16, true};
   }
-  if (type & CL_DEVICE_TYPE_CPU) tiles = MatMulTiles{1, 32, 8, 16, 2, 128, false};
+  if (session.host_cpu()) tiles = MatMulTiles{1, 32, 8, 16, 2, 128, false};
   // Fit the group and its tiles into the device's limits.
   auto local_bytes = [](const MatMulTiles& t) {  // local rows are padded by 4 floats
     const long bm = t.wg_y * t.rows, bn = t.wg_x * t.vec * t.vecs;

@@ -86,7 +86,7 @@ RunSplit SplitRun(long length) {
 }
 
 int NormBlockSize(const SessionImpl& session, long groups) {
-  const bool cpu = session.device().getInfo<CL_DEVICE_TYPE>() == CL_DEVICE_TYPE_CPU;
+  const bool cpu = session.host_cpu();
   return cpu && groups >= kReduceBlockSize ? 1 : kReduceBlockSize;
 }
 
