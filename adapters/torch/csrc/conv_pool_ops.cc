@@ -50,9 +50,10 @@ std::vector<long> Pair(at::IntArrayRef v, long fill, bool one_d) {
   return Longs(v);
 }
 
-// Whether nerva's kernels take this convolution; the rest goes through the host.
-bool NativeConv(const at::Tensor& input, const at::Tensor& weight, bool transposed) {
-  return !transposed && (input.dim() == 3 || input.dim() == 4) && input.dim() == weight.dim();
+// Whether nerva's kernels take this convolution (1-D or 2-D, plain or transposed);
+// the rest goes through the host.
+bool NativeConv(const at::Tensor& input, const at::Tensor& weight) {
+  return (input.dim() == 3 || input.dim() == 4) && input.dim() == weight.dim();
 }
 
 Conv MakeConv(const char* name, const at::Tensor& input, const at::Tensor& weight,
@@ -119,9 +120,66 @@ at::Tensor Unsqueezed(const Conv& cv, const at::Tensor& t) {
   return cv.one_d ? t.squeeze(2) : t;
 }
 
-// The host route, for transposed and 3-D convolutions.
+// The host route, for 3-D convolutions.
 at::Tensor ToDevice(const at::Tensor& t) {
   return t.defined() ? t.to(Device()) : t;
+}
+
+at::Tensor ConvForward(const char* name, const at::Tensor& input, const at::Tensor& weight,
+                       const c10::optional<at::Tensor>& bias, at::IntArrayRef stride,
+                       at::IntArrayRef padding, at::IntArrayRef dilation, int64_t groups);
+std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvBackward(
+    const char* name, const at::Tensor& grad, const at::Tensor& input, const at::Tensor& weight,
+    at::IntArrayRef stride, at::IntArrayRef padding, at::IntArrayRef dilation, int64_t groups,
+    std::array<bool, 3> output_mask);
+
+// A transposed convolution is the input gradient of the plain convolution that maps its
+// output back to its input (same weight, steps and padding): its forward runs that
+// gradient, and its gradients run that convolution's forward and weight gradient.
+at::Tensor TransposedForward(const at::Tensor& input, const at::Tensor& weight,
+                             const c10::optional<at::Tensor>& bias, at::IntArrayRef stride,
+                             at::IntArrayRef padding, at::IntArrayRef dilation,
+                             at::IntArrayRef output_padding, int64_t groups) {
+  const char* name = "convolution_overrideable";
+  const bool one_d = input.dim() == 3;
+  const auto s = Pair(stride, 1, one_d), p = Pair(padding, 0, one_d);
+  const auto d = Pair(dilation, 1, one_d), op = Pair(output_padding, 0, one_d);
+  std::vector<int64_t> sizes = {input.size(0), weight.size(1) * groups};
+  const int64_t spatial = input.dim() - 2;
+  for (int64_t j = 0; j < spatial; ++j) {
+    const size_t i = static_cast<size_t>(j + 2 - spatial);  // entry of the two-entry lists
+    const int64_t in = input.size(2 + j), k = weight.size(2 + j);
+    sizes.push_back((in - 1) * s[i] - 2 * p[i] + d[i] * (k - 1) + op[i] + 1);
+  }
+  const at::Tensor shape_only = Empty(sizes, input.scalar_type());  // only its sizes are read
+  at::Tensor out = std::get<0>(ConvBackward(name, input, shape_only, weight, stride, padding,
+                                            dilation, groups, {true, false, false}));
+  if (bias && bias->defined()) {
+    std::vector<int64_t> view(out.dim(), 1);
+    view[1] = out.size(1);
+    out.add_(bias->view(view));
+  }
+  return out;
+}
+
+std::tuple<at::Tensor, at::Tensor, at::Tensor> TransposedBackward(
+    const at::Tensor& grad, const at::Tensor& input, const at::Tensor& weight,
+    at::IntArrayRef stride, at::IntArrayRef padding, at::IntArrayRef dilation, int64_t groups,
+    std::array<bool, 3> output_mask) {
+  const char* name = "convolution_backward_overrideable";
+  at::Tensor grad_input, grad_weight, grad_bias;
+  if (output_mask[0]) {
+    grad_input = ConvForward(name, grad, weight, c10::nullopt, stride, padding, dilation, groups);
+  }
+  if (output_mask[1]) {
+    grad_weight = std::get<1>(ConvBackward(name, input, grad, weight, stride, padding, dilation,
+                                           groups, {false, true, false}));
+  }
+  if (output_mask[2]) {
+    grad_bias =
+        at::sum(grad, grad.dim() == 3 ? std::vector<int64_t>{0, 2} : std::vector<int64_t>{0, 2, 3});
+  }
+  return {grad_input, grad_weight, grad_bias};
 }
 
 at::Tensor ConvolutionOverrideable(const at::Tensor& input, const at::Tensor& weight,
@@ -130,13 +188,23 @@ at::Tensor ConvolutionOverrideable(const at::Tensor& input, const at::Tensor& we
                                    bool transposed, at::IntArrayRef output_padding,
                                    int64_t groups) {
   const char* name = "convolution_overrideable";
-  if (!NativeConv(input, weight, transposed)) {
+  if (!NativeConv(input, weight)) {
     NoteFallback("aten::convolution_overrideable");
     c10::optional<at::Tensor> host_bias;
     if (bias && bias->defined()) host_bias = bias->cpu();
     return ToDevice(at::convolution(input.cpu(), weight.cpu(), host_bias, stride, padding, dilation,
                                     transposed, output_padding, groups));
   }
+  if (transposed) {
+    return TransposedForward(input, weight, bias, stride, padding, dilation, output_padding,
+                             groups);
+  }
+  return ConvForward(name, input, weight, bias, stride, padding, dilation, groups);
+}
+
+at::Tensor ConvForward(const char* name, const at::Tensor& input, const at::Tensor& weight,
+                       const c10::optional<at::Tensor>& bias, at::IntArrayRef stride,
+                       at::IntArrayRef padding, at::IntArrayRef dilation, int64_t groups) {
   const Conv cv = MakeConv(name, input, weight, stride, padding, dilation, groups);
   at::Tensor out = Empty({cv.n, cv.o, cv.oh, cv.ow}, input.scalar_type());
   if (out.numel() == 0) return Unsqueezed(cv, out);
@@ -164,7 +232,7 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvolutionBackwardOverrideable(
     at::IntArrayRef stride, at::IntArrayRef padding, at::IntArrayRef dilation, bool transposed,
     at::IntArrayRef output_padding, int64_t groups, std::array<bool, 3> output_mask) {
   const char* name = "convolution_backward_overrideable";
-  if (!NativeConv(input, weight, transposed)) {
+  if (!NativeConv(input, weight)) {
     NoteFallback("aten::convolution_backward_overrideable");
     std::vector<int64_t> bias_sizes{weight.size(transposed ? 1 : 0) * (transposed ? groups : 1)};
     auto result = at::convolution_backward(grad.cpu(), input.cpu(), weight.cpu(),
@@ -173,6 +241,16 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvolutionBackwardOverrideable(
     return {ToDevice(std::get<0>(result)), ToDevice(std::get<1>(result)),
             ToDevice(std::get<2>(result))};
   }
+  if (transposed) {
+    return TransposedBackward(grad, input, weight, stride, padding, dilation, groups, output_mask);
+  }
+  return ConvBackward(name, grad, input, weight, stride, padding, dilation, groups, output_mask);
+}
+
+std::tuple<at::Tensor, at::Tensor, at::Tensor> ConvBackward(
+    const char* name, const at::Tensor& grad, const at::Tensor& input, const at::Tensor& weight,
+    at::IntArrayRef stride, at::IntArrayRef padding, at::IntArrayRef dilation, int64_t groups,
+    std::array<bool, 3> output_mask) {
   const Conv cv = MakeConv(name, input, weight, stride, padding, dilation, groups);
   const int64_t og = cv.o / groups, k = cv.GroupRows();
   const at::Tensor g3 = grad.reshape({cv.n, cv.o, cv.Blocks()});
@@ -413,6 +491,37 @@ at::Tensor AdaptiveAvgPool2dBackward(const at::Tensor& grad, const at::Tensor& s
   });
 }
 
+std::tuple<at::Tensor, at::Tensor> AdaptiveMaxPool2d(const at::Tensor& self,
+                                                     at::IntArrayRef output_size) {
+  const char* name = "adaptive_max_pool2d";
+  CheckFloat(self, name);
+  TORCH_CHECK((self.dim() == 3 || self.dim() == 4) && output_size.size() == 2,
+              "nerva_torch: ", name, ": expected a 3-D or 4-D input and two output sizes, got ",
+              self.sizes(), " and ", output_size);
+  std::vector<int64_t> sizes = self.sizes().vec();
+  sizes[self.dim() - 2] = output_size[0];
+  sizes[self.dim() - 1] = output_size[1];
+  at::Tensor out = Empty(sizes, self.scalar_type()), indices = Empty(sizes, at::kLong);
+  if (out.numel() == 0) return {out, indices};
+  TORCH_CHECK(self.numel() > 0, "nerva_torch: ", name, ": empty input ", self.sizes());
+  Call call(name);
+  Operand x = call.In(self), o = call.Out(out), i = call.Out(indices);
+  call.Run(nerva::AdaptiveMaxPool2D::Create(GetQueue(), x.opt, x.buf, o.opt, o.buf, i.opt, i.buf));
+  return {out, indices};
+}
+
+// Each output's gradient added at the flat spatial index of its maximum (windows overlap).
+at::Tensor AdaptiveMaxPool2dBackward(const at::Tensor& grad, const at::Tensor& self,
+                                     const at::Tensor& indices) {
+  CheckFloat(grad, "adaptive_max_pool2d_backward");
+  const int64_t planes = self.numel() / std::max<int64_t>(self.size(-1) * self.size(-2), 1);
+  at::Tensor grad_input = at::zeros(self.sizes(), grad.options());
+  if (grad.numel() == 0 || grad_input.numel() == 0) return grad_input;
+  grad_input.view({planes, -1})
+      .scatter_add_(1, indices.reshape({planes, -1}), grad.reshape({planes, -1}));
+  return grad_input;
+}
+
 void RegisterConvolution(torch::Library& m) {
   m.impl("convolution_overrideable", TORCH_FN(ConvolutionOverrideable));
   m.impl("convolution_backward_overrideable", TORCH_FN(ConvolutionBackwardOverrideable));
@@ -429,6 +538,8 @@ void RegisterPooling(torch::Library& m) {
   m.impl("avg_pool2d_backward.grad_input", TORCH_FN(AvgPool2dBackwardOut));
   m.impl("_adaptive_avg_pool2d", TORCH_FN(AdaptiveAvgPool2d));
   m.impl("_adaptive_avg_pool2d_backward", TORCH_FN(AdaptiveAvgPool2dBackward));
+  m.impl("adaptive_max_pool2d", TORCH_FN(AdaptiveMaxPool2d));
+  m.impl("adaptive_max_pool2d_backward", TORCH_FN(AdaptiveMaxPool2dBackward));
 }
 
 }  // namespace

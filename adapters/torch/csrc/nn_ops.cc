@@ -199,7 +199,8 @@ at::Tensor& MseLossBackwardOut(const at::Tensor& grad, const at::Tensor& self,
 // Reduces `dims` (sorted, distinct) of `self`. nerva reduces a run of consecutive axes
 // at once; other sets go run by run, the last run first.
 at::Tensor ReduceDims(const char* name, nerva::ReduceType op, const at::Tensor& self,
-                      std::vector<int64_t> dims, bool keepdim, at::ScalarType out_type) {
+                      std::vector<int64_t> dims, bool keepdim, at::ScalarType out_type,
+                      float correction = 1.0f) {
   std::vector<int64_t> out_sizes;
   for (int64_t d = 0; d < self.dim(); ++d) {
     const bool reduced = std::find(dims.begin(), dims.end(), d) != dims.end();
@@ -243,6 +244,7 @@ at::Tensor ReduceDims(const char* name, nerva::ReduceType op, const at::Tensor& 
     option.op_type = mean ? nerva::ReduceType::kMean : op;
     option.axes = runs[r];
     option.keepdim = true;
+    option.correction = correction;
     call.Run(nerva::Reduce::Create(GetQueue(), option, x.opt, x.buf, o.opt, o.buf));
     current = next;
   }
@@ -291,6 +293,40 @@ at::Tensor& MeanOut(const at::Tensor& self, at::OptionalIntArrayRef dim, bool ke
 }
 at::Tensor Mean(const at::Tensor& self, c10::optional<at::ScalarType> dtype) {
   return MeanDim(self, c10::nullopt, false, dtype);
+}
+
+// torch.var: sum of squared deviations over max(0, N - correction). One run of
+// consecutive axes with a positive divisor is one nerva reduction; other sets
+// compose mean, difference and sum on the device.
+at::Tensor VarCorrection(const at::Tensor& self, at::OptionalIntArrayRef dim,
+                         c10::optional<int64_t> correction, bool keepdim) {
+  CheckFloat(self, "var");
+  const std::vector<int64_t> dims = DimList(self, dim);
+  const int64_t corr = correction.value_or(1);
+  int64_t n = 1;
+  for (int64_t d : dims) n *= self.size(d);
+  const bool one_run = !dims.empty() && dims.back() - dims.front() + 1 == int64_t(dims.size());
+  if (one_run && n - corr > 0) {
+    return ReduceDims("var", nerva::ReduceType::kVar, self, dims, keepdim, self.scalar_type(),
+                      static_cast<float>(corr));
+  }
+  const at::Tensor deviation = self - at::mean(self, dims, true);
+  return at::sum(deviation * deviation, dims, keepdim) /
+         static_cast<double>(std::max<int64_t>(n - corr, 0));
+}
+at::Tensor& VarCorrectionOut(const at::Tensor& self, at::OptionalIntArrayRef dim,
+                             c10::optional<int64_t> correction, bool keepdim, at::Tensor& out) {
+  return ToOut(out, VarCorrection(self, dim, correction, keepdim), "var.correction_out");
+}
+std::tuple<at::Tensor, at::Tensor> VarMeanCorrection(const at::Tensor& self,
+                                                     at::OptionalIntArrayRef dim,
+                                                     c10::optional<int64_t> correction,
+                                                     bool keepdim) {
+  return {VarCorrection(self, dim, correction, keepdim), MeanDim(self, dim, keepdim, c10::nullopt)};
+}
+at::Tensor StdCorrection(const at::Tensor& self, at::OptionalIntArrayRef dim,
+                         c10::optional<int64_t> correction, bool keepdim) {
+  return at::sqrt(VarCorrection(self, dim, correction, keepdim));
 }
 
 // ---------------------------------------------------------------- normalisation
@@ -563,6 +599,31 @@ at::Tensor& Uniform(at::Tensor& self, double from, double to,
   });
 }
 
+// Bernoulli draws from a probability tensor of self's shape.
+at::Tensor& BernoulliFrom(at::Tensor& self, const at::Tensor& probability) {
+  return RandomFill(self, "bernoulli_", [&](Operand& o) {
+    Call call("bernoulli_");
+    Operand p = call.In(probability);
+    return nerva::Bernoulli::Create(GetQueue(), nerva::BernoulliOption(), p.opt, p.buf, o.opt,
+                                    o.buf);
+  });
+}
+at::Tensor& BernoulliFloat(at::Tensor& self, double p, c10::optional<at::Generator> generator) {
+  CheckFloat(self, "bernoulli_");
+  return BernoulliFrom(self, at::full(self.sizes(), p, self.options()));
+}
+at::Tensor& BernoulliTensor(at::Tensor& self, const at::Tensor& p,
+                            c10::optional<at::Generator> generator) {
+  CheckFloat(self, "bernoulli_");
+  return BernoulliFrom(self,
+                       p.to(self.device(), self.scalar_type()).expand(self.sizes()).contiguous());
+}
+at::Tensor BernoulliOf(const at::Tensor& self, c10::optional<at::Generator> generator) {
+  at::Tensor out = EmptyLike(self);
+  CheckFloat(self, "bernoulli");
+  return BernoulliFrom(out, self.contiguous());
+}
+
 at::Tensor& Normal(at::Tensor& self, double mean, double std,
                    c10::optional<at::Generator> generator) {
   return RandomFill(self, "normal_", [&](Operand& o) {
@@ -793,6 +854,10 @@ void RegisterReductions(torch::Library& m) {
   m.impl("mean", TORCH_FN(Mean));
   m.impl("mean.dim", TORCH_FN(MeanDim));
   m.impl("mean.out", TORCH_FN(MeanOut));
+  m.impl("var.correction", TORCH_FN(VarCorrection));
+  m.impl("var.correction_out", TORCH_FN(VarCorrectionOut));
+  m.impl("var_mean.correction", TORCH_FN(VarMeanCorrection));
+  m.impl("std.correction", TORCH_FN(StdCorrection));
 }
 
 void RegisterNorms(torch::Library& m) {
@@ -816,6 +881,9 @@ void RegisterRandom(torch::Library& m) {
   m.impl("native_dropout_backward", TORCH_FN(NativeDropoutBackward));
   m.impl("uniform_", TORCH_FN(Uniform));
   m.impl("normal_", TORCH_FN(Normal));
+  m.impl("bernoulli_.float", TORCH_FN(BernoulliFloat));
+  m.impl("bernoulli_.Tensor", TORCH_FN(BernoulliTensor));
+  m.impl("bernoulli", TORCH_FN(BernoulliOf));
 }
 
 }  // namespace

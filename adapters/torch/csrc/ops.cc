@@ -678,8 +678,16 @@ NERVA_SIMPLE_GRAD(SiluBackward, "silu_backward", SiluBackward)
 
 at::Tensor GeluBackward(const at::Tensor& grad, const at::Tensor& self,
                         c10::string_view approximate) {
-  TORCH_CHECK(approximate == "none", "nerva_torch: gelu_backward: approximate='",
-              std::string(approximate), "' has no nerva kernel");
+  TORCH_CHECK(approximate == "none" || approximate == "tanh",
+              "nerva_torch: gelu_backward: unknown approximate='", std::string(approximate), "'");
+  if (approximate == "tanh") {
+    // d/dx of 0.5 x (1 + tanh(u)), u = sqrt(2/pi) (x + 0.044715 x^3), composed on the device.
+    constexpr double kAlpha = 0.7978845608028654, kBeta = 0.044715;
+    const at::Tensor x2 = self * self;
+    const at::Tensor t = at::tanh(kAlpha * (self + kBeta * x2 * self));
+    const at::Tensor du = kAlpha * (1.0 + 3.0 * kBeta * x2);
+    return grad * (0.5 * (1.0 + t) + 0.5 * self * (1.0 - t * t) * du);
+  }
   return GradFn("gelu_backward", grad, self, [](Operand& g, Operand& s, Operand& o) {
     return nerva::GeLUBackward::Create(GetQueue(), g.opt, g.buf, s.opt, s.buf, o.opt, o.buf);
   });

@@ -30,7 +30,7 @@ def close(test, got, want, rtol=1e-4, atol=1e-5):
     if want.dtype == torch.bool or not want.is_floating_point():
         test.assertTrue(torch.equal(got, want), "%s != %s" % (got, want))
     else:
-        torch.testing.assert_close(got, want, rtol=rtol, atol=atol)
+        torch.testing.assert_close(got, want, rtol=rtol, atol=atol, equal_nan=True)
 
 
 class Training(unittest.TestCase):
@@ -226,6 +226,19 @@ class Operators(unittest.TestCase):
         self.check(lambda x: x.sum(0), torch.randint(0, 9, (4, 3)))
         self.check(torch.sum, torch.randn(0, 3))
 
+    def test_variance(self):
+        a = torch.randn(4, 6, 5) * 3 + 1
+        nerva_torch.reset_fallback_ops()
+        self.check(torch.var, a)
+        self.check(lambda x: x.var(1), a)
+        self.check(lambda x: x.var((1, 2), unbiased=False, keepdim=True), a)
+        self.check(lambda x: x.var((0, 2)), a)  # not one run of axes: composed
+        self.check(lambda x: x.transpose(0, 2).var(0), a)
+        self.check(lambda x: torch.var_mean(x, 2), a)
+        self.check(lambda x: x.std(1), a)
+        self.check(lambda x: x.var(1), torch.randn(3, 1))  # N - correction = 0: nan
+        self.assertEqual(nerva_torch.fallback_ops(), [])
+
     def test_softmax_and_losses(self):
         a = torch.randn(6, 11)
         self.check(lambda x: torch.softmax(x, 1), a)
@@ -245,7 +258,8 @@ class Operators(unittest.TestCase):
         for fn in (torch.relu, torch.sigmoid, torch.tanh, torch.nn.functional.gelu,
                    torch.nn.functional.silu, lambda x: torch.softmax(x, 1) * torch.arange(8.0),
                    lambda x: torch.log_softmax(x, 1) * torch.arange(8.0),
-                   lambda x: torch.nn.functional.layer_norm(x, (8,)) * torch.arange(8.0)):
+                   lambda x: torch.nn.functional.layer_norm(x, (8,)) * torch.arange(8.0),
+                   lambda x: torch.nn.functional.gelu(x, approximate="tanh")):
             torch.testing.assert_close(grads(DEV, fn, a), grads("cpu", fn, a), rtol=1e-4,
                                        atol=1e-5)
 
@@ -316,6 +330,18 @@ class Operators(unittest.TestCase):
         u = torch.empty(3000, device=DEV).uniform_(-2, 3).cpu()
         self.assertTrue(u.min().item() >= -2 and u.max().item() < 3)
         self.assertAlmostEqual(u.mean().item(), 0.5, delta=0.1)
+        nerva_torch.reset_fallback_ops()
+        b = torch.empty(4000, device=DEV).bernoulli_(0.3).cpu()
+        self.assertTrue(((b == 0) | (b == 1)).all())
+        self.assertAlmostEqual(b.mean().item(), 0.3, delta=0.05)
+        p = torch.tensor([0.0, 1.0, 0.5]).repeat(1000)
+        d = torch.bernoulli(p.to(DEV)).cpu()
+        self.assertTrue(torch.equal(d[0::3], torch.zeros(1000)))
+        self.assertTrue(torch.equal(d[1::3], torch.ones(1000)))
+        self.assertAlmostEqual(d[2::3].mean().item(), 0.5, delta=0.08)
+        e = torch.empty(2, 1000, device=DEV).bernoulli_(torch.tensor([[0.0], [1.0]]).to(DEV)).cpu()
+        self.assertTrue(torch.equal(e, torch.tensor([[0.0], [1.0]]).expand(2, 1000)))
+        self.assertEqual(nerva_torch.fallback_ops(), [])
 
 
 def forward_and_grads(device, fn, inputs, need_grad):
@@ -374,6 +400,38 @@ class SlidingWindows(unittest.TestCase):
         got = F.conv2d(torch.randn(0, 3, 5, 5, device=DEV), torch.randn(2, 3, 3, 3, device=DEV))
         self.assertEqual(got.shape, (0, 2, 3, 3))
 
+    def test_conv_transpose(self):
+        F = torch.nn.functional
+        cases = [  # (N, C, H, W), (C, O / groups, kh, kw), stride, padding, out pad, dilation, groups
+            ((2, 3, 5, 4), (3, 4, 3, 3), 1, 1, 0, 1, 1),
+            ((1, 4, 4, 5), (4, 3, 3, 2), (2, 1), (1, 0), (1, 0), 1, 2),
+            ((2, 2, 3, 4), (2, 2, 2, 3), 2, 0, 1, (2, 1), 1),
+        ]
+        for x, w, stride, padding, out_pad, dilation, groups in cases:
+            for bias in (True, False):
+                inputs = [torch.randn(x), torch.randn(w), torch.randn(w[1] * groups)]
+                fn = (lambda a, b, c, s=stride, p=padding, o=out_pad, d=dilation, g=groups,
+                      use=bias: F.conv_transpose2d(a, b, c if use else None, s, p, o, g, d))
+                self.compare(fn, inputs, [True, True, bias])
+        self.compare(lambda a, b, c: F.conv_transpose1d(a, b, c, stride=2, padding=1),
+                     [torch.randn(2, 3, 6), torch.randn(3, 4, 3), torch.randn(4)],
+                     [True, True, True])
+
+    def test_scaled_dot_product_attention(self):
+        sdpa = torch._C._nn._scaled_dot_product_attention
+        q, k, v = torch.randn(2, 3, 5, 8), torch.randn(2, 3, 7, 8), torch.randn(2, 3, 7, 8)
+        mask = torch.randn(5, 7) > -0.5
+        mask[:, 0] = True  # every row keeps a key
+        for m, causal in ((None, False), (mask, False), (None, True)):
+            fn = (lambda a, b, c, m=m, causal=causal: sdpa(a, b, c, None if m is None else
+                                                           m.to(a.device), 0.0, False, causal)[0])
+            self.compare(fn, [q, k, v], [True, True, True])
+        self.compare(lambda a, b, c: sdpa(a, b, c, None, 0.0, True, False)[1], [q, k, v],
+                     [False, False, False])
+        with torch.no_grad():
+            self.compare(lambda a, b, c: sdpa(a, b, c, mask.to(a.device), 0.0, False, False)[0],
+                         [q, k, v], [False, False, False])
+
     def test_max_pool(self):
         F = torch.nn.functional
         cases = [((2, 3, 8, 8), 2, None, 0, 1, False), ((1, 2, 9, 7), 3, 2, 1, 1, True),
@@ -401,6 +459,10 @@ class SlidingWindows(unittest.TestCase):
         for size in ((3, 2), (4, 7), (1, 1)):
             self.compare(lambda a, s=size: F.adaptive_avg_pool2d(a, s), [x], [True])
         self.compare(lambda a: F.adaptive_avg_pool2d(a, 2), [torch.randn(3, 5, 6)], [True])
+        for size in ((3, 2), (4, 7), (2, 2)):  # windows overlap for (4, 7) over 9 x 7
+            self.compare(lambda a, s=size: F.adaptive_max_pool2d(a, s), [x], [True])
+        self.compare(lambda a: F.adaptive_max_pool2d(a, 2, return_indices=True)[1].float(), [x],
+                     [False])
 
     def test_group_norm(self):
         F = torch.nn.functional
