@@ -36,21 +36,26 @@
 #define B_PER_ITEM ((TK * BN + GROUP - 1) / GROUP)
 #endif
 
-/* mat1[k0 .. k0 + TK)[m_group .. m_group + BM) into a_next, zero outside; consecutive
- * items read consecutive k of a row. */
-#define LOAD_A(k0)                                                                        \
-  for (int j = 0; j < A_PER_ITEM; ++j) {                                                  \
-    const uint e = item + j * GROUP, kk = e % TK, mm = e / TK;                            \
-    const uint k = (k0) + kk, m = m_group + mm;                                           \
-    a_next[j] = e < TK * BM && k < K && m < M                                             \
-                    ? VLOAD(MAT1_DTYPE, 1, TENSOR3D_PTR(mat1, MAT1_DTYPE, b, m, k))       \
-                    : 0.0f;                                                               \
+/* Operand runs along k: dst[j] = element (k0 + e % TK, outer0 + e / TK) for
+ * e = item + j * GROUP below TK * SPAN, zero outside K x LIMIT, so consecutive
+ * items read consecutive k; AT(k, o) addresses the element. The store puts the
+ * element at row e % TK, column e / TK of the local tile. */
+#define LOAD_K_RUNS(dst, count, SPAN, k0, outer0, LIMIT, DTYPE, AT)                       \
+  for (int j = 0; j < (count); ++j) {                                                     \
+    const uint e = item + j * GROUP, k = (k0) + e % TK, o = (outer0) + e / TK;            \
+    dst[j] = e < TK * (SPAN) && k < K && o < (LIMIT) ? VLOAD(DTYPE, 1, AT(k, o)) : 0.0f;  \
   }
-#define STORE_A()                                                                         \
-  for (int j = 0; j < A_PER_ITEM; ++j) {                                                  \
+#define STORE_K_RUNS(src, count, SPAN, tile, STRIDE)                                      \
+  for (int j = 0; j < (count); ++j) {                                                     \
     const uint e = item + j * GROUP;                                                      \
-    if (e < TK * BM) a_tile[(e % TK) * A_STRIDE + e / TK] = a_next[j];                    \
+    if (e < TK * (SPAN)) tile[(e % TK) * (STRIDE) + e / TK] = src[j];                     \
   }
+#define MAT1_AT(k, m) TENSOR3D_PTR(mat1, MAT1_DTYPE, b, m, k)
+#define MAT2_AT(k, n) TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n)
+
+/* mat1[m_group .. m_group + BM)[k0 .. k0 + TK) into a_next. */
+#define LOAD_A(k0) LOAD_K_RUNS(a_next, A_PER_ITEM, BM, k0, m_group, M, MAT1_DTYPE, MAT1_AT)
+#define STORE_A() STORE_K_RUNS(a_next, A_PER_ITEM, BM, a_tile, A_STRIDE)
 #ifdef MAT2_N_CONTIG
 /* mat2[k0 .. k0 + TK)[n_group .. n_group + BN) as vectors of TN columns. */
 #define LOAD_B(k0)                                                                        \
@@ -59,12 +64,11 @@
     const uint k = (k0) + kk, n = n_group + nn;                                           \
     b_next[j] = (ACCV)(0.0f);                                                             \
     if (v < TK * (BN / TN) && k < K && n + TN <= N) {                                     \
-      b_next[j] = VLOAD(MAT2_DTYPE, TN, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n));         \
+      b_next[j] = VLOAD(MAT2_DTYPE, TN, MAT2_AT(k, n));                                   \
     } else if (v < TK * (BN / TN) && k < K) {                                             \
       float lanes[TN];                                                                    \
       for (int l = 0; l < TN; ++l) {                                                      \
-        lanes[l] = n + l < N ? VLOAD(MAT2_DTYPE, 1, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n + l)) \
-                             : 0.0f;                                                      \
+        lanes[l] = n + l < N ? VLOAD(MAT2_DTYPE, 1, MAT2_AT(k, n + l)) : 0.0f;            \
       }                                                                                   \
       b_next[j] = NERVA_LOADN(TN, lanes);                                                 \
     }                                                                                     \
@@ -79,19 +83,8 @@
 #else
 /* Columns of mat2 with k contiguous (a transposed operand): consecutive items
  * read consecutive k of a column. */
-#define LOAD_B(k0)                                                                        \
-  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
-    const uint e = item + j * GROUP, kk = e % TK, nn = e / TK;                            \
-    const uint k = (k0) + kk, n = n_group + nn;                                           \
-    b_next[j] = e < TK * BN && k < K && n < N                                             \
-                    ? VLOAD(MAT2_DTYPE, 1, TENSOR3D_PTR(mat2, MAT2_DTYPE, b, k, n))       \
-                    : 0.0f;                                                               \
-  }
-#define STORE_B()                                                                         \
-  for (int j = 0; j < B_PER_ITEM; ++j) {                                                  \
-    const uint e = item + j * GROUP;                                                      \
-    if (e < TK * BN) b_tile[(e % TK) * B_STRIDE + e / TK] = b_next[j];                    \
-  }
+#define LOAD_B(k0) LOAD_K_RUNS(b_next, B_PER_ITEM, BN, k0, n_group, N, MAT2_DTYPE, MAT2_AT)
+#define STORE_B() STORE_K_RUNS(b_next, B_PER_ITEM, BN, b_tile, B_STRIDE)
 #endif
 #define LOAD_TILES(k0) \
   LOAD_A(k0);          \
