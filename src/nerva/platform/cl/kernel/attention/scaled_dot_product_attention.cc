@@ -7,6 +7,7 @@
 #include "nerva/platform/cl/kernel/attention/attention_util.h"
 #include "nerva/platform/cl/kernel/norm/norm_util.h"
 #include "nerva/platform/cl/kernel/random/philox.h"
+#include "nerva/platform/cl/kernel/tensorcore/tc_attention.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -194,6 +195,12 @@ void ScaledDotProductAttentionKernel::SetBlockedModeForTesting(int mode) {
 }
 
 void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  // Devices with a tensor unit run the tensor-core program.
+  if (TcSdpaForward(*this, session,
+                    {option_, query_, key_, value_, mask_, out_, lse_, attn_, causal_offset_},
+                    &keep_)) {
+    return;
+  }
   const AttentionDims d = AttentionShapes(name(), query_, key_, value_, option_.enable_gqa);
   const long heads = std::max(d.heads, 1L), kv_heads = std::max(d.kv_heads, 1L);
   const long batch = Count(d.lead);

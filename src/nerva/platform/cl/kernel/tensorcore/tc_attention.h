@@ -1,0 +1,48 @@
+#pragma once
+
+// The tensor-core path of the attention kernels, taken when the session's device
+// offers cl_nrv_tensorcore and the tiles fit its local memory.
+//
+// ScaledDotProductAttention: "tensorcore/scaled_dot_product_transpose.cl"
+// ("sdpa_pack_tensorcore") first packs the keys of every (batch, kv head) into
+// transposed tiles of BK keys and the values into rows, both zero-padded to whole
+// tiles in scratch memory linear in S; "tensorcore/scaled_dot_product_attention.cl"
+// ("sdpa_forward_tensorcore") then takes BQ query rows per work-group, computes the
+// score tile and the probability-times-value tile with tc_matmul and keeps an
+// online softmax between them. Semantics, outputs and dropout draws are those of
+// the generic program (see scaled_dot_product_attention.h); float and half data,
+// any strides. Tiles: BQ = BK = 32, or 16 when 32 does not fit the local memory;
+// head sizes whose tiles fit in neither stay on the generic program.
+
+#include <memory>
+#include <vector>
+
+#include "nerva/kernel/transformers.h"
+#include "nerva/platform/cl/kernel_impl.h"
+#include "nerva/tensor.h"
+
+namespace nerva {
+namespace cl {
+
+// The forward's tensors as the generic kernel holds them: `mask` undefined when
+// absent (or unused because of is_causal), `attn` undefined when not asked for.
+struct TcSdpaForwardArgs {
+  const ScaledDotProductAttentionOption& option;
+  const Tensor& query;
+  const Tensor& key;
+  const Tensor& value;
+  const Tensor& mask;
+  const Tensor& out;
+  const Tensor& lse;
+  const Tensor& attn;
+  int causal_offset;
+};
+
+// Appends the tensor-core units of the forward to `kernel` and returns true, or
+// returns false (adding nothing) when the device or the sizes do not allow it.
+// Copies and scratch memory the units read are kept in `keep`.
+bool TcSdpaForward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                   const TcSdpaForwardArgs& args, std::vector<Tensor>* keep);
+
+}  // namespace cl
+}  // namespace nerva
