@@ -1,13 +1,12 @@
 #pragma once
 
 // Helpers of the tensor-core attention tests: tensors on the emulating session,
-// and the device kernels a prepared kernel will run.
+// and whether a prepared kernel runs a given device kernel.
 
 #include <string>
 #include <vector>
 
 #include "nerva/platform/cl/attention/attention_test_util.h"
-#include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/tensorcore/tc_test_util.h"
 
 namespace nerva {
@@ -35,15 +34,7 @@ inline std::vector<double> TcDownloadAs(const Tensor& tensor) {
   return FromBytes(bytes, tensor.dtype());
 }
 
-// Names of the device kernels `kernel` runs, in order.
-inline std::vector<std::string> UnitNames(const Kernel& kernel) {
-  std::vector<std::string> names;
-  for (const auto& unit : std::dynamic_pointer_cast<KernelImpl>(kernel.impl())->units()) {
-    names.push_back(unit->name());
-  }
-  return names;
-}
-
+// Whether `kernel` runs the device kernel `device_kernel`.
 inline bool Runs(const Kernel& kernel, const std::string& device_kernel) {
   for (const auto& name : UnitNames(kernel)) {
     if (name == device_kernel) return true;

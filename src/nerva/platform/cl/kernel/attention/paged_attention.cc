@@ -5,6 +5,7 @@
 
 #include "nerva/platform/cl/kernel/attention/attention_util.h"
 #include "nerva/platform/cl/kernel/norm/norm_util.h"
+#include "nerva/platform/cl/kernel/tensorcore/tc_attention.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -152,6 +153,14 @@ bool PagedAttentionKernel::Verify() const {
 }
 
 void PagedAttentionKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  // Devices with a tensor unit run the tensor-core programs.
+  if (TcPagedAttention(
+          *this, session,
+          {num_kv_heads_, block_size_, max_seq_len_, partition_size_, scale_, query_, key_cache_,
+           value_cache_, block_tables_, seq_lens_, out_, logits_, exp_sums_, max_logits_, tmp_out_},
+          &keep_)) {
+    return;
+  }
   const auto& q = query_.shape().sizes();
   const long seqs = q[0], heads = q[1], size = q[2];
   if (seqs * heads == 0) return;

@@ -124,5 +124,66 @@ bool TcSdpaForward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessi
   return true;
 }
 
+bool TcPagedAttention(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                      const TcPagedArgs& a, std::vector<Tensor>* keep) {
+  if (!session->dev_supports_extension(kTensorCoreExtension)) return false;
+  const auto& qs = a.query.shape().sizes();
+  const long seqs = qs[0], heads = qs[1], size = qs[2];
+  if (seqs * heads == 0) return true;
+  const bool v2 = a.partition_size > 0;
+  const long parts = v2 ? (a.max_seq_len + a.partition_size - 1) / a.partition_size : 1;
+  const long blocks = a.key_cache.shape().sizes()[0];
+  const long max_blocks = a.block_tables.shape().sizes()[1];
+  BuildOption options = TensorCoreBuildOption(*session, kBlock);
+  options.AddDefinition("DTYPE", GetDataTypeCode(a.query.dtype()))
+      .AddDefinitionAutoType("DTYPE_SIZE", ItemSize(a.query.dtype()))
+      .AddDefinitionAutoType("HEAD_DIM", size)
+      .AddDefinitionAutoType("GQ", heads / a.num_kv_heads)
+      .AddDefinitionAutoType("BLOCK_TOKENS", a.block_size);
+  const View4 q = ViewOf(kernel, session, a.query, keep);
+  const View4 out = *FoldView(a.out);
+  const Buffer none = EmptyView(session, keep).buffer;
+  const std::string program = ConcatenateStrings("PagedAttention", "tensorcore");
+  const std::vector<std::string> sources{"common.h",
+                                         "random.h",
+                                         "attention.h",
+                                         "tensorcore/tc_common.h",
+                                         "tensorcore/paged_attention_v1.cl",
+                                         "tensorcore/paged_attention_v2.cl"};
+  const int bt64 = a.block_tables.dtype() == kInt64 ? 1 : 0;
+  const int sl64 = a.seq_lens.dtype() == kInt64 ? 1 : 0;
+  const std::vector<size_t> local{static_cast<size_t>(kBlock), 1, 1};
+  if (!v2) {
+    kernel.MakeSubKernel(session, program, sources, options, "paged_attention_v1_tensorcore")
+        ->SetArgs(q, a.key_cache.storage(), a.value_cache.storage(), a.block_tables.storage(), bt64,
+                  static_cast<int>(max_blocks), a.seq_lens.storage(), sl64,
+                  static_cast<int>(blocks), a.num_kv_heads, a.scale, a.max_seq_len, out,
+                  a.logits.defined() ? a.logits.storage() : none, a.logits.defined() ? 1 : 0)
+        .SetGlobal({static_cast<size_t>(kBlock), static_cast<size_t>(a.num_kv_heads),
+                    static_cast<size_t>(seqs)})
+        .SetLocal(local);
+    return true;
+  }
+  kernel.MakeSubKernel(session, program, sources, options, "paged_attention_v2_tensorcore")
+      ->SetArgs(q, a.key_cache.storage(), a.value_cache.storage(), a.block_tables.storage(), bt64,
+                static_cast<int>(max_blocks), a.seq_lens.storage(), sl64, static_cast<int>(blocks),
+                a.num_kv_heads, a.scale, a.max_seq_len, a.partition_size, static_cast<int>(parts),
+                a.max_logits.storage(), a.exp_sums.storage(), a.tmp_out.storage())
+      .SetGlobal({static_cast<size_t>(kBlock), static_cast<size_t>(a.num_kv_heads * parts),
+                  static_cast<size_t>(seqs)})
+      .SetLocal(local);
+  options.AddDefinitionAutoType("NUM_PARTS", parts);
+  kernel
+      .MakeSubKernel(session, ConcatenateStrings(program, "reduce"),
+                     {"common.h", "random.h", "attention.h", "tensorcore/tc_common.h",
+                      "tensorcore/paged_attention_v2_reduce.cl"},
+                     options, "paged_attention_v2_reduce_tensorcore")
+      ->SetArgs(a.max_logits.storage(), a.exp_sums.storage(), a.tmp_out.storage(), out)
+      .SetGlobal(
+          {static_cast<size_t>(kBlock), static_cast<size_t>(heads), static_cast<size_t>(seqs)})
+      .SetLocal(local);
+  return true;
+}
+
 }  // namespace cl
 }  // namespace nerva

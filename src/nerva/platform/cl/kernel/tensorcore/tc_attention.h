@@ -38,11 +38,40 @@ struct TcSdpaForwardArgs {
   int causal_offset;
 };
 
+// PagedAttentionV1 / V2: "tensorcore/paged_attention_v1.cl" ("paged_attention_v1_tensorcore")
+// or "tensorcore/paged_attention_v2.cl" ("paged_attention_v2_tensorcore", built after the
+// v1 text whose partition body it shares) takes one (sequence, kv head, partition) per
+// work-group with its query heads, and per cache block computes the scores as
+// K_block Q^T and the output as P V_block with tc_matmul; V2 then merges the partitions
+// with "tensorcore/paged_attention_v2_reduce.cl" ("paged_attention_v2_reduce_tensorcore"),
+// their weights times tmp_out through tc_matmul. Semantics, bounds and outputs are those
+// of the generic program (see paged_attention.h). The cache block size is a build
+// constant.
+struct TcPagedArgs {
+  int num_kv_heads, block_size, max_seq_len, partition_size;  // partition_size 0 for V1
+  float scale;
+  const Tensor& query;
+  const Tensor& key_cache;
+  const Tensor& value_cache;
+  const Tensor& block_tables;
+  const Tensor& seq_lens;
+  const Tensor& out;
+  const Tensor& logits;  // V1, may be undefined
+  const Tensor& exp_sums;
+  const Tensor& max_logits;
+  const Tensor& tmp_out;  // V2
+};
+
 // Appends the tensor-core units of the forward to `kernel` and returns true, or
 // returns false (adding nothing) when the device or the sizes do not allow it.
 // Copies and scratch memory the units read are kept in `keep`.
 bool TcSdpaForward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
                    const TcSdpaForwardArgs& args, std::vector<Tensor>* keep);
+
+// Appends the tensor-core units of the paged attention to `kernel` and returns true,
+// or returns false (adding nothing) when the device does not offer a tensor unit.
+bool TcPagedAttention(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                      const TcPagedArgs& args, std::vector<Tensor>* keep);
 
 }  // namespace cl
 }  // namespace nerva
