@@ -8,6 +8,7 @@
 #include "nerva/platform/cl/kernel/norm/norm_util.h"
 #include "nerva/platform/cl/kernel/random/philox.h"
 #include "nerva/platform/cl/kernel/reduce/reduce_util.h"
+#include "nerva/platform/cl/kernel/tensorcore/tc_attention.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -104,6 +105,14 @@ bool ScaledDotProductAttentionBackwardKernel::Verify() const {
 }
 
 void ScaledDotProductAttentionBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
+  // Devices with a tensor unit run the tensor-core programs.
+  if (TcSdpaBackward(
+          *this, session,
+          {option_, FromLogsumexp(), grad_output_, query_, key_, value_, saved_, grad_query_,
+           grad_key_, grad_value_, grad_mask_, grad_weights_, grad_scores_, delta_},
+          &keep_)) {
+    return;
+  }
   const AttentionDims d = AttentionShapes(name(), query_, key_, value_, option_.enable_gqa);
   const long heads = std::max(d.heads, 1L), kv_heads = std::max(d.kv_heads, 1L);
   const long batch = Count(d.lead);

@@ -124,6 +124,123 @@ bool TcSdpaForward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessi
   return true;
 }
 
+namespace {
+
+// Local memory of sdpa_backward_kv_tensorcore, the largest of the backward's kernels.
+long BackwardLocalBytes(long tile, long E, long Ev, long item) {
+  return Aligned(tile * E * item) + Aligned(tile * Ev * item) + 2 * Aligned(tile * tile * 4) +
+         2 * Aligned(tile * tile * item) + Aligned(tile * E * 4) + Aligned(tile * Ev * 4) +
+         2 * tile * 4;
+}
+
+}  // namespace
+
+bool TcSdpaBackward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                    const TcSdpaBackwardArgs& a, std::vector<Tensor>* keep) {
+  if (!session->dev_supports_extension(kTensorCoreExtension) || !a.from_lse ||
+      a.grad_mask.defined() || a.grad_weights.defined() || a.grad_scores.defined()) {
+    return false;
+  }
+  const std::string op = kernel.name();
+  const AttentionDims d = AttentionShapes(op, a.query, a.key, a.value, a.option.enable_gqa);
+  const long E = std::max(d.E, 1L), Ev = std::max(d.Ev, 1L), item = ItemSize(a.query.dtype());
+  long tile = 0;
+  for (long t : {32L, 16L}) {
+    if (tile == 0 && static_cast<uint64_t>(BackwardLocalBytes(t, E, Ev, item)) <=
+                         session->available_local_mem()) {
+      tile = t;
+    }
+  }
+  if (tile == 0) return false;
+  const long heads = std::max(d.heads, 1L), kv_heads = std::max(d.kv_heads, 1L);
+  const long batch = Count(d.lead);
+  if (batch * heads == 0 || (d.L == 0 && d.S == 0)) return true;
+  const View4 empty = EmptyView(session, keep);
+  auto view = [&](const Tensor& t) {
+    return t.defined() ? ViewOf(kernel, session, t, keep) : empty;
+  };
+  const View4 dout = view(a.grad_output), q = view(a.query), k = view(a.key), v = view(a.value);
+  const View4 lse = view(WithUnitColumn(a.saved));
+  Tensor delta = a.delta.defined()
+                     ? WithUnitColumn(a.delta)
+                     : ScratchTensor(session, {batch, heads, std::max(d.L, 1L), 1}, kFloat);
+  keep->push_back(delta);
+  const View4 delta_view = view(delta);
+  const long tiles = (d.S + tile - 1) / tile, bhk = batch * kv_heads;
+  const long rows = tiles * tile;
+  const Tensor kt = ScratchTensor(session, {std::max(bhk * rows * E * item, 1L)}, kUInt8);
+  const Tensor vt = ScratchTensor(session, {std::max(bhk * rows * Ev * item, 1L)}, kUInt8);
+  const Tensor kp = ScratchTensor(session, {std::max(bhk * rows * E * item, 1L)}, kUInt8);
+  keep->insert(keep->end(), {kt, vt, kp});
+  BuildOption options = TensorCoreBuildOption(*session, kBlock);
+  options.AddDefinition("DTYPE", GetDataTypeCode(a.query.dtype()))
+      .AddDefinitionAutoType("DTYPE_SIZE", item)
+      .AddDefinitionAutoType("HEAD_DIM", E)
+      .AddDefinitionAutoType("VALUE_DIM", Ev)
+      .AddDefinitionAutoType("BQ", tile)
+      .AddDefinitionAutoType("BK", tile);
+  const std::vector<std::string> sources{
+      "common.h",
+      "random.h",
+      "attention.h",
+      "tensorcore/tc_common.h",
+      "tensorcore/scaled_dot_product_attention_backward_transpose.cl",
+      "tensorcore/scaled_dot_product_attention_backward_split.cl",
+      "tensorcore/scaled_dot_product_attention_backward.cl",
+      "tensorcore/scaled_dot_product_attention_backward_kv.cl"};
+  const std::string program = ConcatenateStrings(op, "tensorcore");
+  const PhiloxDraw draw(session, a.option.use_seed, a.option.seed);
+  auto params = [&](KernelUnit& unit) {
+    unit.SetArg(static_cast<int>(tiles))
+        .SetArg(static_cast<int>(heads))
+        .SetArg(static_cast<int>(kv_heads))
+        .SetArg(static_cast<int>(d.L))
+        .SetArg(static_cast<int>(d.S))
+        .SetArg(static_cast<int>(heads / kv_heads))
+        .SetArg(AttentionScale(a.option.scale, d.E))
+        .SetArg(a.option.is_causal ? 1 : 0)
+        .SetArg(a.option.dropout_p)
+        .SetArg(static_cast<cl_ulong>(draw.state().seed))
+        .SetArg(static_cast<cl_ulong>(draw.state().offset));
+  };
+  const std::vector<size_t> local{static_cast<size_t>(kBlock), 1, 1};
+  if (tiles > 0) {
+    kernel.MakeSubKernel(session, program, sources, options, "sdpa_backward_pack_tensorcore")
+        ->SetArgs(k, v, kt.storage(), vt.storage(), kp.storage(), static_cast<int>(d.S),
+                  static_cast<int>(tiles), static_cast<int>(kv_heads))
+        .SetGlobal({static_cast<size_t>(rows), static_cast<size_t>(std::max(E, Ev)),
+                    static_cast<size_t>(bhk)});
+  }
+  if (d.L > 0) {
+    const std::vector<size_t> global{static_cast<size_t>(kBlock),
+                                     static_cast<size_t>((d.L + tile - 1) / tile),
+                                     static_cast<size_t>(batch * heads)};
+    auto delta_unit =
+        kernel.MakeSubKernel(session, program, sources, options, "sdpa_backward_delta_tensorcore");
+    delta_unit->SetArgs(dout, q, kt.storage(), vt.storage(), lse, delta_view);
+    params(*delta_unit);
+    delta_unit->SetGlobal(global).SetLocal(local);
+    auto query_unit =
+        kernel.MakeSubKernel(session, program, sources, options, "sdpa_backward_query_tensorcore");
+    query_unit->SetArgs(dout, q, kt.storage(), vt.storage(), kp.storage(), lse, delta_view,
+                        view(a.grad_query));
+    params(*query_unit);
+    query_unit->SetGlobal(global).SetLocal(local);
+  }
+  if (d.S > 0) {
+    auto kv_unit =
+        kernel.MakeSubKernel(session, program, sources, options, "sdpa_backward_kv_tensorcore");
+    kv_unit->SetArgs(dout, q, kt.storage(), vt.storage(), lse, delta_view, view(a.grad_key),
+                     view(a.grad_value));
+    params(*kv_unit);
+    kv_unit
+        ->SetGlobal(
+            {static_cast<size_t>(kBlock), static_cast<size_t>(tiles), static_cast<size_t>(bhk)})
+        .SetLocal(local);
+  }
+  return true;
+}
+
 bool TcPagedAttention(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
                       const TcPagedArgs& a, std::vector<Tensor>* keep) {
   if (!session->dev_supports_extension(kTensorCoreExtension)) return false;

@@ -38,6 +38,39 @@ struct TcSdpaForwardArgs {
   int causal_offset;
 };
 
+// ScaledDotProductAttentionBackward from the forward's logsumexp, without the optional
+// score-sized outputs (grad_attn_mask, grad_attn_weights, grad_scores; those stay on the
+// generic program): "tensorcore/scaled_dot_product_attention_backward_transpose.cl"
+// ("sdpa_backward_pack_tensorcore") packs the keys and values into transposed tiles and
+// the keys into rows; "tensorcore/scaled_dot_product_attention_backward_split.cl"
+// ("sdpa_backward_delta_tensorcore") computes each query row's delta = sum_j P Z dP;
+// "tensorcore/scaled_dot_product_attention_backward.cl" ("sdpa_backward_query_tensorcore")
+// the query gradient dS K and "tensorcore/scaled_dot_product_attention_backward_kv.cl"
+// ("sdpa_backward_kv_tensorcore") the key and value gradients dS^T Q and (P Z)^T dO, each
+// product through tc_matmul. Dropout is redrawn as the generic program does.
+struct TcSdpaBackwardArgs {
+  const ScaledDotProductAttentionOption& option;
+  bool from_lse;  // `saved` is the logsumexp (else the probabilities)
+  const Tensor& grad_output;
+  const Tensor& query;
+  const Tensor& key;
+  const Tensor& value;
+  const Tensor& saved;
+  const Tensor& grad_query;
+  const Tensor& grad_key;
+  const Tensor& grad_value;
+  const Tensor& grad_mask;     // must be undefined for this path
+  const Tensor& grad_weights;  // must be undefined for this path
+  const Tensor& grad_scores;   // must be undefined for this path
+  const Tensor& delta;         // may be undefined
+};
+
+// Appends the tensor-core units of the backward to `kernel` and returns true, or returns
+// false (adding nothing) when the device, the inputs or the outputs asked for do not
+// allow it.
+bool TcSdpaBackward(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                    const TcSdpaBackwardArgs& args, std::vector<Tensor>* keep);
+
 // PagedAttentionV1 / V2: "tensorcore/paged_attention_v1.cl" ("paged_attention_v1_tensorcore")
 // or "tensorcore/paged_attention_v2.cl" ("paged_attention_v2_tensorcore", built after the
 // v1 text whose partition body it shares) takes one (sequence, kv head, partition) per
