@@ -120,7 +120,7 @@ SR_REDUCE_KERNEL(scatter_row_reduce, 16, 0)
 SR_REDUCE_KERNEL(scatter_row_reduce_gpu, 4, 1)
 
 /* scatter_row_scan for GPUs, as one group of SCAN_LOCAL items: tiles of
- * SCAN_LOCAL * SCAN_PER counts, each item summing SCAN_PER consecutive ones,
+ * SCAN_LOCAL * SCAN_PER counts, each item holding SCAN_PER consecutive ones,
  * the item sums scanned in local memory, then written back with the carry of
  * the tiles before. */
 #define SCAN_LOCAL 256
@@ -132,8 +132,11 @@ __kernel __attribute__((reqd_work_group_size(SCAN_LOCAL, 1, 1))) void scatter_ro
   int carry = 0;
   for (ulong base = 0; base < n; base += SCAN_LOCAL * SCAN_PER) {
     const ulong first = base + (ulong)l * SCAN_PER;
-    int own = 0;
-    for (int k = 0; k < SCAN_PER; ++k) own += first + k < n ? count[first + k] : 0;
+    int c[SCAN_PER], own = 0;
+    for (int k = 0; k < SCAN_PER; ++k) {
+      c[k] = first + k < n ? count[first + k] : 0;
+      own += c[k];
+    }
     part[l] = own;
     barrier(CLK_LOCAL_MEM_FENCE);
     for (int d = 1; d < SCAN_LOCAL; d <<= 1) {
@@ -144,10 +147,9 @@ __kernel __attribute__((reqd_work_group_size(SCAN_LOCAL, 1, 1))) void scatter_ro
     }
     int sum = carry + part[l] - own;
     for (int k = 0; k < SCAN_PER && first + k < n; ++k) {
-      const int c = count[first + k];
       start[first + k] = sum;
       count[first + k] = sum;
-      sum += c;
+      sum += c[k];
     }
     carry += part[SCAN_LOCAL - 1];
     barrier(CLK_LOCAL_MEM_FENCE);
