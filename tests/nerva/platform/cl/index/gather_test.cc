@@ -39,28 +39,35 @@ struct SelectCase {
 
 class GatherTest : public ::testing::TestWithParam<SelectCase> {};
 
+// Both device classes; the GPU variant copies rows in units of 1 to 16 bytes, so the second
+// shape gives rows of 16 and 192 bytes (float) besides the odd ones of the first.
 TEST_P(GatherTest, EveryDimWithNegativeDuplicateAndOutOfRangeIndices) {
   const auto [data, itype] = GetParam();
-  const auto in = RandomValues(Count(kInput), data, 11);
-  Tensor x = Put(in, kInput, data);
-  for (int dim = 0; dim < 3; ++dim) {
-    const long n = kInput[dim];
-    // A 2-D index with a duplicate, negatives and two indices out of range.
-    const std::vector<long> index = {0, n - 1, -1, -n, 1, 1, n, -n - 1};
-    const std::vector<long> isz = {2, 4};
-    Tensor idx = PutIndex(index, isz, itype);
-    const auto osz = SelectSizes(kInput, dim, isz);
-    const auto want = SelectRef(in, kInput, dim, index);
-    for (const char* op : {"Gather", "Index"}) {
-      Guarded out(osz, data);
-      Kernel k = std::string(op) == "Gather"
-                     ? Gather::Create(TestQueue(), GatherOption{dim}, x.option(), x.storage(),
-                                      idx.option(), idx.storage(), out.option(), out.buffer())
-                     : Index::Create(TestQueue(), IndexOption{dim}, x.option(), x.storage(),
-                                     idx.option(), idx.storage(), out.option(), out.buffer());
-      TestQueue().Enqueue(k);
-      EXPECT_EQ(out.values(), want) << op << " dim " << dim;
-      EXPECT_TRUE(out.GuardsIntact()) << op << " dim " << dim;
+  for (bool gpu : {false, true}) {
+    const DeviceClass device(gpu);
+    for (const std::vector<long>& shape : {kInput, std::vector<long>{4, 6, 8}}) {
+      const auto in = RandomValues(Count(shape), data, 11);
+      Tensor x = Put(in, shape, data);
+      for (int dim = 0; dim < 3; ++dim) {
+        const long n = shape[dim];
+        // A 2-D index with a duplicate, negatives and two indices out of range.
+        const std::vector<long> index = {0, n - 1, -1, -n, 1, 1, n, -n - 1};
+        const std::vector<long> isz = {2, 4};
+        Tensor idx = PutIndex(index, isz, itype);
+        const auto osz = SelectSizes(shape, dim, isz);
+        const auto want = SelectRef(in, shape, dim, index);
+        for (const char* op : {"Gather", "Index"}) {
+          Guarded out(osz, data);
+          Kernel k = std::string(op) == "Gather"
+                         ? Gather::Create(TestQueue(), GatherOption{dim}, x.option(), x.storage(),
+                                          idx.option(), idx.storage(), out.option(), out.buffer())
+                         : Index::Create(TestQueue(), IndexOption{dim}, x.option(), x.storage(),
+                                         idx.option(), idx.storage(), out.option(), out.buffer());
+          TestQueue().Enqueue(k);
+          EXPECT_EQ(out.values(), want) << op << " dim " << dim << " gpu " << gpu;
+          EXPECT_TRUE(out.GuardsIntact()) << op << " dim " << dim << " gpu " << gpu;
+        }
+      }
     }
   }
 }
@@ -68,6 +75,22 @@ TEST_P(GatherTest, EveryDimWithNegativeDuplicateAndOutOfRangeIndices) {
 INSTANTIATE_TEST_SUITE_P(Types, GatherTest,
                          ::testing::Values(SelectCase{kFloat, kInt64}, SelectCase{kHalf, kInt32},
                                            SelectCase{kInt64, kInt32}, SelectCase{kUInt8, kInt64}));
+
+// The GPU variant over many groups: rows of 12, 8 and 32 bytes (4-, 8- and 16-byte units).
+TEST(GatherTest, GpuVariantManyRows) {
+  const DeviceClass device(true);
+  const auto index = RandomIndices(999, -1001, 1001, 7);
+  Tensor idx = PutIndex(index, {999}, kInt64);
+  for (long width : {3, 2, 8}) {
+    const auto in = RandomValues(1001 * width, kFloat, 6);
+    Tensor x = Put(in, {1001, width}, kFloat);
+    Guarded out({999, width}, kFloat);
+    TestQueue().Enqueue(Gather::Create(TestQueue(), GatherOption{0}, x.option(), x.storage(),
+                                       idx.option(), idx.storage(), out.option(), out.buffer()));
+    EXPECT_EQ(out.values(), SelectRef(in, {1001, width}, 0, index)) << width;
+    EXPECT_TRUE(out.GuardsIntact()) << width;
+  }
+}
 
 TEST(GatherTest, EmptyIndexAndLargeOddRows) {
   Tensor x = Put(RandomValues(1001 * 3, kFloat, 3), {1001, 3}, kFloat);

@@ -140,43 +140,79 @@ INSTANTIATE_TEST_SUITE_P(
                       ScatterCase{kInt64, R::kAmax, false}, ScatterCase{kFloat, R::kAmin, false},
                       ScatterCase{kInt32, R::kAmin, true}));
 
-// An index of one value per row, expanded along the last dimension (stride 0): the row path.
-// Rows of 37 (two 16-wide chunks and a tail), the index covering 35 columns of them.
+// An index of one value per row, expanded along the last dimension (stride 0): the row path,
+// on both device classes. Rows of 37 (16-wide chunks on the host CPU, 4-wide on GPUs, and a
+// tail), the index covering 35 columns of them.
 TEST(ScatterTest, RowsOfAnExpandedIndex) {
   const std::vector<long> shape = {4, 3, 37};
   const long len = 35;
   const ScatterCase cases[] = {{kFloat, R::kSum, true},  {kHalf, R::kSum, false},
                                {kInt32, R::kSum, true},  {kInt64, R::kAmax, false},
                                {kFloat, R::kProd, true}, {kFloat, R::kAmin, false}};
-  for (const auto& [data, op, include_self] : cases) {
-    const bool integral = data != kFloat && data != kHalf;
-    const auto in = RandomValues(Count(shape), data, 40);
-    Tensor x = Put(in, shape, data);
-    for (int dim = 0; dim < 2; ++dim) {
-      std::vector<long> isz = {4, 3, len};
-      isz[dim] = 9;  // duplicates
-      const long rows = isz[0] * isz[1];
-      auto per_row = RandomIndices(rows, 0, shape[dim], 50 + dim);
-      per_row[1] = -1;          // skipped
-      per_row[4] = shape[dim];  // skipped
-      std::vector<long> index;
-      for (long v : per_row) index.insert(index.end(), len, v);
-      const std::vector<long> ssz = {isz[0] + 1, isz[1], shape[2]};
-      const auto src_full = RandomValues(Count(ssz), data, 60 + dim);
-      std::vector<double> src;
-      for (long r = 0; r < rows; ++r)
-        for (long c = 0; c < len; ++c) src.push_back(src_full[r * shape[2] + c]);
-      Tensor base = PutIndex(per_row, {isz[0], isz[1], 1}, kInt64);
-      Tensor idx = base.BroadcastTo(isz);
-      Tensor sv = Put(src_full, ssz, data);
-      Guarded out(shape, data);
-      TestQueue().Enqueue(Scatter::Create(TestQueue(), ScatterOption{dim, op, include_self},
+  for (bool gpu : {false, true})
+    for (const auto& [data, op, include_self] : cases) {
+      const DeviceClass device(gpu);
+      const bool integral = data != kFloat && data != kHalf;
+      const auto in = RandomValues(Count(shape), data, 40);
+      Tensor x = Put(in, shape, data);
+      for (int dim = 0; dim < 2; ++dim) {
+        std::vector<long> isz = {4, 3, len};
+        isz[dim] = 9;  // duplicates
+        const long rows = isz[0] * isz[1];
+        auto per_row = RandomIndices(rows, 0, shape[dim], 50 + dim);
+        per_row[1] = -1;          // skipped
+        per_row[4] = shape[dim];  // skipped
+        std::vector<long> index;
+        for (long v : per_row) index.insert(index.end(), len, v);
+        const std::vector<long> ssz = {isz[0] + 1, isz[1], shape[2]};
+        const auto src_full = RandomValues(Count(ssz), data, 60 + dim);
+        std::vector<double> src;
+        for (long r = 0; r < rows; ++r)
+          for (long c = 0; c < len; ++c) src.push_back(src_full[r * shape[2] + c]);
+        Tensor base = PutIndex(per_row, {isz[0], isz[1], 1}, kInt64);
+        Tensor idx = base.BroadcastTo(isz);
+        Tensor sv = Put(src_full, ssz, data);
+        Guarded out(shape, data);
+        TestQueue().Enqueue(Scatter::Create(TestQueue(), ScatterOption{dim, op, include_self},
+                                            x.option(), x.storage(), idx.option(), idx.storage(),
+                                            sv.option(), sv.storage(), out.option(), out.buffer()));
+        ExpectNear(out.values(),
+                   ScatterRef(in, dim, isz, index, src, op, include_self, integral, shape), data,
+                   op == R::kProd ? 20 : 4);
+        EXPECT_TRUE(out.GuardsIntact()) << dim;
+      }
+    }
+}
+
+// The row path with more out rows than one tile of the GPU's bucket scan (4096), lists of
+// even and odd lengths and empty ones, some rows skipped.
+TEST(ScatterTest, RowsIntoManyTargets) {
+  const long targets = 5000, width = 8, rows = 12001;
+  const auto in = RandomValues(targets * width, kFloat, 70);
+  Tensor x = Put(in, {targets, width}, kFloat);
+  auto per_row = RandomIndices(rows, -1, targets, 71);  // -1: skipped
+  const auto src = RandomValues(rows * width, kFloat, 72);
+  Tensor sv = Put(src, {rows, width}, kFloat);
+  Tensor idx = PutIndex(per_row, {rows, 1}, kInt32).BroadcastTo({rows, width});
+  for (bool gpu : {false, true}) {
+    const DeviceClass device(gpu);
+    for (bool include_self : {true, false}) {
+      std::vector<double> want = in, sum(in.size(), 0.0);
+      std::vector<int> hit(targets, 0);
+      for (long r = 0; r < rows; ++r) {
+        if (per_row[r] < 0) continue;
+        hit[per_row[r]] = 1;
+        for (long c = 0; c < width; ++c) sum[per_row[r] * width + c] += src[r * width + c];
+      }
+      for (long t = 0; t < targets; ++t)
+        for (long c = 0; hit[t] && c < width; ++c)
+          want[t * width + c] = sum[t * width + c] + (include_self ? in[t * width + c] : 0.0);
+      Guarded out({targets, width}, kFloat);
+      TestQueue().Enqueue(Scatter::Create(TestQueue(), ScatterOption{0, R::kSum, include_self},
                                           x.option(), x.storage(), idx.option(), idx.storage(),
                                           sv.option(), sv.storage(), out.option(), out.buffer()));
-      ExpectNear(out.values(),
-                 ScatterRef(in, dim, isz, index, src, op, include_self, integral, shape), data,
-                 op == R::kProd ? 20 : 4);
-      EXPECT_TRUE(out.GuardsIntact()) << dim;
+      ExpectNear(out.values(), want, kFloat, 4);
+      EXPECT_TRUE(out.GuardsIntact()) << gpu;
     }
   }
 }

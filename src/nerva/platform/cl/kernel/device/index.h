@@ -67,6 +67,29 @@ inline long ix_fix(long v, long n, int neg) {
     for (ulong k = first; k < last; ++k) dst[k] = src[k];                      \
   }
 
+/* The same selection for GPUs: DTYPE is a unit of up to 16 bytes dividing the
+ * row (the host picks it), `inner` counts units, and work item g copies unit
+ * g % inner of out row g / inner, so a warp reads and writes whole rows. */
+#define IX_SELECT_GPU_KERNEL(NAME)                                             \
+  __kernel void NAME(IX_PARAM(in), IX_PARAM(idx), int is64, IX_PARAM(out), ulong rows, \
+                     ulong inner, ulong count, long dsize, int neg) {          \
+    const ulong g = get_global_id(0);                                          \
+    if (g >= rows * inner) return;                                             \
+    ulong r, k, o, j;                                                          \
+    if (rows * inner <= UINT_MAX) {                                            \
+      r = (uint)g / (uint)inner;                                               \
+      o = (uint)r / (uint)count;                                               \
+    } else {                                                                   \
+      r = g / inner;                                                           \
+      o = r / count;                                                           \
+    }                                                                          \
+    k = g - r * inner;                                                         \
+    j = r - o * count;                                                         \
+    const long v = ix_fix(ix_load_index(idx_ptr + idx_off, j, is64), dsize, neg); \
+    IX_BASE(out, DTYPE)[g] =                                                   \
+        v < 0 ? (DTYPE)0 : IX_BASE(in, DTYPE)[(o * dsize + v) * inner + k];    \
+  }
+
 /* Element i of a dense (outer, count, inner) tensor as (o, j, k). */
 inline void ix_fold(ulong i, ulong inner, ulong count, ulong *o, ulong *j, ulong *k) {
   const ulong row = i / inner;

@@ -2,6 +2,8 @@
 
 #include "nerva/kernel/base_option.h"
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
+#include "nerva/platform/cl/session_impl.h"
+#include "nerva/type_traits.h"
 #include "nerva/util.h"
 
 namespace nerva {
@@ -47,14 +49,37 @@ void GatherKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long count = ElementCount(index_);
   const Tensor input = Dense(session, input_);
   const Tensor index = Dense(session, index_);
+  const long rows = n / inner;
+  if (!session->host_cpu()) {
+    CompileGpu(session, input, index, rows,
+               inner * static_cast<long>(TypeTraitsHelper::GetSize(input_.dtype())), count, in[d]);
+    return;
+  }
   const long chunk = 64;  // IX_CHUNK
   const long chunks = (inner + chunk - 1) / chunk;
-  const long rows = n / inner;
   auto& unit = Unit(session, program_, MoveOptions(input_.dtype()), name());
   unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(rows),
                static_cast<cl_ulong>(inner), static_cast<cl_ulong>(count),
                static_cast<cl_long>(in[d]), 1, static_cast<cl_ulong>(chunks));
   Launch(unit, rows * chunks);
+}
+
+void GatherKernel::CompileGpu(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
+                              const Tensor& index, long rows, long row_bytes, long count,
+                              long dsize) {
+  // The widest unit (16, 8, 4, 2 or 1 bytes) that divides the row and both tensors' offsets.
+  const IxArg in = Arg(input), out = Arg(out_);
+  long unit_bytes = 16;
+  while (unit_bytes > 1 && (row_bytes % unit_bytes || static_cast<long>(in.offset) % unit_bytes ||
+                            static_cast<long>(out.offset) % unit_bytes)) {
+    unit_bytes /= 2;
+  }
+  const long units = row_bytes / unit_bytes;
+  auto& unit = Unit(session, program_, UnitOptions(unit_bytes), name() + "_gpu");
+  unit.SetArgs(in, Arg(index), Is64(index), out, static_cast<cl_ulong>(rows),
+               static_cast<cl_ulong>(units), static_cast<cl_ulong>(count),
+               static_cast<cl_long>(dsize), 1);
+  Launch(unit, rows * units);
 }
 
 namespace {

@@ -24,6 +24,9 @@ class GatherKernel : public IndexFrameKernel {
 
  private:
   std::vector<long> OutSizes() const;
+  // GPUs: one work item per unit of up to 16 bytes of an out row (coalesced rows).
+  void CompileGpu(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
+                  const Tensor& index, long rows, long row_bytes, long count, long dsize);
 
   std::string program_;
   int dim_;

@@ -123,9 +123,13 @@ IxArg MakeIxArg(const Tensor& t) {
 }
 
 BuildOption IndexFrameKernel::MoveOptions(DataType type) {
+  return UnitOptions(static_cast<long>(TypeTraitsHelper::GetSize(type)));
+}
+
+BuildOption IndexFrameKernel::UnitOptions(long bytes) {
   static const char* const kBySize[] = {"", "uchar", "ushort", "", "uint", "", "", "", "ulong"};
   BuildOption options;
-  options.AddDefinition("DTYPE", kBySize[TypeTraitsHelper::GetSize(type)]);
+  options.AddDefinition("DTYPE", bytes == 16 ? "uint4" : kBySize[bytes]);
   return options;
 }
 

@@ -70,6 +70,8 @@ class IndexFrameKernel : public KernelImpl {
 
   // DTYPE as the unsigned type of the element's size (pure data movement).
   static BuildOption MoveOptions(DataType type);
+  // DTYPE as an unsigned unit of `bytes` bytes (1, 2, 4, 8 or 16: uint4).
+  static BuildOption UnitOptions(long bytes);
   // DTYPE and its accumulation type ACC_T.
   static BuildOption TypeOptions(DataType type);
 

@@ -2,10 +2,15 @@
 
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 #include "nerva/platform/cl/kernel/index/gather_element.h"
+#include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
 
 namespace nerva {
 namespace cl {
+
+namespace {
+constexpr size_t kScanLocal = 256;  // SCAN_LOCAL of scatter_row_scan_gpu
+}  // namespace
 
 ScatterKernel::ScatterKernel(std::string name, int dim, ScatterReduceType reduce, bool include_self,
                              Tensor input, Tensor index, Tensor src, Tensor count, Tensor out)
@@ -112,14 +117,22 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
                static_cast<cl_long>(len), static_cast<cl_long>(dsize),
                static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at, count);
   Launch(keys, rows);
-  auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan");
+  const bool cpu = session->host_cpu();
+  auto& scan =
+      Unit(session, "scatter.cl", options, cpu ? "scatter_row_scan" : "scatter_row_scan_gpu");
   scan.SetArgs(count, start, static_cast<cl_ulong>(out_rows));
-  Launch(scan, 1);
+  if (cpu) {
+    Launch(scan, 1);
+  } else {
+    scan.SetGlobal({kScanLocal}).SetLocal({kScanLocal});
+  }
   auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill");
   fill.SetArgs(key, src_at, count, order, static_cast<cl_ulong>(rows));
   Launch(fill, rows);
-  const long chunks = (width + 15) / 16;  // SR_W columns per work item
-  auto& reduce = Unit(session, "scatter.cl", options, "scatter_row_reduce");
+  const long per_item = cpu ? 16 : 4;  // the W of scatter_row_reduce(_gpu)
+  const long chunks = (width + per_item - 1) / per_item;
+  auto& reduce =
+      Unit(session, "scatter.cl", options, cpu ? "scatter_row_reduce" : "scatter_row_reduce_gpu");
   reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), start, order, static_cast<cl_ulong>(out_rows),
                  static_cast<cl_ulong>(chunks), static_cast<cl_long>(width),
                  static_cast<cl_long>(len), static_cast<int>(reduce_),

@@ -73,39 +73,86 @@ __kernel void scatter_row_fill(__global const long *key, __global const long *sr
   order[atomic_inc((volatile __global int *)cursor + k)] = src_at[i];
 }
 
-/* Work item g: columns [16 c, 16 c + 16) of out row t (g = t * chunks + c).
+/* Work item g: columns [W c, W c + W) of out row t (g = t * chunks + c).
  * Columns below len combine the input (include_self) with the src rows of
- * the list; a row without any, and columns from len on, keep the input. */
-#define SR_W 16
-#define SR_VEC NERVA_VEC(ACC_T, 16)
-#define SR_LOAD16(p) NERVA_CAT(convert_, SR_VEC)(VLOAD(DTYPE, 16, p))
-__kernel void scatter_row_reduce(IX_PARAM(src), IX_PARAM(in), IX_PARAM(out),
-                                 __global const int *start, __global const long *order,
-                                 ulong out_rows, ulong chunks, long width, long len, int op,
-                                 int include_self) {
-  const ulong g = get_global_id(0);
-  if (g >= out_rows * chunks) return;
-  const ulong t = g / chunks;
-  const long first = (long)(g - t * chunks) * SR_W;
-  const int lo = start[t], hi = start[t + 1];
-  __global const DTYPE *s = IX_BASE(src, DTYPE) + first;
-  __global const DTYPE *self = IX_BASE(in, DTYPE) + t * width + first;
-  __global DTYPE *dst = IX_BASE(out, DTYPE) + t * width + first;
-  const long end = hi > lo ? min(width - first, len - first) : 0;
-  if (end >= SR_W && op == IX_SUM) {
-    SR_VEC acc = include_self ? SR_LOAD16(self) : (SR_VEC)0;
-    for (int r = lo; r < hi; ++r) acc += SR_LOAD16(s + order[r]);
-    VSTORE(DTYPE, 16, CONVERT_WRAP(DTYPE, 16, acc), dst);
-    return;
+ * the list; a row without any, and columns from len on, keep the input.
+ * The host CPU takes 16 columns per item; GPUs take 4, so that the items of
+ * a warp read whole src rows, and sum two list entries per step (PAIRS) to
+ * keep more loads in flight. */
+#define SR_REDUCE_KERNEL(NAME, W, PAIRS)                                                         \
+  __kernel void NAME(IX_PARAM(src), IX_PARAM(in), IX_PARAM(out), __global const int *start,  \
+                     __global const long *order, ulong out_rows, ulong chunks, long width,    \
+                     long len, int op, int include_self) {                                    \
+    const ulong g = get_global_id(0);                                                         \
+    if (g >= out_rows * chunks) return;                                                       \
+    const ulong t = g / chunks;                                                               \
+    const long first = (long)(g - t * chunks) * W;                                            \
+    const int lo = start[t], hi = start[t + 1];                                               \
+    __global const DTYPE *s = IX_BASE(src, DTYPE) + first;                                    \
+    __global const DTYPE *self = IX_BASE(in, DTYPE) + t * width + first;                      \
+    __global DTYPE *dst = IX_BASE(out, DTYPE) + t * width + first;                            \
+    const long end = hi > lo ? min(width - first, len - first) : 0;                           \
+    if (end >= W && op == IX_SUM) {                                                           \
+      NERVA_VEC(ACC_T, W) acc =                                                               \
+          include_self ? SR_LOAD(W, self) : (NERVA_VEC(ACC_T, W))0;                           \
+      int r = lo;                                                                             \
+      for (; PAIRS && r + 1 < hi; r += 2) {                                                   \
+        const long a = order[r], b = order[r + 1];                                            \
+        acc += SR_LOAD(W, s + a) + SR_LOAD(W, s + b);                                         \
+      }                                                                                       \
+      for (; r < hi; ++r) acc += SR_LOAD(W, s + order[r]);                                    \
+      VSTORE(DTYPE, W, CONVERT_WRAP(DTYPE, W, acc), dst);                                     \
+      return;                                                                                 \
+    }                                                                                         \
+    const long w = min((long)W, width - first);                                               \
+    for (long k = 0; k < w; ++k) {                                                            \
+      ACC_T r = IX_LOAD_ACC(self, k);                                                         \
+      if (k < end) {                                                                          \
+        ACC_T acc = ix_identity(op);                                                          \
+        for (int j = lo; j < hi; ++j) acc = ix_combine(acc, IX_LOAD_ACC(s + order[j], k), op); \
+        r = include_self ? ix_combine(r, acc, op) : acc;                                      \
+      }                                                                                       \
+      IX_STORE_ACC(r, dst, k);                                                                \
+    }                                                                                         \
   }
-  const long w = min((long)SR_W, width - first);
-  for (long k = 0; k < w; ++k) {
-    ACC_T r = IX_LOAD_ACC(self, k);
-    if (k < end) {
-      ACC_T acc = ix_identity(op);
-      for (int j = lo; j < hi; ++j) acc = ix_combine(acc, IX_LOAD_ACC(s + order[j], k), op);
-      r = include_self ? ix_combine(r, acc, op) : acc;
+#define SR_LOAD(W, p) NERVA_CAT(convert_, NERVA_VEC(ACC_T, W))(VLOAD(DTYPE, W, p))
+SR_REDUCE_KERNEL(scatter_row_reduce, 16, 0)
+SR_REDUCE_KERNEL(scatter_row_reduce_gpu, 4, 1)
+
+/* scatter_row_scan for GPUs, as one group of SCAN_LOCAL items: tiles of
+ * SCAN_LOCAL * SCAN_PER counts, each item holding SCAN_PER consecutive ones,
+ * the item sums scanned in local memory, then written back with the carry of
+ * the tiles before. */
+#define SCAN_LOCAL 256
+#define SCAN_PER 16
+__kernel __attribute__((reqd_work_group_size(SCAN_LOCAL, 1, 1))) void scatter_row_scan_gpu(
+    __global int *count, __global int *start, ulong n) {
+  __local int part[SCAN_LOCAL];
+  const int l = get_local_id(0);
+  int carry = 0;
+  for (ulong base = 0; base < n; base += SCAN_LOCAL * SCAN_PER) {
+    const ulong first = base + (ulong)l * SCAN_PER;
+    int c[SCAN_PER], own = 0;
+    for (int k = 0; k < SCAN_PER; ++k) {
+      c[k] = first + k < n ? count[first + k] : 0;
+      own += c[k];
     }
-    IX_STORE_ACC(r, dst, k);
+    part[l] = own;
+    barrier(CLK_LOCAL_MEM_FENCE);
+    for (int d = 1; d < SCAN_LOCAL; d <<= 1) {
+      const int add = l >= d ? part[l - d] : 0;
+      barrier(CLK_LOCAL_MEM_FENCE);
+      part[l] += add;
+      barrier(CLK_LOCAL_MEM_FENCE);
+    }
+    int sum = carry + part[l] - own;
+    for (int k = 0; k < SCAN_PER && first + k < n; ++k) {
+      start[first + k] = sum;
+      count[first + k] = sum;
+      sum += c[k];
+    }
+    carry += part[SCAN_LOCAL - 1];
+    barrier(CLK_LOCAL_MEM_FENCE);
   }
+  if (l == 0) start[n] = carry;
 }

@@ -40,7 +40,8 @@ class ScatterKernel : public IndexFrameKernel {
   // The reductions but kMean take a row path when the index is constant along its last
   // dimension (an index of one value per row, expanded: the usual scatter_add pattern) and that
   // dimension is not `dim`: src rows are bucketed by destination row on the device, and each
-  // out row then combines its list without atomics.
+  // out row then combines its list without atomics. GPUs scan the buckets in one work-group and
+  // give each work item 4 columns (16 on the host CPU), so that a warp reads whole src rows.
   bool RowPath(int d) const;
   void CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                    const Buffer& table, const BuildOption& options, int d);
