@@ -97,6 +97,17 @@ inline std::vector<float> RandomFloats(size_t n, float lo, float hi, unsigned se
   return out;
 }
 
+// Makes programs that choose their layout by device class build their GPU
+// variants for the lifetime of the object (on any device), then restores the
+// device's own choice.
+class ScopedGpuVariants {
+ public:
+  ScopedGpuVariants() { TestSessionImpl()->TreatAsGpuForTesting(true); }
+  ~ScopedGpuVariants() { TestSessionImpl()->TreatAsGpuForTesting(false); }
+  ScopedGpuVariants(const ScopedGpuVariants&) = delete;
+  ScopedGpuVariants& operator=(const ScopedGpuVariants&) = delete;
+};
+
 // Sets an environment variable (or unsets it, for a null value) for the
 // lifetime of the object, then restores what was there.
 class ScopedEnv {

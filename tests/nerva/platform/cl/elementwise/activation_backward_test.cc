@@ -323,6 +323,20 @@ TEST(ActivationBackwardTest, InPlaceOnGradOutput) {
   ExpectClose(ReadBack(g), expected, 1e-5, 1e-6, "in place");
 }
 
+TEST(ActivationBackwardTest, GpuVariants) {
+  const ScopedGpuVariants gpu;
+  unsigned seed = 200;
+  for (const GradCase& c : Cases()) {
+    const std::string name = c.name;
+    if (name != "ReLU" && name != "GeLU" && name != "Silu") continue;
+    for (long n : {3L, 1000003L})
+      Check(c, kFloat, {n}, Layout::kContiguous, {n}, Layout::kContiguous, ++seed);
+    Check(c, kFloat, {4, 3, 5}, Layout::kContiguous, {3, 1}, Layout::kContiguous, ++seed);
+    if (name == "GeLU")
+      Check(c, kHalf, {67}, Layout::kContiguous, {67}, Layout::kContiguous, ++seed);
+  }
+}
+
 TEST(ActivationBackwardTest, Errors) {
   Operand f = OutputOperand({4}, kFloat), i = OutputOperand({4}, kInt32),
           wrong = OutputOperand({5}, kFloat);

@@ -238,6 +238,22 @@ TEST(BinaryTest, Layouts) {
   Check({B::kAdd, kFloat, kFloat, kFloat, {0, 3}, {3}}, 37);  // empty
 }
 
+// The GPU variants: spread lanes over every length, fixed groups over ragged
+// and broadcast ranges (x smaller than a group, several groups along y, 6-D).
+TEST(BinaryTest, GpuVariants) {
+  const ScopedGpuVariants gpu;
+  for (long n : {1L, 3L, 4L, 5L, 7L, 1000003L})
+    Check({B::kAdd, kFloat, kFloat, kFloat, {n}, {n}}, 70);
+  Check({B::kMul, kHalf, kHalf, kHalf, {1001}, {1001}}, 71);
+  Check({B::kMul, kInt8, kInt8, kInt8, {5}, {5}, Layout::kContiguous, Layout::kContiguous, -20, 20},
+        72);
+  Check({B::kAdd, kFloat, kFloat, kFloat, {300, 3}, {3}}, 73);
+  Check({B::kAdd, kFloat, kFloat, kFloat, {517, 300}, {300}}, 74);
+  Check({B::kAdd, kFloat, kFloat, kFloat, {37, 41}, {37, 41}, Layout::kTransposed}, 75);
+  Check({B::kAdd, kFloat, kFloat, kFloat, {2, 3, 2, 3, 2, 5}, {3, 1, 3, 2, 1}, Layout::kStepped},
+        76);
+}
+
 TEST(BinaryTest, Errors) {
   Operand a = OutputOperand({3, 4}, kFloat), b = OutputOperand({5}, kFloat);
   Operand i = OutputOperand({3, 4}, kInt32), out = OutputOperand({3, 4}, kFloat);

@@ -73,6 +73,12 @@ TEST(CastTest, Layouts) {
   CheckCast(kFloat, kHalf, {0}, Layout::kContiguous, 54);
 }
 
+TEST(CastTest, GpuVariants) {
+  const ScopedGpuVariants gpu;
+  for (long n : {1L, 3L, 1001L}) CheckCast(kFloat, kHalf, {n}, Layout::kContiguous, 55);
+  CheckCast(kHalf, kFloat, {31, 29}, Layout::kTransposed, 56);
+}
+
 TEST(CastTest, ShapesMustMatch) {
   Operand in = OutputOperand({2, 3}, kFloat), out = OutputOperand({3, 2}, kHalf);
   Operand row = OutputOperand({1, 3}, kFloat), wide = OutputOperand({2, 3}, kHalf);

@@ -173,6 +173,20 @@ TEST(UnaryTest, InPlaceAnyLength) {
   }
 }
 
+TEST(UnaryTest, GpuVariantsInPlaceAndStrided) {
+  const ScopedGpuVariants gpu;
+  for (long n : {1L, 5L, 1001L}) {
+    Operand x = RandomOperand({n}, kFloat, -3, 3, 13);
+    TestQueue().Enqueue(
+        Unary::Create(TestQueue(), UnaryOption{UnaryType::kNeg}, x.opt, x.buf, x.opt, x.buf));
+    const std::vector<double> got = ReadBack(x);
+    for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i], -x.values[i]) << n << " " << i;
+  }
+  const UnaryCase neg = {UnaryType::kNeg, -5, 5, [](double x) { return -x; }};
+  CheckCase(neg, kFloat, {33, 17}, Layout::kTransposed, 14);
+  CheckCase(neg, kInt8, {3, 4, 5}, Layout::kStepped, 15);
+}
+
 TEST(UnaryTest, Errors) {
   Operand f = OutputOperand({2, 3}, kFloat), i = OutputOperand({2, 3}, kInt32);
   Operand b = OutputOperand({2, 3}, kBool), other = OutputOperand({3, 2}, kFloat);

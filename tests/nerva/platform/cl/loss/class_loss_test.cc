@@ -133,6 +133,14 @@ TEST(ClClassLossTest, NllAndCrossEntropy) {
   }
 }
 
+TEST(ClClassLossTest, GpuVariantsNllMean) {
+  const ScopedGpuVariants gpu;
+  unsigned seed = 2180;
+  for (LossReduction r : {LossReduction::kMean, LossReduction::kSum}) {
+    RunClassCase({{100003, 2}, true, -100, 7}, false, r, seed++);
+  }
+}
+
 TEST(ClClassLossTest, LabelSmoothingHalfAndAllIgnored) {
   unsigned seed = 2200;
   for (LossReduction r : kAllReductions) {

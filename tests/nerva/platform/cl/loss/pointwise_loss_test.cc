@@ -152,6 +152,16 @@ TEST(ClPointwiseLossTest, HalfAndLargeSums) {
   RunForward(Op::kL1, LossReduction::kSum, {3, 70001}, kFloat, seed++);
 }
 
+// The GPU partial sums: many groups, four-way folds with leftovers.
+TEST(ClPointwiseLossTest, GpuVariantsLargeSums) {
+  const ScopedGpuVariants gpu;
+  unsigned seed = 1950;
+  RunForward(Op::kMse, LossReduction::kMean, {200003}, kFloat, seed++);
+  RunForward(Op::kMse, LossReduction::kSum, {7}, kFloat, seed++);
+  RunForward(Op::kBce, LossReduction::kMean, {3, 70001}, kFloat, seed++);
+  RunForward(Op::kMse, LossReduction::kMean, {9, 5}, kHalf, seed++);
+}
+
 TEST(ClPointwiseLossTest, LargeLogitsStayFinite) {
   Tensor x = UploadAs({-200, 200, 90, -90}, {4}, kFloat);
   Tensor t = UploadAs({1, 0, 1, 0}, {4}, kFloat);

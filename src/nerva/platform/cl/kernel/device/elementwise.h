@@ -11,7 +11,11 @@
  *                 length that VEC_SIZE does not divide takes a second launch
  *                 of one work item whose vector ends exactly at the end,
  *                 overlapping the one before it (the address stays affine in
- *                 the work-item id, so the compiler vectorises across items);
+ *                 the work-item id, so the compiler vectorises across items).
+ *                 EW_SPREAD builds (GPUs) instead take (count, stride): item g
+ *                 covers elements g + k * stride, k < VEC_SIZE, below count, so
+ *                 neighbouring items touch neighbouring elements at every step
+ *                 (coalesced) and one launch covers any length;
  *   Name##Strided one element per work item at (x, y, z) over byte strides per
  *                 tensor (0 on broadcast dimensions); dimensions 3 to 7 are
  *                 folded into z and recovered from the sizes in `dims`.
@@ -63,6 +67,21 @@
 #define EW_FLAT_ADDR(i)                                                       \
   ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT3(in, i, _base) + first + nerva_lane)
 
+#if EW_SPREAD
+#define EW_SPREAD_ADDR(i) ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT3(in, i, _base) + at)
+#define EW_FLAT_KERNEL(NAME)                                                  \
+  __kernel void NAME(uint count, uint stride EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) { \
+    const uint first = get_global_id(0);                                      \
+    if (first >= stride) return;                                              \
+    EW_TENSORS(EW_FLAT_BASE)                                                  \
+    _Pragma("unroll") for (int nerva_lane = 0; nerva_lane < VEC_SIZE; ++nerva_lane) { \
+      const uint at = first + nerva_lane * stride;                            \
+      if (at < count) {                                                       \
+        EW_STORE_OUT(EW_APPLY(EW_SPREAD_ADDR), (__global OUT_DTYPE *)out_base + at); \
+      }                                                                       \
+    }                                                                         \
+  }
+#else
 #define EW_FLAT_KERNEL(NAME)                                                  \
   __kernel void NAME(uint base EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
     const size_t first = base + get_global_id(0) * VEC_SIZE;                  \
@@ -72,6 +91,7 @@
                    (__global OUT_DTYPE *)out_base + first + nerva_lane);     \
     }                                                                         \
   }
+#endif
 
 /* ---- strided kernel ---- */
 #define EW_STRIDED_PARAM(t) , __global uchar *t##_ptr, uint t##_offset, uint8 t##_strides
@@ -108,10 +128,22 @@
 #define EW_STRIDED_WALKS
 #endif
 
+/* EW_SPREAD builds run in fixed-size groups over a rounded-up range; `extent`
+ * is the z extent (dimensions 2 to 7 folded), and items beyond return. */
+#if EW_SPREAD
+#define EW_STRIDED_BOUNDS                                                     \
+  if (x >= dims.s0 || y >= dims.s1 || z >= extent) return;
+#define EW_STRIDED_EXTENT , uint extent
+#else
+#define EW_STRIDED_BOUNDS
+#define EW_STRIDED_EXTENT
+#endif
+
 #define EW_STRIDED_KERNEL(NAME)                                               \
-  __kernel void NAME(uint8 dims, int rank EW_TENSORS(EW_STRIDED_PARAM) EW_PARAMS) { \
+  __kernel void NAME(uint8 dims, int rank EW_STRIDED_EXTENT EW_TENSORS(EW_STRIDED_PARAM) EW_PARAMS) { \
     const size_t x = get_global_id(0), y = get_global_id(1);                 \
     size_t z = get_global_id(2);                                              \
+    EW_STRIDED_BOUNDS                                                         \
     EW_STRIDED_SPLIT_Z                                                        \
     EW_TENSORS(EW_STRIDED_START)                                              \
     EW_STRIDED_WALKS                                                          \

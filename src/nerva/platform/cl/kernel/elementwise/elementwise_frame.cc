@@ -16,6 +16,23 @@ namespace cl {
 namespace {
 
 constexpr size_t kMaxRank = 8;
+// Work items per group of the GPU launches.
+constexpr size_t kSpreadGroup = 256;
+
+// A group of kSpreadGroup items over `global`: as many as fit along x (a
+// power of two), the rest along y, then z, so that small inner dimensions do
+// not leave groups mostly empty.
+std::vector<size_t> SpreadLocal(const std::vector<size_t>& global) {
+  std::vector<size_t> local;
+  size_t left = kSpreadGroup;
+  for (size_t g : global) {
+    size_t l = 1;
+    while (l < left && l < g) l *= 2;
+    local.push_back(l);
+    left /= l;
+  }
+  return local;
+}
 
 // The buffer that owns `mem`'s memory and the byte origin of `mem` inside it.
 std::pair<cl_mem, long> RootOf(const Buffer& buffer) {
@@ -290,15 +307,19 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     flat = layout.strides[t][0] == static_cast<long>(tensors[t].option().item_size());
   }
   const long n = layout.sizes[0];
+  // GPUs: spread lanes (no overlapping vectors, so aliasing needs no care),
+  // fixed-size groups over bounds-checked ranges.
+  const bool spread = !session->host_cpu();
   int vec = 4;
-  if (flat && aliased) vec = ElementwiseVecSize(4, n, true);
-  if (n < vec) flat = false;
+  if (flat && aliased && !spread) vec = ElementwiseVecSize(4, n, true);
+  if (n < vec && !spread) flat = false;
 
   std::vector<DataType> types;
   for (const Tensor& in : inputs_) types.push_back(in.dtype());
   BuildOption options =
       ElementwiseOptions(spec, out_.dtype(), types, flat ? vec : 1,
                          flat ? ElementwiseForm::kFlat : ElementwiseForm::kStrided);
+  if (spread) options.AddDefinitionAutoType("EW_SPREAD", 1);
   if (!flat) {  // x strides that are 0 or one item become constants
     options.AddDefinitionAutoType("EW_DEEP", layout.sizes.size() > 3);
     for (size_t t = 0; t < tensors.size(); ++t) {
@@ -312,6 +333,15 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   const std::string program = ConcatenateStrings(name(), "elementwise");
   std::vector<ClTensor> views;
   for (const Tensor& t : tensors) views.emplace_back(t);
+  if (flat && spread) {
+    const long stride = (n + vec - 1) / vec;
+    auto unit = MakeSubKernel(session, program, sources, options, name());
+    unit->SetArgs(static_cast<cl_uint>(n), static_cast<cl_uint>(stride));
+    for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
+    bind(*unit);
+    unit->SetGlobal({static_cast<size_t>(stride)}).SetLocal({kSpreadGroup});
+    return;
+  }
   if (flat) {
     // Whole vectors, then (for a leftover) one vector ending at the last element.
     const long whole = n / vec;
@@ -331,6 +361,9 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   for (size_t d = 0; d < 8; ++d)
     dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(layout.sizes[d]) : 1;
   unit->SetArgs(dims, static_cast<int>(rank));
+  size_t extent = 1;
+  for (size_t d = 2; d < rank; ++d) extent *= static_cast<size_t>(layout.sizes[d]);
+  if (spread) unit->SetArg(static_cast<cl_uint>(extent));
   for (size_t t = 0; t < views.size(); ++t) {
     EwStridedArg arg{views[t].mem(), views[t].offset(), {}, views[t].buffer()};
     for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
@@ -343,6 +376,7 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   }
   for (size_t d = 3; d < rank; ++d) global[2] *= static_cast<size_t>(layout.sizes[d]);
   unit->SetGlobal(global);
+  if (spread) unit->SetLocal(SpreadLocal(global));
 }
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwFlatArg& arg) {

@@ -5,6 +5,7 @@
 
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 #include "nerva/platform/cl/kernel/reduce/reduce_util.h"
+#include "nerva/platform/cl/session_impl.h"
 #include "nerva/type_traits.h"
 #include "nerva/util.h"
 
@@ -14,7 +15,10 @@ namespace cl {
 namespace {
 // Items each work item of a partial-sum group folds, at least.
 constexpr long kItemsPerWorkItem = 8;
+// Partial-sum groups at most: on the host CPU a few per core; on GPUs enough
+// to keep every compute unit busy (the final fold reads them all, so not more).
 constexpr long kMaxGroups = 256;
+constexpr long kGroupsPerComputeUnit = 16;
 }  // namespace
 
 void LossKernel::CheckReduction() const {
@@ -99,8 +103,12 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
     keep_.push_back(result);
   }
   const long block = kReduceBlockSize;
-  const long groups = std::clamp(
-      (count + block * kItemsPerWorkItem - 1) / (block * kItemsPerWorkItem), 1L, kMaxGroups);
+  const long most = session->host_cpu()
+                        ? kMaxGroups
+                        : static_cast<long>(session->compute_units()) * kGroupsPerComputeUnit;
+  const long groups =
+      std::clamp((count + block * kItemsPerWorkItem - 1) / (block * kItemsPerWorkItem), 1L,
+                 std::max(most, 1L));
   const long chunk = (count + groups - 1) / groups;
   Buffer part = PartialSums(session, groups);
   auto partial = MakeSubKernel(session, key, sources, options, "loss_partial");

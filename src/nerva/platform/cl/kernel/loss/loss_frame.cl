@@ -63,11 +63,26 @@
     }                                                                          \
   }
 #else
+/* Elsewhere every BLOCK_SIZE-th item, four at a time into four sums, so that
+ * each work item has four independent loads in flight. */
 #define LOSS_FOLD_SHARE(first, len, lid, v, w)                                 \
-  for (long j = (lid); j < (len); j += BLOCK_SIZE) {                           \
-    float wj;                                                                  \
-    v += loss_item((first) + j, &wj LOSS_ARGS);                                \
-    w += wj;                                                                   \
+  {                                                                            \
+    float va[4] = {0}, wa[4] = {0};                                            \
+    long j = (lid);                                                            \
+    for (; j + 3 * BLOCK_SIZE < (len); j += 4 * BLOCK_SIZE) {                  \
+      _Pragma("unroll") for (int u = 0; u < 4; ++u) {                          \
+        float wj;                                                              \
+        va[u] += loss_item((first) + j + u * BLOCK_SIZE, &wj LOSS_ARGS);       \
+        wa[u] += wj;                                                           \
+      }                                                                        \
+    }                                                                          \
+    for (; j < (len); j += BLOCK_SIZE) {                                       \
+      float wj;                                                                \
+      va[0] += loss_item((first) + j, &wj LOSS_ARGS);                          \
+      wa[0] += wj;                                                             \
+    }                                                                          \
+    v += (va[0] + va[1]) + (va[2] + va[3]);                                    \
+    w += (wa[0] + wa[1]) + (wa[2] + wa[3]);                                    \
   }
 #endif
 
