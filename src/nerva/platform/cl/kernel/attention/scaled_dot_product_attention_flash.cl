@@ -17,8 +17,10 @@
  *      of the row sum; the probabilities (after dropout) go to local memory;
  *   3. the value tile into local memory; acc += p v, again 32 multiply-adds
  *      per three local reads.
- * Scores never reach global memory. At the end the items of a row add their
- * shares of the sum.
+ * Scores never reach global memory; they are kept in log2 units (the query
+ * scaled by log2 e), so exp2 gives the probabilities. The next key tile and
+ * the value tile are loaded into registers one phase ahead. At the end the
+ * items of a row add their shares of the sum.
  *
  * The semantics are those of "scaled_dot_product_attention.cl" (masks, causal
  * limit with its offset, grouped heads, dropout, empty rows, logsumexp).
@@ -39,6 +41,31 @@
  * hit different banks. */
 #define P_INDEX(j, g) ((j) * BQ + (((g) ^ (((j) >> 2) & (BQ / 4 - 1))) << 2))
 
+/* Quads per item of the key tile (4 dimensions of one key) and of the value
+ * tile (4 columns of one key). */
+#define K_QUADS ((BK * ((HEAD_DIM + 3) / 4) + TX * TY - 1) / (TX * TY))
+#define V_QUADS (BK * VP / 4 / (TX * TY))
+
+/* Elements n .. n + 4 of row `key` of a key or value view (`dim` columns),
+ * zero past S and past `dim`: one vector load where the row is contiguous. */
+#define LOAD_QUAD(name, key, n, dim, vec)                                      \
+  load_quad(name##_ptr, VIEW_INDEX(name, b, hk, key, n), name##_s3, (key) < S, \
+            (n), (dim), (vec))
+inline float4 load_quad(__global const DTYPE *p, long idx, long stride, bool valid, int n,
+                        int dim, bool vec) {
+  if (!valid || n >= dim) return (float4)(0.0f);
+  if (vec) return LOAD4(p + idx);
+  float lanes[4];
+  for (int t = 0; t < 4; ++t) lanes[t] = n + t < dim ? LOAD1(p + idx + t * stride) : 0.0f;
+  return vload4(0, lanes);
+}
+
+/* The additive mask in the base-2 domain of the scores. */
+inline float mask_log2(float s, int kind, __global const uchar *mask, long idx) {
+  return kind == MASK_BOOL ? apply_mask(s, kind, mask, idx)
+                           : fma(apply_mask(0.0f, kind, mask, idx), M_LOG2E_F, s);
+}
+
 __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_flash(
     DECL_VIEW(DTYPE, q), DECL_VIEW(DTYPE, k), DECL_VIEW(DTYPE, v), DECL_VIEW(uchar, mask),
     int mask_kind, DECL_VIEW(DTYPE, out), DECL_VIEW(float, lse), int heads, int L, int S,
@@ -58,43 +85,53 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
   const bool k_vec = k_s3 == 1 && HEAD_DIM % 4 == 0;
   const bool v_vec = v_s3 == 1 && VALUE_DIM % 4 == 0;
 
-  /* The query tile, scaled, rows past L repeating the last row. */
+  /* The query tile, scaled into the base-2 domain (scores in log2 units, so
+   * that exp2 gives the probabilities), rows past L repeating the last row. */
+  const float qscale = scale * M_LOG2E_F;
   for (int e = lid; e < HEAD_DIM * BQ; e += TX * TY) {
     const int r = e % BQ, d = e / BQ;
-    qs[e] = LOAD1(VIEW_PTR(q, b, h, min(r_group + r, L - 1), d)) * scale;
+    qs[e] = LOAD1(VIEW_PTR(q, b, h, min(r_group + r, L - 1), d)) * qscale;
   }
 
-  float4 acc[TM], l4[TM];
-  float m[TM];
+  float4 acc[TM];
+  float m[TM], l[TM];
 #pragma unroll
   for (int i = 0; i < TM; ++i) {
     acc[i] = (float4)(0.0f);
-    l4[i] = (float4)(0.0f);
+    l[i] = 0.0f;
     m[i] = -INFINITY;
   }
   /* Keys past the group's last causal limit take part in no row. */
   const int last = min(L - 1, r_group + BQ - 1);
   const int kend = causal ? clamp(last + causal_offset + 1, 0, S) : S;
+  /* Key and value tiles pass through registers one phase ahead: the loads of
+   * the next key tile are in flight during the product with the values, those
+   * of the value tile during the scores. Consecutive items take consecutive
+   * keys of the key tile and consecutive columns of the value tile. */
+  float4 kreg[K_QUADS], vreg[V_QUADS];
+#pragma unroll
+  for (int t = 0; t < K_QUADS; ++t) {
+    const int e = lid + t * TX * TY;
+    kreg[t] = LOAD_QUAD(k, e % BK, (e / BK) * 4, HEAD_DIM, k_vec);
+  }
   for (int k0 = 0; k0 < kend; k0 += BK) {
     barrier(CLK_LOCAL_MEM_FENCE);
-    /* Key tile, d-major, zero past S; consecutive items take consecutive keys. */
-    if (k_vec) {
-      for (int e = lid; e < BK * HEAD_DIM / 4; e += TX * TY) {
-        const int j = e % BK, d = (e / BK) * 4;
-        const float4 kv =
-            k0 + j < S ? LOAD4(VIEW_PTR(k, b, hk, k0 + j, d)) : (float4)(0.0f);
-        tile_a[d * BK + j] = kv.x;
-        tile_a[(d + 1) * BK + j] = kv.y;
-        tile_a[(d + 2) * BK + j] = kv.z;
-        tile_a[(d + 3) * BK + j] = kv.w;
-      }
-    } else {
-      for (int e = lid; e < BK * HEAD_DIM; e += TX * TY) {
-        const int j = e % BK, d = e / BK;
-        tile_a[e] = k0 + j < S ? LOAD1(VIEW_PTR(k, b, hk, k0 + j, d)) : 0.0f;
+#pragma unroll
+    for (int t = 0; t < K_QUADS; ++t) {
+      const int e = lid + t * TX * TY, j = e % BK, d = (e / BK) * 4;
+      if (d < HEAD_DIM) {
+        tile_a[d * BK + j] = kreg[t].x;
+        tile_a[(d + 1) * BK + j] = kreg[t].y;
+        tile_a[(d + 2) * BK + j] = kreg[t].z;
+        tile_a[(d + 3) * BK + j] = kreg[t].w;
       }
     }
     barrier(CLK_LOCAL_MEM_FENCE);
+#pragma unroll
+    for (int t = 0; t < V_QUADS; ++t) {
+      const int e = lid + t * TX * TY;
+      vreg[t] = LOAD_QUAD(v, k0 + e / (VP / 4), (e % (VP / 4)) * 4, VALUE_DIM, v_vec);
+    }
 
     float4 s[TM];
 #pragma unroll
@@ -126,13 +163,13 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
       }
       if (mask_kind != MASK_NONE) {
         const long base = VIEW_INDEX(mask, b, h, row, 0);
-        if (key0 < S) s[i].x = apply_mask(s[i].x, mask_kind, mask_ptr, base + key0 * mask_s3);
+        if (key0 < S) s[i].x = mask_log2(s[i].x, mask_kind, mask_ptr, base + key0 * mask_s3);
         if (key0 + 1 < S)
-          s[i].y = apply_mask(s[i].y, mask_kind, mask_ptr, base + (key0 + 1) * mask_s3);
+          s[i].y = mask_log2(s[i].y, mask_kind, mask_ptr, base + (key0 + 1) * mask_s3);
         if (key0 + 2 < S)
-          s[i].z = apply_mask(s[i].z, mask_kind, mask_ptr, base + (key0 + 2) * mask_s3);
+          s[i].z = mask_log2(s[i].z, mask_kind, mask_ptr, base + (key0 + 2) * mask_s3);
         if (key0 + 3 < S)
-          s[i].w = apply_mask(s[i].w, mask_kind, mask_ptr, base + (key0 + 3) * mask_s3);
+          s[i].w = mask_log2(s[i].w, mask_kind, mask_ptr, base + (key0 + 3) * mask_s3);
       }
     }
     /* Row maxima of the tile: each item's share into B (free since the last
@@ -151,11 +188,12 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
       const float2 c = fmax(a.lo, a.hi);
       const float m_new = fmax(m[i], fmax(c.x, c.y));
       const float m_use = m_new == -INFINITY ? 0.0f : m_new;
-      const float alpha = exp(m[i] - m_use);
+      const float alpha = exp2(m[i] - m_use);
       m[i] = m_new;
       acc[i] *= alpha;
-      float4 p = exp(s[i] - (float4)(m_use));
-      l4[i] = l4[i] * alpha + p;
+      float4 p = exp2(s[i] - (float4)(m_use));
+      const float2 ps = p.lo + p.hi;
+      l[i] = fma(l[i], alpha, ps.x + ps.y);
       if (dropout_p > 0.0f) {
         const ulong index = ((ulong)(b * heads + h) * (ulong)L + (ulong)min(r0 + i, L - 1)) *
                                 (ulong)S + (ulong)key0;
@@ -178,23 +216,19 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
 #pragma unroll
       for (int i = 0; i < TM; ++i) s[i] = s[i].s1230;
     }
-    for (int e = lid; e < BK * VP / 4; e += TX * TY) {
-      const int j = e / (VP / 4), c = (e % (VP / 4)) * 4;
-      float4 vv = (float4)(0.0f);
-      if (k0 + j < S && c < VALUE_DIM) {
-        if (v_vec) {
-          vv = LOAD4(VIEW_PTR(v, b, hk, k0 + j, c));
-        } else {
-          float lanes[4];
-          for (int t = 0; t < 4; ++t) {
-            lanes[t] = c + t < VALUE_DIM ? LOAD1(VIEW_PTR(v, b, hk, k0 + j, c + t)) : 0.0f;
-          }
-          vv = vload4(0, lanes);
-        }
-      }
-      vstore4(vv, 0, tile_b + j * VP + c);
+#pragma unroll
+    for (int t = 0; t < V_QUADS; ++t) {
+      const int e = lid + t * TX * TY;
+      vstore4(vreg[t], 0, tile_b + (e / (VP / 4)) * VP + (e % (VP / 4)) * 4);
     }
     barrier(CLK_LOCAL_MEM_FENCE);
+    if (k0 + BK < kend) {
+#pragma unroll
+      for (int t = 0; t < K_QUADS; ++t) {
+        const int e = lid + t * TX * TY;
+        kreg[t] = LOAD_QUAD(k, k0 + BK + e % BK, (e / BK) * 4, HEAD_DIM, k_vec);
+      }
+    }
 #pragma unroll 4
     for (int j = 0; j < BK; ++j) {
       const float4 pa = vload4(0, tile_a + P_INDEX(j, ty * 2));
@@ -213,9 +247,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
   /* Row sums: the 16 items' shares through B. */
   barrier(CLK_LOCAL_MEM_FENCE);
 #pragma unroll
-  for (int i = 0; i < TM; ++i) {
-    tile_b[(ty * TM + i) * TX + tx] = (l4[i].x + l4[i].y) + (l4[i].z + l4[i].w);
-  }
+  for (int i = 0; i < TM; ++i) tile_b[(ty * TM + i) * TX + tx] = l[i];
   barrier(CLK_LOCAL_MEM_FENCE);
 #pragma unroll
   for (int i = 0; i < TM; ++i) {
@@ -223,8 +255,8 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
     if (row >= L) break;
     const __local float *red = tile_b + (ty * TM + i) * TX;
     const float4 a = (vload4(0, red) + vload4(1, red)) + (vload4(2, red) + vload4(3, red));
-    const float l = (a.x + a.y) + (a.z + a.w);
-    const float4 o = acc[i] * (S == 0 ? 0.0f : 1.0f / l);
+    const float sum = (a.x + a.y) + (a.z + a.w);
+    const float4 o = acc[i] * (S == 0 ? 0.0f : 1.0f / sum);
     const int c = tx * 4;
     if (c + 3 < VALUE_DIM && out_s3 == 1) {
       VSTORE(DTYPE, 4, o, VIEW_PTR(out, b, h, row, c));
@@ -234,6 +266,6 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
       if (c + 2 < VALUE_DIM) STORE1(o.z, VIEW_PTR(out, b, h, row, c + 2));
       if (c + 3 < VALUE_DIM) STORE1(o.w, VIEW_PTR(out, b, h, row, c + 3));
     }
-    if (tx == 0) *VIEW_PTR(lse, b, h, row, 0) = m[i] + log(l);
+    if (tx == 0) *VIEW_PTR(lse, b, h, row, 0) = (m[i] + log2(sum)) * M_LN2_F;
   }
 }
