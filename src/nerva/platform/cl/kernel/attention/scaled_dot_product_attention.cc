@@ -274,6 +274,7 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
                     static_cast<size_t>(heads), static_cast<size_t>(batch)})
         .SetLocal({static_cast<size_t>(kBlockedGroup), 1, 1});
   } else if (flash) {
+    options.AddDefinitionAutoType("DROPOUT", p > 0.0f ? 1 : 0);
     MakeSubKernel(session, "ScaledDotProductAttention::flash",
                   {"common.h", "random.h", "attention.h", "scaled_dot_product_attention_flash.cl"},
                   options, "sdpa_forward_flash")

@@ -2,7 +2,8 @@
  * Scaled dot-product attention, forward, flash-attention style for GPUs.
  *
  * Build definitions: DTYPE (float or half), HEAD_DIM (<= 64), VALUE_DIM
- * (<= 64).
+ * (<= 64), DROPOUT (1: dropout_p > 0; its Philox draws would otherwise take
+ * registers from the launches without dropout).
  *
  * A group of 128 items (16 x 8) owns BQ = 64 query rows of one (batch, head)
  * and streams the keys in tiles of BK = 64 through local memory. Item (tx, ty)
@@ -19,7 +20,8 @@
  *      per three local reads.
  * Scores never reach global memory; they are kept in log2 units (the query
  * scaled by log2 e), so exp2 gives the probabilities. The next key tile and
- * the value tile are loaded into registers one phase ahead. At the end the
+ * the value tile are loaded into registers one phase ahead (at most 128
+ * registers per item keep four groups on a compute unit). At the end the
  * items of a row add their shares of the sum.
  *
  * The semantics are those of "scaled_dot_product_attention.cl" (masks, causal
@@ -106,7 +108,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
   const int kend = causal ? clamp(last + causal_offset + 1, 0, S) : S;
   /* Key and value tiles pass through registers one phase ahead: the loads of
    * the next key tile are in flight during the product with the values, those
-   * of the value tile during the scores. Consecutive items take consecutive
+   * of the value tile during the softmax (not the scores: registers). Consecutive items take consecutive
    * keys of the key tile and consecutive columns of the value tile. */
   float4 kreg[K_QUADS], vreg[V_QUADS];
 #pragma unroll
@@ -127,16 +129,11 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
       }
     }
     barrier(CLK_LOCAL_MEM_FENCE);
-#pragma unroll
-    for (int t = 0; t < V_QUADS; ++t) {
-      const int e = lid + t * TX * TY;
-      vreg[t] = LOAD_QUAD(v, k0 + e / (VP / 4), (e % (VP / 4)) * 4, VALUE_DIM, v_vec);
-    }
 
     float4 s[TM];
 #pragma unroll
     for (int i = 0; i < TM; ++i) s[i] = (float4)(0.0f);
-#pragma unroll 4
+#pragma unroll 2
     for (int d = 0; d < HEAD_DIM; ++d) {
       const float4 qa = vload4(0, qs + d * BQ + ty * TM);
       const float4 qb = vload4(0, qs + d * BQ + ty * TM + 4);
@@ -172,6 +169,11 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
           s[i].w = mask_log2(s[i].w, mask_kind, mask_ptr, base + (key0 + 3) * mask_s3);
       }
     }
+#pragma unroll
+    for (int t = 0; t < V_QUADS; ++t) {
+      const int e = lid + t * TX * TY;
+      vreg[t] = LOAD_QUAD(v, k0 + e / (VP / 4), (e % (VP / 4)) * 4, VALUE_DIM, v_vec);
+    }
     /* Row maxima of the tile: each item's share into B (free since the last
      * product), then every item reads its rows' 16 shares. */
 #pragma unroll
@@ -194,7 +196,8 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
       float4 p = exp2(s[i] - (float4)(m_use));
       const float2 ps = p.lo + p.hi;
       l[i] = fma(l[i], alpha, ps.x + ps.y);
-      if (dropout_p > 0.0f) {
+#if DROPOUT
+      {
         const ulong index = ((ulong)(b * heads + h) * (ulong)L + (ulong)min(r0 + i, L - 1)) *
                                 (ulong)S + (ulong)key0;
         p.x = dropout_keep(index, seed, offset, dropout_p) ? p.x * keep_scale : 0.0f;
@@ -202,6 +205,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
         p.z = dropout_keep(index + 2, seed, offset, dropout_p) ? p.z * keep_scale : 0.0f;
         p.w = dropout_keep(index + 3, seed, offset, dropout_p) ? p.w * keep_scale : 0.0f;
       }
+#endif
       s[i] = p;
     }
     barrier(CLK_LOCAL_MEM_FENCE);
@@ -229,7 +233,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
         kreg[t] = LOAD_QUAD(k, k0 + BK + e % BK, (e / BK) * 4, HEAD_DIM, k_vec);
       }
     }
-#pragma unroll 4
+#pragma unroll 2
     for (int j = 0; j < BK; ++j) {
       const float4 pa = vload4(0, tile_a + P_INDEX(j, ty * 2));
       const float4 pb = vload4(0, tile_a + P_INDEX(j, ty * 2 + 1));
