@@ -20,8 +20,7 @@
  *      per three local reads.
  * Scores never reach global memory; they are kept in log2 units (the query
  * scaled by log2 e), so exp2 gives the probabilities. The next key tile and
- * the value tile are loaded into registers one phase ahead (at most 128
- * registers per item keep four groups on a compute unit). At the end the
+ * the value tile are loaded into registers one phase ahead. At the end the
  * items of a row add their shares of the sum.
  *
  * The semantics are those of "scaled_dot_product_attention.cl" (masks, causal
@@ -108,7 +107,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
   const int kend = causal ? clamp(last + causal_offset + 1, 0, S) : S;
   /* Key and value tiles pass through registers one phase ahead: the loads of
    * the next key tile are in flight during the product with the values, those
-   * of the value tile during the softmax (not the scores: registers). Consecutive items take consecutive
+   * of the value tile during the softmax. Consecutive items take consecutive
    * keys of the key tile and consecutive columns of the value tile. */
   float4 kreg[K_QUADS], vreg[V_QUADS];
 #pragma unroll
@@ -133,7 +132,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
     float4 s[TM];
 #pragma unroll
     for (int i = 0; i < TM; ++i) s[i] = (float4)(0.0f);
-#pragma unroll 2
+#pragma unroll 8
     for (int d = 0; d < HEAD_DIM; ++d) {
       const float4 qa = vload4(0, qs + d * BQ + ty * TM);
       const float4 qb = vload4(0, qs + d * BQ + ty * TM + 4);
@@ -233,7 +232,7 @@ __kernel __attribute__((reqd_work_group_size(TX * TY, 1, 1))) void sdpa_forward_
         kreg[t] = LOAD_QUAD(k, k0 + BK + e % BK, (e / BK) * 4, HEAD_DIM, k_vec);
       }
     }
-#pragma unroll 2
+#pragma unroll 8
     for (int j = 0; j < BK; ++j) {
       const float4 pa = vload4(0, tile_a + P_INDEX(j, ty * 2));
       const float4 pb = vload4(0, tile_a + P_INDEX(j, ty * 2 + 1));
