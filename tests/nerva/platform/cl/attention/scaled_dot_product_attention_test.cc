@@ -147,6 +147,59 @@ TEST(ClSdpaTest, LocalMemoryTiles) {
   ScaledDotProductAttentionKernel::SetBlockedModeForTesting(-1);
 }
 
+// The flash program that GPUs run for head sizes up to 64: row groups of 64
+// with a partial last group, key tiles of 64 with a partial last tile, masks,
+// causal limits inside a tile, grouped heads, strided queries, half data, odd
+// head sizes and several groups per head. attn_weights take the tiles.
+class GpuPrograms {
+ public:
+  GpuPrograms() { TestSessionImpl()->TreatAsGpuForTesting(true); }
+  ~GpuPrograms() { TestSessionImpl()->TreatAsGpuForTesting(false); }
+};
+
+TEST(ClSdpaTest, FlashTiles) {
+  const GpuPrograms gpu;
+  unsigned seed = 2600;
+  RunSdpa({1, 2, 2, 257, 130, 64, 64}, seed++);
+  RunSdpa({1, 2, 2, 129, 129, 64, 64, Mask::kNone, {}, true}, seed++);
+  RunSdpa({2, 4, 2, 7, 65, 64, 64, Mask::kFloat, {2, 1, 7, 65}}, seed++);
+  RunSdpa({1, 2, 2, 70, 33, 64, 64, Mask::kBool, {70, 33}}, seed++);
+  RunSdpa({2, 3, 3, 65, 64, 64, 64, Mask::kHalf, {64}, false, kFloat, false, true}, seed++);
+  RunSdpa({1, 4, 2, 65, 257, 64, 64, Mask::kNone, {}, true, kHalf}, seed++);
+  RunSdpa({1, 1, 1, 66, 9, 5, 3, Mask::kNone, {}, false, kFloat, false, false, 0.3f}, seed++);
+  RunSdpa({1, 2, 2, 5, 9, 64, 64, Mask::kBool, {5, 9}, false, kFloat, true}, seed++);
+}
+
+// Dropout decisions depend on positions alone: the flash program (no weights)
+// matches the tiles (which write the weights) drawn from the same seed.
+TEST(ClSdpaTest, FlashDropoutMatchesTiles) {
+  const GpuPrograms gpu;
+  const long B = 1, H = 2, L = 70, S = 67, E = 64;
+  Tensor query = UploadAs(RandomValues(B * H * L * E, -1, 1, 2700), {B, H, L, E}, kFloat);
+  Tensor key = UploadAs(RandomValues(B * H * S * E, -1, 1, 2701), {B, H, S, E}, kFloat);
+  Tensor value = UploadAs(RandomValues(B * H * S * E, -1, 1, 2702), {B, H, S, E}, kFloat);
+  ScaledDotProductAttentionOption option;
+  option.dropout_p = 0.3f;
+  option.use_seed = true;
+  option.seed = 11.0f;
+  std::vector<std::vector<double>> outs, lses;
+  for (bool weights : {true, false}) {
+    Tensor out = MakeOutput({B, H, L, E}, kFloat), lse = MakeOutput({B, H, L}, kFloat);
+    Tensor w = MakeOutput({B, H, L, S}, kFloat);
+    const MaybeTensor wa = weights ? Present(w) : Absent();
+    const MaybeTensor none = Absent();
+    Buffer wb = wa.buffer;
+    TestQueue().Enqueue(ScaledDotProductAttention::Create(
+        TestQueue(), option, query.option(), query.storage(), key.option(), key.storage(),
+        value.option(), value.storage(), none.option, none.buffer, out.option(), out.storage(),
+        lse.option(), lse.storage(), wa.option, wb));
+    outs.push_back(DownloadAs(out));
+    lses.push_back(DownloadAs(lse));
+  }
+  ExpectClose(outs[1], outs[0], 1e-5, 1e-4, "dropout out");
+  ExpectClose(lses[1], lses[0], 1e-5, 1e-5, "dropout logsumexp");
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace cl

@@ -25,6 +25,22 @@ constexpr int kBlockedRows = 8;
 constexpr int kBlockedGroup = 8;
 constexpr long kBlockedKeys = 32;
 int g_blocked_mode = -1;
+// The flash program: query rows and items per group, keys per tile, and the
+// largest head sizes it holds.
+constexpr long kFlashRows = 64;
+constexpr long kFlashGroup = 128;
+constexpr long kFlashKeys = 64;
+constexpr long kFlashMaxDim = 64;
+
+// Whether the flash program takes these sizes: heads up to 64 and its query,
+// key/probability and value tiles in the device's local memory.
+bool FlashFits(const std::shared_ptr<SessionImpl>& session, const AttentionDims& d) {
+  const long e = std::max(d.E, 1L);
+  const long bytes =
+      4 * (e * kFlashRows + std::max(e, kFlashRows) * kFlashKeys + kFlashKeys * kFlashMaxDim);
+  return d.E <= kFlashMaxDim && d.Ev <= kFlashMaxDim &&
+         static_cast<uint64_t>(bytes) <= session->local_mem_size();
+}
 
 // Keys per tile: K and V tiles of BK rows in at most 32 KiB of local memory.
 int KeyBlock(long E, long Ev) {
@@ -227,6 +243,8 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
   const float p = option_.dropout_p;
   const PhiloxDraw draw(session, option_.use_seed, option_.seed);
   const bool blocked = g_blocked_mode >= 0 ? g_blocked_mode == 1 : session->host_cpu();
+  const bool flash = !blocked && (g_blocked_mode < 0 || g_blocked_mode == 2) &&
+                     FlashFits(session, d) && !attn_.defined();
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(query_.dtype()))
       .AddDefinitionAutoType("HEAD_DIM", static_cast<int>(std::max(d.E, 1L)))
@@ -262,6 +280,19 @@ void ScaledDotProductAttentionKernel::Compile(std::shared_ptr<SessionImpl> sessi
         .SetGlobal({static_cast<size_t>((d.L + rows - 1) / rows * kBlockedGroup),
                     static_cast<size_t>(heads), static_cast<size_t>(batch)})
         .SetLocal({static_cast<size_t>(kBlockedGroup), 1, 1});
+  } else if (flash) {
+    options.AddDefinitionAutoType("DROPOUT", p > 0.0f ? 1 : 0);
+    MakeSubKernel(session, "ScaledDotProductAttention::flash",
+                  {"common.h", "random.h", "attention.h", "scaled_dot_product_attention_flash.cl"},
+                  options, "sdpa_forward_flash")
+        ->SetArgs(q, k, v, mask, mask_kind, out, lse, static_cast<int>(heads),
+                  static_cast<int>(d.L), static_cast<int>(d.S), static_cast<int>(heads / kv_heads),
+                  AttentionScale(option_.scale, d.E), causal ? 1 : 0, causal_offset_, p,
+                  static_cast<cl_ulong>(draw.state().seed),
+                  static_cast<cl_ulong>(draw.state().offset))
+        .SetGlobal({static_cast<size_t>((d.L + kFlashRows - 1) / kFlashRows * kFlashGroup),
+                    static_cast<size_t>(heads), static_cast<size_t>(batch)})
+        .SetLocal({static_cast<size_t>(kFlashGroup), 1, 1});
   } else {
     options.AddDefinitionAutoType("BQ", kQueryBlock)
         .AddDefinitionAutoType("BK", KeyBlock(d.E, d.Ev));

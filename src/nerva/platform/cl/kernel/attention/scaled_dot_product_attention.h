@@ -4,7 +4,10 @@
 // ("ScaledDotProductAttention"). CPU devices run the register-blocked
 // program "scaled_dot_product_attention_blocked.cl" (keys and values first
 // packed into blocks of scratch memory, linear in S); other devices the
-// local-memory tiles of "scaled_dot_product_attention.cl".
+// flash program "scaled_dot_product_attention_flash.cl" (register blocks of
+// scores and outputs, online softmax across items) for head sizes up to 64
+// without attn_weights, else the local-memory tiles of
+// "scaled_dot_product_attention.cl".
 //
 // query [..., Hq, L, E], key [..., Hk, S, E], value [..., Hk, S, Ev]: rank 2 to
 // 8, float or half alike, the leading dimensions equal (a rank-2 query is one
@@ -53,7 +56,8 @@ class ScaledDotProductAttentionKernel : public KernelImpl {
   void Compile(std::shared_ptr<SessionImpl> session) override;
 
   // Program choice: -1 by device (the register-blocked program on CPU
-  // devices, the local-memory tiles elsewhere), 0 the tiles, 1 blocked.
+  // devices; elsewhere the flash program where it applies, else the
+  // local-memory tiles), 0 the tiles, 1 blocked, 2 flash where it applies.
   static void SetBlockedModeForTesting(int mode);
 
  private:
