@@ -16,6 +16,7 @@ using namespace nerva;
 int main() {
   Session session("opencl", 0);
   Queue queue = session.MakeQueue();
+  std::printf("device: %s\n", bench::DeviceName(session).c_str());
   const long n = 4096L * 4096L;
   Buffer x = session.MakeBuffer(kMemReadWrite, n * 4), y = session.MakeBuffer(kMemReadWrite, n * 4);
   std::vector<float> host(n, 1.5f);

@@ -36,6 +36,15 @@ inline std::shared_ptr<SessionImpl> TestSessionImpl() {
   return std::dynamic_pointer_cast<SessionImpl>(TestSession().impl());
 }
 
+// Makes kernels created while it lives take their GPU programs on any device.
+class GpuPathsForTesting {
+ public:
+  GpuPathsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(true); }
+  ~GpuPathsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(false); }
+  GpuPathsForTesting(const GpuPathsForTesting&) = delete;
+  GpuPathsForTesting& operator=(const GpuPathsForTesting&) = delete;
+};
+
 // A device tensor of `sizes` holding `values` (byte copy of the host vector).
 template <typename T>
 Tensor Upload(const std::vector<T>& values, std::vector<long> sizes, DataType dtype) {

@@ -91,6 +91,15 @@ TEST(ClMaxPool, TwoD) {
   }
 }
 
+TEST(ClMaxPool, TwoDGpuProgram) {
+  GpuPathsForTesting gpu;
+  unsigned seed = 70;
+  for (const auto& c : kMax2D) {
+    RunMaxPool(c, 2, seed % 2 == 1, seed);
+    ++seed;
+  }
+}
+
 TEST(ClMaxPool, ThreeD) {
   const std::vector<PoolCase> cases = {
       {{1, 2, 5, 6, 7}, {3, 3, 3}, {2, 2, 2}, {1, 1, 1}, {1, 1, 1}},
@@ -242,6 +251,17 @@ TEST(ClAdaptivePool, AvgAndMax2D) {
     RunAdaptive({2, 5, 7, 7}, {2, 5, 1, 1}, 2, kind, kHalf, seed++);
     RunAdaptive({3, 2, 3}, {3, 1, 1}, 2, kind, kFloat, seed++);  // plane shorter than a vector
   }
+}
+
+// The GPU programs of a 1 x 1 output: planes staged in local memory (several
+// groups, a partial last one) and larger planes reduced by a group each.
+TEST(ClAdaptivePool, GlobalAverageGpuPrograms) {
+  GpuPathsForTesting gpu;
+  RunAdaptive({3, 50, 7, 7}, {3, 50, 1, 1}, 2, 0, kFloat, 130);
+  RunAdaptive({2, 5, 3, 1}, {2, 5, 1, 1}, 2, 0, kHalf, 131);
+  RunAdaptive({2, 3, 13, 11}, {2, 3, 1, 1}, 2, 0, kFloat, 132);
+  RunAdaptive({1, 2, 37, 41}, {1, 2, 1, 1}, 2, 0, kHalf, 133);
+  RunAdaptive({2, 3, 7, 9}, {2, 3, 3, 4}, 2, 0, kFloat, 134);  // not 1 x 1: the common program
 }
 
 TEST(ClAdaptivePool, Avg3D) {

@@ -29,7 +29,10 @@ long Blocks(long in, long k, long d, long p, long s) {
   return (in + 2 * p - d * (k - 1) - 1) / s + 1;
 }
 
-TEST(ClIm2col, AgainstReference) {
+// Every case of kBlocks; `gpu` takes the GPU program.
+void RunIm2col(bool gpu) {
+  std::optional<GpuPathsForTesting> paths;
+  if (gpu) paths.emplace();
   unsigned seed = 600;
   for (const auto& c : kBlocks) {
     SCOPED_TRACE(StrCat("im2col ", Shape(c.image)));
@@ -59,6 +62,13 @@ TEST(ClIm2col, AgainstReference) {
               }
     ExpectNear(DownloadAs(output), want, 0, "columns");
   }
+}
+
+TEST(ClIm2col, AgainstReference) {
+  RunIm2col(false);
+}
+TEST(ClIm2col, GpuProgramAgainstReference) {
+  RunIm2col(true);
 }
 
 TEST(ClCol2im, AgainstReference) {

@@ -57,6 +57,11 @@ inline int adaptive_end(int o, int in, int out) {
 typedef float8 pool_vec;
 #define POOL_LANES ((int8)(0, 1, 2, 3, 4, 5, 6, 7))
 
+/* The GPU programs (names ending in _items) take one work item per output
+ * position of a plane instead, over (positions, planes): consecutive items
+ * write consecutive outputs, and each item walks the planes from
+ * get_global_id(1) in steps of get_global_size(1). */
+
 /* First output of block b of a row of `width` outputs. */
 inline int pool_block_start(int b, int width) { return max(min(b * POOL_V, width - POOL_V), 0); }
 

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "nerva/platform/cl/module.h"
+#include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
 
 namespace nerva {
@@ -16,6 +17,15 @@ Tensor Along(const Tensor& t, int dim, long start, long count) {
   std::vector<long> sizes = t.shape().sizes();
   sizes[dim] = count;
   return ViewOf(t, sizes, t.shape().strides(), count ? start * t.shape().strides()[dim] : 0);
+}
+
+constexpr size_t kRowPieces = 8;  // pieces one ConcatRows launch joins
+constexpr size_t kRowGroup = 256;
+
+long RowProduct(const std::vector<long>& sizes, size_t from, size_t to) {
+  long n = 1;
+  for (size_t d = from; d < to; ++d) n *= sizes[d];
+  return n;
 }
 
 }  // namespace
@@ -83,6 +93,7 @@ void ConcatKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const std::vector<Tensor> joined = Joined();
   if (joined.empty() || out_.shape().size() == 0) return;
   const int dim = Axis(option_.dim, joined[0].shape().ndim());
+  if (!session->host_cpu() && CompileRows(session, joined, dim)) return;
   long start = 0;
   for (const Tensor& t : joined) {
     const long n = t.shape().sizes()[dim];
@@ -94,6 +105,56 @@ void ConcatKernel::Compile(std::shared_ptr<SessionImpl> session) {
     }
     start += n;
   }
+}
+
+bool ConcatKernel::CompileRows(const std::shared_ptr<SessionImpl>& session,
+                               const std::vector<Tensor>& joined, int dim) {
+  if (!out_.is_contiguous()) return false;
+  std::vector<Tensor> pieces;
+  for (const Tensor& t : joined) {
+    if (t.dtype() != out_.dtype() || !t.is_contiguous()) return false;
+    if (t.shape().size() != 0) pieces.push_back(t);
+  }
+  const auto& sizes = out_.shape().sizes();
+  const long item = static_cast<long>(out_.option().item_size());
+  const long rows = RowProduct(sizes, 0, dim), out_row = RowProduct(sizes, dim, sizes.size());
+  if (rows * out_row > 0xFFFFFFFFL) return false;
+  // 16-byte units when every row width and offset allows them.
+  const ClTensor out_view(out_);
+  bool wide = (out_row * item) % 16 == 0 && out_view.offset() % 16 == 0;
+  std::vector<ClTensor> views;
+  for (const Tensor& t : pieces) {
+    views.emplace_back(t);
+    const long width = t.shape().size() / rows;
+    wide = wide && (width * item) % 16 == 0 && views.back().offset() % 16 == 0;
+  }
+  const long unit = wide ? 16 : item;
+  long column = 0;  // in units
+  for (size_t first = 0; first < pieces.size(); first += kRowPieces) {
+    const size_t count = std::min(kRowPieces, pieces.size() - first);
+    std::vector<long> starts;
+    long width = 0;
+    for (size_t k = 0; k < count; ++k) {
+      starts.push_back(width);
+      width += pieces[first + k].shape().size() / rows * item / unit;
+    }
+    auto launch = MakeSubKernel(session, ProgramName(), MoveSources(), MoveOptions(item),
+                                wide ? "ConcatRows16" : "ConcatRows");
+    const long total = rows * width;
+    launch->SetArgs(static_cast<cl_uint>(total), static_cast<cl_uint>(width),
+                    static_cast<cl_uint>(out_row * item / unit), Lanes(starts, width),
+                    out_.storage(), static_cast<cl_uint>(out_view.offset() + column * unit));
+    for (size_t k = 0; k < kRowPieces; ++k) {
+      if (k < count) {
+        launch->SetArg(pieces[first + k].storage()).SetArg(views[first + k].offset());
+      } else {
+        launch->SetArg(out_.storage()).SetArg(static_cast<cl_uint>(0));
+      }
+    }
+    launch->SetGlobal({static_cast<size_t>(total)}).SetLocal({kRowGroup});
+    column += width;
+  }
+  return true;
 }
 
 SplitKernel::SplitKernel(const SplitOption& option, const TensorOption& input_opt,

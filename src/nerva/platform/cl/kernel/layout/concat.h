@@ -24,6 +24,10 @@ class ConcatKernel : public LayoutKernel {
 
  private:
   std::vector<Tensor> Joined() const;  // the inputs that take part
+  // GPUs: contiguous pieces of out's type joined by ConcatRows launches (one
+  // per eight pieces); false, with nothing added, when they do not qualify.
+  bool CompileRows(const std::shared_ptr<SessionImpl>& session, const std::vector<Tensor>& joined,
+                   int dim);
 
   ConcatOption option_;
   std::vector<Tensor> inputs_;

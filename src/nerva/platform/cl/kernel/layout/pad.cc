@@ -5,6 +5,7 @@
 
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
+#include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
 
 namespace nerva {
@@ -74,6 +75,10 @@ void PadKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
   bool cropped = false;
   for (size_t d = 0; d < rank; ++d) cropped = cropped || before[d] < 0 || after[d] < 0;
+  if (!session->host_cpu() && input_.shape().size() > 0 && out_.shape().size() <= 0xFFFFFFFFL) {
+    CompileFlat(session, before);
+    return;
+  }
   if (cropped && option_.mode != PadMode::kConstant) {
     CompileGeneric(session, before);
     return;
@@ -158,6 +163,41 @@ void PadKernel::CompileGeneric(const std::shared_ptr<SessionImpl>& session,
                 Lanes(InnerByteStrides(input_), 0),
                 static_cast<cl_ulong>(ElementBits(option_.value, out_.dtype())));
   unit->SetGlobal(WalkGlobal(sizes));
+}
+
+void PadKernel::CompileFlat(const std::shared_ptr<SessionImpl>& session,
+                            const std::vector<long>& before_in_order) {
+  // Innermost first; an unpadded dim merges into the unpadded one inside it
+  // when both layouts step over it exactly.
+  std::vector<long> sizes, in_sizes, before, os, is;
+  const std::vector<long> out_sizes = InnerSizes(out_), n = InnerSizes(input_);
+  const std::vector<long> out_strides = InnerByteStrides(out_),
+                          in_strides = InnerByteStrides(input_);
+  for (size_t d = 0; d < out_sizes.size(); ++d) {
+    const long b = before_in_order[out_sizes.size() - 1 - d];
+    const bool plain = b == 0 && n[d] == out_sizes[d];
+    if (plain && !sizes.empty() && before.back() == 0 && in_sizes.back() == sizes.back() &&
+        out_strides[d] == os.back() * sizes.back() && in_strides[d] == is.back() * sizes.back()) {
+      sizes.back() *= out_sizes[d];
+      in_sizes.back() = sizes.back();
+      continue;
+    }
+    sizes.push_back(out_sizes[d]);
+    in_sizes.push_back(n[d]);
+    before.push_back(b);
+    os.push_back(out_strides[d]);
+    is.push_back(in_strides[d]);
+  }
+  const ClTensor out_view(out_), in_view(input_);
+  auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
+                            MoveOptions(out_.option().item_size()), "PadFlat");
+  const long total = out_.shape().size();
+  unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), Lanes(in_sizes, 1),
+                Lanes(before, 0), static_cast<int>(option_.mode), out_.storage(), out_view.offset(),
+                Lanes(os, 0), input_.storage(), in_view.offset(), Lanes(is, 0),
+                static_cast<cl_ulong>(ElementBits(option_.value, out_.dtype())),
+                static_cast<cl_uint>(total));
+  unit->SetGlobal({static_cast<size_t>(total)}).SetLocal({256});
 }
 
 NERVA_STATIC_REGISTER {

@@ -31,6 +31,10 @@ class PadKernel : public UnaryMoveKernel {
   // crops in the modes other than constant); `before` in tensor order.
   void CompileGeneric(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& before);
 
+  // GPUs: one PadFlat launch, a work item per output element in row-major
+  // order (unpadded outer dims merged); `before` in tensor order.
+  void CompileFlat(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& before);
+
   PadOption option_;
 };
 

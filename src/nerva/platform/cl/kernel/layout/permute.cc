@@ -5,6 +5,7 @@
 
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
+#include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
 
 namespace nerva {
@@ -14,6 +15,9 @@ namespace {
 
 constexpr size_t kBlock = 8;    // the block one work item of permute_2d.cl transposes
 constexpr size_t kGroup = 256;  // blocks per work group (256 x 64 elements)
+// Permute2DTile (GPUs): 32 x 32 tiles moved by 32 x 8 work items.
+constexpr size_t kTile = 32, kTileRows = 8;
+constexpr size_t kMaxGroups = 65535;  // groups along y and z a launch may have
 
 // The smallest power of two at least n.
 size_t Pow2(size_t n) {
@@ -86,12 +90,21 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
   const ClTensor out_view(out_), in_view(in);
   const long batch = rank == 3 ? layout.sizes[2] : 1;
+  const size_t tx = Groups(layout.sizes[0], kTile), ty = Groups(layout.sizes[1], kTile);
+  const bool tiled =
+      !session->host_cpu() && ty <= kMaxGroups && static_cast<size_t>(batch) <= kMaxGroups;
   auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
-                            {"layout.h", "permute_2d.cl"}, MoveOptions(item), "Permute2D");
+                            {"layout.h", "permute_2d.cl"}, MoveOptions(item),
+                            tiled ? "Permute2DTile" : "Permute2D");
   unit->SetArgs(static_cast<cl_uint>(layout.sizes[0]), static_cast<cl_uint>(layout.sizes[1]),
                 out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
                 static_cast<cl_uint>(rank == 3 ? os[2] : 0), in.storage(), in_view.offset(),
                 static_cast<cl_uint>(is[0]), static_cast<cl_uint>(rank == 3 ? is[2] : 0));
+  if (tiled) {
+    unit->SetGlobal({tx * kTile, ty * kTileRows, static_cast<size_t>(batch)});
+    unit->SetLocal({kTile, kTileRows, 1});
+    return;
+  }
   const size_t bx = Groups(layout.sizes[0], kBlock), by = Groups(layout.sizes[1], kBlock);
   // Tiles of 32 x 8 blocks (measured best of 16, 32, 64 along x), x narrowed
   // to the blocks there are so few work items fall outside.

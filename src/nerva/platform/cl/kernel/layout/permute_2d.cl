@@ -7,6 +7,11 @@
  * whose rows stay in cache while the group runs (on CPU devices a work
  * group is a loop on one thread). Blocks cut by the edges move element by
  * element. z is the batch.
+ *
+ * Permute2DTile is the GPU form: a group of 32 x 8 work items moves a 32 x 32
+ * tile through local memory (rows padded to 33 so the column reads hit
+ * distinct banks). Loads run along the input's contiguous y and stores along
+ * the output's contiguous x, so both are coalesced.
  */
 // #include "layout.h"
 
@@ -45,4 +50,28 @@ __kernel void Permute2D(uint n0, uint n1, __global uchar *out_ptr, uint out_offs
     for (uint j = 0; j < ny; ++j)
       *(__global ly_t *)(out + (ulong)j * out_s1 + i * LY_SIZE) =
           *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
+}
+
+#define PT_TILE 32
+#define PT_ROWS 8
+
+__kernel __attribute__((reqd_work_group_size(PT_TILE, PT_ROWS, 1))) void Permute2DTile(
+    uint n0, uint n1, __global uchar *out_ptr, uint out_offset, uint out_s1, uint out_sb,
+    __global uchar *in_ptr, uint in_offset, uint in_s0, uint in_sb) {
+  __local ly_t tile[PT_TILE][PT_TILE + 1];
+  const uint lx = get_local_id(0), ly = get_local_id(1);
+  const uint x0 = get_group_id(0) * PT_TILE, y0 = get_group_id(1) * PT_TILE;
+  const ulong b = get_global_id(2);
+  __global const uchar *in = in_ptr + (in_offset + b * in_sb);
+  __global uchar *out = out_ptr + (out_offset + b * out_sb);
+  /* tile[x][y]: input row x0 + x, element y0 + y */
+  if (y0 + lx < n1) {
+    for (uint r = ly; r < PT_TILE && x0 + r < n0; r += PT_ROWS)
+      tile[r][lx] = *(__global const ly_t *)(in + (ulong)(x0 + r) * in_s0 + (ulong)(y0 + lx) * LY_SIZE);
+  }
+  barrier(CLK_LOCAL_MEM_FENCE);
+  if (x0 + lx < n0) {
+    for (uint r = ly; r < PT_TILE && y0 + r < n1; r += PT_ROWS)
+      *(__global ly_t *)(out + (ulong)(y0 + r) * out_s1 + (ulong)(x0 + lx) * LY_SIZE) = tile[lx][r];
+  }
 }

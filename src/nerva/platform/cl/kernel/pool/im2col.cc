@@ -112,9 +112,12 @@ void Im2colKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const long blocks = g.dim[1].out * g.dim[2].out;
   if (rows * blocks == 0) return;
   input_ = MakeContiguous(*this, session, input_);
-  auto unit =
-      MakeRowBlockUnit(*this, session, "im2col.cl", "im2col", PoolBuildOption(input_.dtype()),
-                       g.planes, g.dim[1].out, g.dim[2].out);
+  const BuildOption options = PoolBuildOption(input_.dtype());
+  auto unit = session->host_cpu()
+                  ? MakeRowBlockUnit(*this, session, "im2col.cl", "im2col", options, g.planes,
+                                     g.dim[1].out, g.dim[2].out)
+                  : MakePlaneItemUnit(*this, session, "im2col.cl", "im2col_items", options,
+                                      g.planes, g.dim[1].out * g.dim[2].out);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
   BindRowGeometry(*unit, g, true);
 }

@@ -4,7 +4,9 @@
  * zero outside. One work item per block of POOL_V positions of one output
  * height of one plane (see "pool.h"), writing that block of every column row
  * of the plane; blocks inside the input take vector loads, border blocks one
- * element per position.
+ * element per position. im2col_items (GPUs) takes one work item per column
+ * position of a plane (see "pool.h"), so consecutive items write consecutive
+ * elements of every column row and read neighbouring input elements.
  */
 // #include "common.h"
 // #include "pool.h"
@@ -37,6 +39,28 @@ __kernel void im2col(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int
     __global const DTYPE *in = h >= 0 && h < ih ? image + h * iw : 0;
     for (int j = 0; j < kw; ++j, out += column) {
       im2col_block(in, x0 * sw - pw + j * dw, iw, ow, sw, out);
+    }
+  }
+}
+
+__kernel void im2col_items(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh, int ow,
+                           int planes, int kh, int kw, int sh, int sw, int ph, int pw, int dh,
+                           int dw) {
+  const int l = get_global_id(0);
+  const int column = oh * ow;
+  if (l >= column) return;
+  const int y = l / ow, x = l - y * ow;
+  const int h0 = y * sh - ph, w0 = x * sw - pw;
+  for (int plane = get_global_id(1); plane < planes; plane += get_global_size(1)) {
+    __global const DTYPE *image = POOL_SRC(src) + (long)plane * ih * iw;
+    __global DTYPE *out = POOL_DST(dst) + (long)plane * kh * kw * column + l;
+    for (int i = 0; i < kh; ++i) {
+      const int h = h0 + i * dh;
+      const bool row = h >= 0 && h < ih;
+      for (int j = 0; j < kw; ++j, out += column) {
+        const int w = w0 + j * dw;
+        POOL_STORE(row && w >= 0 && w < iw ? POOL_LOAD(image, h * iw + w) : 0.0f, out, 0);
+      }
     }
   }
 }

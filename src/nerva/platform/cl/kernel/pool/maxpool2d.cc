@@ -48,7 +48,10 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const std::string program = spatial_ == 2 ? "maxpool2d" : "maxpool3d";
   const BuildOption options =
       PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64);
-  auto unit = spatial_ == 2
+  const bool items = spatial_ == 2 && !session->host_cpu();
+  auto unit = items ? MakePlaneItemUnit(*this, session, program + ".cl", program + "_items",
+                                        options, g.planes, g.dim[1].out * g.dim[2].out)
+              : spatial_ == 2
                   ? MakeRowBlockUnit(*this, session, program + ".cl", program, options, g.planes,
                                      g.dim[1].out, g.dim[2].out)
                   : MakePoolUnit(*this, session, program + ".cl", program, options, g, false);

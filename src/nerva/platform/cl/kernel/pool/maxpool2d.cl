@@ -3,6 +3,8 @@
  * index in the plane. One work item per block of POOL_V outputs of a row (see
  * "pool.h"); blocks whose windows lie inside the input take vector loads,
  * the others (padding, narrow rows) one scalar window per output.
+ * maxpool2d_items (GPUs) takes one work item per output position of a plane
+ * (see "pool.h"), so neighbouring items read neighbouring windows.
  */
 // #include "common.h"
 // #include "pool.h"
@@ -73,5 +75,24 @@ __kernel void maxpool2d(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(id
     const float v = pool_max_window(in, isz, (int4)(0, y, x, 0), k, s, p, dl, &index);
     POOL_STORE(v, POOL_DST(dst), out + x);
     if (write_index) indices[out + x] = index;
+  }
+}
+
+__kernel void maxpool2d_items(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
+                              int write_index, int ih, int iw, int oh, int ow, int planes, int kh,
+                              int kw, int sh, int sw, int ph, int pw, int dh, int dw) {
+  const int l = get_global_id(0);
+  if (l >= oh * ow) return;
+  const int y = l / ow, x = l - y * ow;
+  const int4 isz = (int4)(1, ih, iw, 0), k = (int4)(1, kh, kw, 0), s = (int4)(1, sh, sw, 0);
+  const int4 p = (int4)(0, ph, pw, 0), dl = (int4)(1, dh, dw, 0);
+  __global IDX_DTYPE *indices = (__global IDX_DTYPE *)TENSOR_BASE(idx);
+  for (int plane = get_global_id(1); plane < planes; plane += get_global_size(1)) {
+    const long out = (long)plane * oh * ow + l;
+    int index;
+    const float v = pool_max_window(POOL_SRC(src) + (long)plane * ih * iw, isz,
+                                    (int4)(0, y, x, 0), k, s, p, dl, &index);
+    POOL_STORE(v, POOL_DST(dst), out);
+    if (write_index) indices[out] = index;
   }
 }

@@ -269,6 +269,18 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
   return unit;
 }
 
+std::shared_ptr<KernelUnit> MakePlaneItemUnit(
+    KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session, const std::string& program,
+    const std::string& kernel_name, const BuildOption& options, long planes, long positions) {
+  constexpr size_t kGroup = 256, kMaxPlanes = 65535;  // groups along y a launch may have
+  auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
+                                   options, kernel_name);
+  unit->SetGlobal(
+          {static_cast<size_t>(positions), std::min(static_cast<size_t>(planes), kMaxPlanes)})
+      .SetLocal({kGroup, 1});
+  return unit;
+}
+
 void BindRowGeometry(KernelUnit& unit, const PoolGeometry& g, bool window) {
   auto arg = [&](long v) { unit.SetArg(static_cast<int>(v)); };
   arg(g.dim[1].in), arg(g.dim[2].in), arg(g.dim[1].out), arg(g.dim[2].out);

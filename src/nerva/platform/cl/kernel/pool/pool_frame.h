@@ -142,6 +142,13 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
                                              const BuildOption& options, long planes, long height,
                                              long width);
 
+// The GPU form of a row-block kernel (`kernel_name`, same arguments): one
+// work item per output position of a plane (`positions` of them), over
+// (positions, planes) in groups of 256 positions of one plane.
+std::shared_ptr<KernelUnit> MakePlaneItemUnit(
+    KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session, const std::string& program,
+    const std::string& kernel_name, const BuildOption& options, long planes, long positions);
+
 // Binds one 2-D (height, width) geometry as scalar ints: input height and
 // width, output height and width, the plane count,
 // then, with `window`, kernel, stride, padding and dilation (height, width).
