@@ -36,10 +36,11 @@ inline std::shared_ptr<SessionImpl> TestSessionImpl() {
   return std::dynamic_pointer_cast<SessionImpl>(TestSession().impl());
 }
 
-// Makes kernels created while it lives take their GPU programs on any device.
+// Makes kernels created while it lives take their GPU programs on any device
+// (or, given false, the device's own choice).
 class GpuPathsForTesting {
  public:
-  GpuPathsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(true); }
+  explicit GpuPathsForTesting(bool gpu = true) { TestSessionImpl()->TreatAsGpuForTesting(gpu); }
   ~GpuPathsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(false); }
   GpuPathsForTesting(const GpuPathsForTesting&) = delete;
   GpuPathsForTesting& operator=(const GpuPathsForTesting&) = delete;
@@ -105,17 +106,6 @@ inline std::vector<float> RandomFloats(size_t n, float lo, float hi, unsigned se
   if (n) out[0] = out[0] == 0.0f ? 0.5f : out[0];
   return out;
 }
-
-// Makes programs that choose their layout by device class build their GPU
-// variants for the lifetime of the object (on any device), then restores the
-// device's own choice.
-class ScopedGpuVariants {
- public:
-  ScopedGpuVariants() { TestSessionImpl()->TreatAsGpuForTesting(true); }
-  ~ScopedGpuVariants() { TestSessionImpl()->TreatAsGpuForTesting(false); }
-  ScopedGpuVariants(const ScopedGpuVariants&) = delete;
-  ScopedGpuVariants& operator=(const ScopedGpuVariants&) = delete;
-};
 
 // Sets an environment variable (or unsets it, for a null value) for the
 // lifetime of the object, then restores what was there.

@@ -151,14 +151,8 @@ TEST(ClSdpaTest, LocalMemoryTiles) {
 // with a partial last group, key tiles of 64 with a partial last tile, masks,
 // causal limits inside a tile, grouped heads, strided queries, half data, odd
 // head sizes and several groups per head. attn_weights take the tiles.
-class GpuPrograms {
- public:
-  GpuPrograms() { TestSessionImpl()->TreatAsGpuForTesting(true); }
-  ~GpuPrograms() { TestSessionImpl()->TreatAsGpuForTesting(false); }
-};
-
 TEST(ClSdpaTest, FlashTiles) {
-  const GpuPrograms gpu;
+  const GpuPathsForTesting gpu;
   unsigned seed = 2600;
   RunSdpa({1, 2, 2, 257, 130, 64, 64}, seed++);
   RunSdpa({1, 2, 2, 129, 129, 64, 64, Mask::kNone, {}, true}, seed++);
@@ -173,7 +167,7 @@ TEST(ClSdpaTest, FlashTiles) {
 // Dropout decisions depend on positions alone: the flash program (no weights)
 // matches the tiles (which write the weights) drawn from the same seed.
 TEST(ClSdpaTest, FlashDropoutMatchesTiles) {
-  const GpuPrograms gpu;
+  const GpuPathsForTesting gpu;
   const long B = 1, H = 2, L = 70, S = 67, E = 64;
   Tensor query = UploadAs(RandomValues(B * H * L * E, -1, 1, 2700), {B, H, L, E}, kFloat);
   Tensor key = UploadAs(RandomValues(B * H * S * E, -1, 1, 2701), {B, H, S, E}, kFloat);

@@ -324,7 +324,7 @@ TEST(ActivationBackwardTest, InPlaceOnGradOutput) {
 }
 
 TEST(ActivationBackwardTest, GpuVariants) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   unsigned seed = 200;
   for (const GradCase& c : Cases()) {
     const std::string name = c.name;

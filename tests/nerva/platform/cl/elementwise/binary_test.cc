@@ -241,7 +241,7 @@ TEST(BinaryTest, Layouts) {
 // The GPU variants: spread lanes over every length, fixed groups over ragged
 // and broadcast ranges (x smaller than a group, several groups along y, 6-D).
 TEST(BinaryTest, GpuVariants) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   for (long n : {1L, 3L, 4L, 5L, 7L, 1000003L})
     Check({B::kAdd, kFloat, kFloat, kFloat, {n}, {n}}, 70);
   Check({B::kMul, kHalf, kHalf, kHalf, {1001}, {1001}}, 71);

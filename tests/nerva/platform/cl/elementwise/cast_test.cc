@@ -74,7 +74,7 @@ TEST(CastTest, Layouts) {
 }
 
 TEST(CastTest, GpuVariants) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   for (long n : {1L, 3L, 1001L}) CheckCast(kFloat, kHalf, {n}, Layout::kContiguous, 55);
   CheckCast(kHalf, kFloat, {31, 29}, Layout::kTransposed, 56);
 }

@@ -174,7 +174,7 @@ TEST(UnaryTest, InPlaceAnyLength) {
 }
 
 TEST(UnaryTest, GpuVariantsInPlaceAndStrided) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   for (long n : {1L, 5L, 1001L}) {
     Operand x = RandomOperand({n}, kFloat, -3, 3, 13);
     TestQueue().Enqueue(

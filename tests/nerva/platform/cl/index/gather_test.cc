@@ -44,7 +44,7 @@ class GatherTest : public ::testing::TestWithParam<SelectCase> {};
 TEST_P(GatherTest, EveryDimWithNegativeDuplicateAndOutOfRangeIndices) {
   const auto [data, itype] = GetParam();
   for (bool gpu : {false, true}) {
-    const DeviceClass device(gpu);
+    const GpuPathsForTesting device(gpu);
     for (const std::vector<long>& shape : {kInput, std::vector<long>{4, 6, 8}}) {
       const auto in = RandomValues(Count(shape), data, 11);
       Tensor x = Put(in, shape, data);
@@ -78,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Types, GatherTest,
 
 // The GPU variant over many groups: rows of 12, 8 and 32 bytes (4-, 8- and 16-byte units).
 TEST(GatherTest, GpuVariantManyRows) {
-  const DeviceClass device(true);
+  const GpuPathsForTesting device(true);
   const auto index = RandomIndices(999, -1001, 1001, 7);
   Tensor idx = PutIndex(index, {999}, kInt64);
   for (long width : {3, 2, 8}) {

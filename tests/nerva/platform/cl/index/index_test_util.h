@@ -18,15 +18,6 @@ namespace testing {
 // one test binary, and same-named helpers must not replace each other.
 inline namespace index_util {
 
-// While alive, programs that choose by device class take their GPU variants (gpu = true).
-class DeviceClass {
- public:
-  explicit DeviceClass(bool gpu) { TestSessionImpl()->TreatAsGpuForTesting(gpu); }
-  ~DeviceClass() { TestSessionImpl()->TreatAsGpuForTesting(false); }
-  DeviceClass(const DeviceClass&) = delete;
-  DeviceClass& operator=(const DeviceClass&) = delete;
-};
-
 inline std::vector<long> Strides(const std::vector<long>& sizes) {
   std::vector<long> s(sizes.size(), 1);
   for (int k = static_cast<int>(sizes.size()) - 2; k >= 0; --k) s[k] = s[k + 1] * sizes[k + 1];

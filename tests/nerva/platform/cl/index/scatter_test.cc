@@ -151,7 +151,7 @@ TEST(ScatterTest, RowsOfAnExpandedIndex) {
                                {kFloat, R::kProd, true}, {kFloat, R::kAmin, false}};
   for (bool gpu : {false, true})
     for (const auto& [data, op, include_self] : cases) {
-      const DeviceClass device(gpu);
+      const GpuPathsForTesting device(gpu);
       const bool integral = data != kFloat && data != kHalf;
       const auto in = RandomValues(Count(shape), data, 40);
       Tensor x = Put(in, shape, data);
@@ -195,7 +195,7 @@ TEST(ScatterTest, RowsIntoManyTargets) {
   Tensor sv = Put(src, {rows, width}, kFloat);
   Tensor idx = PutIndex(per_row, {rows, 1}, kInt32).BroadcastTo({rows, width});
   for (bool gpu : {false, true}) {
-    const DeviceClass device(gpu);
+    const GpuPathsForTesting device(gpu);
     for (bool include_self : {true, false}) {
       std::vector<double> want = in, sum(in.size(), 0.0);
       std::vector<int> hit(targets, 0);

@@ -134,7 +134,7 @@ TEST(ClClassLossTest, NllAndCrossEntropy) {
 }
 
 TEST(ClClassLossTest, GpuVariantsNllMean) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   unsigned seed = 2180;
   for (LossReduction r : {LossReduction::kMean, LossReduction::kSum}) {
     RunClassCase({{100003, 2}, true, -100, 7}, false, r, seed++);

@@ -154,7 +154,7 @@ TEST(ClPointwiseLossTest, HalfAndLargeSums) {
 
 // The GPU partial sums: many groups, four-way folds with leftovers.
 TEST(ClPointwiseLossTest, GpuVariantsLargeSums) {
-  const ScopedGpuVariants gpu;
+  const GpuPathsForTesting gpu;
   unsigned seed = 1950;
   RunForward(Op::kMse, LossReduction::kMean, {200003}, kFloat, seed++);
   RunForward(Op::kMse, LossReduction::kSum, {7}, kFloat, seed++);
