@@ -36,6 +36,16 @@ inline std::shared_ptr<SessionImpl> TestSessionImpl() {
   return std::dynamic_pointer_cast<SessionImpl>(TestSession().impl());
 }
 
+// While alive, kernels created on the test session take their GPU variants
+// (programs that choose by device class), so those run on any device.
+class GpuVariantsForTesting {
+ public:
+  GpuVariantsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(true); }
+  ~GpuVariantsForTesting() { TestSessionImpl()->TreatAsGpuForTesting(false); }
+  GpuVariantsForTesting(const GpuVariantsForTesting&) = delete;
+  GpuVariantsForTesting& operator=(const GpuVariantsForTesting&) = delete;
+};
+
 // A device tensor of `sizes` holding `values` (byte copy of the host vector).
 template <typename T>
 Tensor Upload(const std::vector<T>& values, std::vector<long> sizes, DataType dtype) {

@@ -204,7 +204,15 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
   BuildOption options = CommonOptions(vec, plan.run);
   const size_t block = kReduceBlockSize;
-  std::shared_ptr<KernelUnit> unit;
+  if (!session->host_cpu() &&
+      (plan.variant == ReduceVariant::kCol || plan.variant == ReduceVariant::kMiddle)) {
+    const ColumnSplit split = SplitColumns(*session, column_items * plan.outer, plan.height);
+    if (split.splits > 1) {
+      CompileSplitColumns(session, plan, split, std::move(options), based_coeff,
+                          inv_reduction_size);
+      return;
+    }
+  }
   switch (plan.variant) {
     case ReduceVariant::kRow:
       options.AddOption("-DREDUCE_ON_ROW");
@@ -249,6 +257,34 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
           .SetLocal({block, 1});
       break;
   }
+}
+
+void ReduceKernel::CompileSplitColumns(std::shared_ptr<SessionImpl> session, const ReducePlan& plan,
+                                       const ColumnSplit& split, BuildOption options,
+                                       float based_coeff, float inv_reduction_size) {
+  const int vec = AdjustVecSize(4, plan.run);
+  const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
+  const long plane = plan.outer * split.splits * plan.run;
+  const bool squares = option_.op_type == ReduceType::kVar;
+  const long accum_size =
+      static_cast<long>(TypeTraitsHelper::GetSize(GetAccumType(input_.dtype())));
+  partial_ = MakeScratchBuffer(session, (squares ? 2 : 1) * plane * accum_size);
+  options.AddOption("-DREDUCE_SPLIT_COLUMNS");
+  AddKindSwitch(options);
+  const size_t block = kReduceBlockSize;
+  const size_t run = static_cast<size_t>(plan.run);
+  MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_partial")
+      ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}, vec), partial_,
+                static_cast<int>(plan.height), static_cast<int>(split.rows),
+                static_cast<int>(split.splits), static_cast<int>(plan.run), plane, column_items)
+      .SetGlobal({run, static_cast<size_t>(plan.outer * split.splits)}, {static_cast<size_t>(vec)})
+      .SetLocal({block, 1});
+  MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_merge")
+      ->SetArgs(partial_, ContiguousView(output_, {plan.outer, plan.run}, vec), based_coeff,
+                inv_reduction_size, static_cast<int>(split.splits), static_cast<int>(plan.run),
+                plane, column_items)
+      .SetGlobal({run, static_cast<size_t>(plan.outer)}, {static_cast<size_t>(vec)})
+      .SetLocal({block, 1});
 }
 
 void ReduceKernel::CompileGlobalReduce(std::shared_ptr<SessionImpl> session) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "nerva/kernel/reduce_option.h"
+#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/program.h"
 
@@ -42,6 +43,11 @@ class ReduceKernel : public KernelImpl {
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;
   void CompileGlobalReduce(std::shared_ptr<SessionImpl> session);
+  // Column and middle-axis folds on devices that are not the host CPU: the
+  // reduced rows split over many groups, partials merged by a second pass.
+  void CompileSplitColumns(std::shared_ptr<SessionImpl> session, const ReducePlan& plan,
+                           const ColumnSplit& split, BuildOption options, float based_coeff,
+                           float inv_reduction_size);
 
   // The device OP word of the kind; the accumulation type and start value of
   // the kind for input `type`. Each throws for a kind outside 0..8.
