@@ -32,6 +32,13 @@ struct ReducePlan {
 bool PlanReduce(const std::vector<long>& sizes, const std::vector<int>& axes, bool global_ok,
                 ReducePlan* plan);
 
+// The second pass of a split column sum, for kernels that fold columns in
+// chunks of rows themselves (the normalisation gradients): appends to
+// `kernel` the Reduce program's merge, which sums `partial`, float sums laid
+// out [splits][run], into `out` (run contiguous elements, float or half).
+void AppendSplitColumnSum(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                          const Buffer& partial, long splits, long run, const Tensor& out);
+
 // torch.amax/amin/sum/mean/var/prod/all/any/count_nonzero over a set of axes ("Reduce").
 // The kind sets OP, ACCUM_DTYPE and INIT of "reduce.cl"; the axes pick the
 // variant: two-pass global, row, column, middle axis or [0,2]/[0,2,3].
