@@ -120,6 +120,18 @@ TEST(ClBatchNormTest, TrainingMomentumAndRunningStatistics) {
   RunTrain({{2, 64, 5}, true, kFloat, 0.1f}, seed++);  // one item per channel on CPU devices
 }
 
+TEST(ClBatchNormTest, GpuTrainingSplitsTheStatistics) {
+  // Per-slice partial sums, the per-channel statistics pass and the mapping:
+  // leftover lanes, no affine or running statistics, half, many channels.
+  GpuPathsForTesting gpu;
+  unsigned seed = 6300;
+  RunTrain({{3, 5, 7}, true, kFloat, 0.1f}, seed++);
+  RunTrain({{4, 3}, false, kFloat, 0.0f}, seed++);
+  RunTrain({{2, 2, 4097}, true, kFloat, 1.0f, false}, seed++);
+  RunTrain({{2, 3, 67}, true, kHalf, 0.1f}, seed++);
+  RunTrain({{3, 70, 2, 3}, true, kFloat, 0.1f}, seed++);
+}
+
 TEST(ClBatchNormTest, RejectsBadArguments) {
   Buffer buf = TestSession().MakeBuffer(kMemReadWrite, 4096);
   const TensorOption x{Shape({2, 3, 4}), kFloat}, f3{Shape({3}), kFloat}, h3{Shape({3}), kHalf};

@@ -80,7 +80,7 @@ void RunBackward(const BackwardCase& c, unsigned seed) {
 TEST(ClLayerNormBackwardTest, AllGradientsOverRowLengths) {
   unsigned seed = 2100;
   for (long n : {1L, 5L, 64L, 4097L}) RunBackward({3, n}, seed++);
-  RunBackward({70, 5}, seed++);  // more rows than one block of the column walk
+  RunBackward({70, 5}, seed++);    // more rows than one block of the column walk
   RunBackward({70, 133}, seed++);  // 34 column vectors: chunks of 16 on CPU devices
 }
 
@@ -93,6 +93,19 @@ TEST(ClLayerNormBackwardTest, WithoutWeightAndPartialMasks) {
 
 TEST(ClLayerNormBackwardTest, HalfData) {
   RunBackward({5, 67, true, {true, true, true}, kHalf}, 2300);
+}
+
+TEST(ClLayerNormBackwardTest, GpuColumnGradientsSplitTheRows) {
+  // Enough rows to split the weight and bias sums over groups; leftover
+  // lanes, partial masks and half data (input gradient on its usual path).
+  GpuPathsForTesting gpu;
+  unsigned seed = 2400;
+  RunBackward({150, 5}, seed++);
+  RunBackward({97, 133}, seed++);
+  RunBackward({64, 64, true, {false, true, false}}, seed++);
+  RunBackward({70, 5, false, {true, false, true}}, seed++);
+  RunBackward({129, 67, true, {true, true, true}, kHalf}, seed++);
+  RunBackward({40, 5}, seed++);  // too few rows to split
 }
 
 TEST(ClLayerNormBackwardTest, RejectsBadArguments) {

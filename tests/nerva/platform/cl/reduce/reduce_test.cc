@@ -344,6 +344,38 @@ TEST(ClReduceTest, AxesPickTheVariant) {
   EXPECT_EQ(names({4, 5, 1, 5}, {0, 2, 3}, ReduceType::kSum, {5}), Names{"reduce_on_xz"});
 }
 
+TEST(ClReduceTest, GpuColumnFoldsSplitTheReducedRows) {
+  GpuPathsForTesting gpu;
+  // Every kind over a column and middle axes with enough rows to split; runs
+  // of 5 leave a leftover lane, and the paths share one build per kind.
+  const std::vector<std::pair<std::vector<long>, std::vector<int>>> paths = {
+      {{301, 5}, {0}}, {{2, 97, 5}, {1}}, {{70, 3, 5}, {0, 1}}};
+  unsigned seed = 500;
+  for (ReduceType kind : kAllKinds) {
+    for (const auto& [sizes, axes] : paths) {
+      RunCase({kind, sizes, axes, kFloat, OutputFor(kind, kFloat)}, seed++);
+    }
+  }
+  RunCase({ReduceType::kSum, {1000, 67}, {0}, kHalf, kHalf}, seed++);
+  RunCase({ReduceType::kMax, {3, 200, 9}, {1}, kInt32, kInt32, true}, seed++);
+  RunCase({ReduceType::kSum, {3, 200, 3}, {1}}, seed++);
+  RunCase({ReduceType::kMin, {129, 4}, {0}, kUInt8, kUInt8}, seed++);
+  RunCase({ReduceType::kVar, {65, 2, 33}, {0, 1}}, seed++, 0.0f);
+  // Too few rows to split: the single-pass column program.
+  RunCase({ReduceType::kSum, {40, 5}, {0}}, seed++);
+}
+
+TEST(ClReduceTest, GpuColumnFoldsUseTwoPasses) {
+  GpuPathsForTesting gpu;
+  Tensor input = TestSession().MakeTensor({512, 8}, kFloat);
+  Tensor output = TestSession().MakeTensor({8}, kFloat);
+  ReduceOption option;
+  option.axes = {0};
+  EXPECT_EQ(UnitNames(Reduce::Create(TestQueue(), option, input.option(), input.storage(),
+                                     output.option(), output.storage())),
+            (std::vector<std::string>{"reduce_split_partial", "reduce_split_merge"}));
+}
+
 TEST(ClReduceTest, AdjustVecSizeRejectsWideRequests) {
   EXPECT_THROW(AdjustVecSize(17, 100), std::invalid_argument);
   EXPECT_EQ(AdjustVecSize(4, 3), 3);

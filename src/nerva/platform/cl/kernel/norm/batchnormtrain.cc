@@ -68,6 +68,10 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
     if (t->defined()) *t = MakeContiguous(*this, session, *t);
   }
   const RunSplit split = SplitRun(fold.spatial);
+  if (!session->host_cpu()) {
+    CompileSplit(session, fold, split);
+    return;
+  }
   const long cached = fold.batch * split.vectors * split.vec;
   const int block = NormBlockSize(*session, fold.channels);
   const bool share = RowCacheFits(*session, cached, split.vec, block);
@@ -107,6 +111,66 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
       .SetArg(option_.eps)
       .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(fold.channels)})
       .SetLocal({static_cast<size_t>(block), 1});
+}
+
+void BatchNormTrainKernel::AddStatArgs(KernelUnit& unit, long channels, bool inputs) const {
+  const std::vector<long> per_channel{channels};
+  if (inputs) {
+    if (running_mean_.defined()) {
+      unit.SetArg(ContiguousView(running_mean_, per_channel))
+          .SetArg(ContiguousView(running_var_, per_channel));
+    }
+    if (weight_.defined()) unit.SetArg(ContiguousView(weight_, per_channel));
+    if (bias_.defined()) unit.SetArg(ContiguousView(bias_, per_channel));
+    return;
+  }
+  if (save_mean_.defined()) unit.SetArg(ContiguousView(save_mean_, per_channel));
+  if (save_rstd_.defined()) unit.SetArg(ContiguousView(save_rstd_, per_channel));
+  if (running_mean_.defined()) {
+    unit.SetArg(ContiguousView(new_mean_, per_channel))
+        .SetArg(ContiguousView(new_var_, per_channel));
+  }
+}
+
+void BatchNormTrainKernel::CompileSplit(std::shared_ptr<SessionImpl> session,
+                                        const ChannelFold& fold, const RunSplit& split) {
+  const long slices = fold.batch * fold.channels;
+  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
+  options.AddOption("-DSPLIT_STATS")
+      .AddOptionIf(running_mean_.defined(), "-DUPDATE_RUNNING")
+      .AddOptionIf(weight_.defined(), "-DUSE_SCALE")
+      .AddOptionIf(bias_.defined(), "-DUSE_BIAS")
+      .AddOptionIf(save_mean_.defined(), "-DSAVE_MEAN")
+      .AddOptionIf(save_rstd_.defined(), "-DSAVE_RSTD");
+  const std::string program = "BatchNormTrain::split";
+  const auto sources = NormSources("batchnormtrain.cl");
+  const Buffer partial = MakeScratchBuffer(session, slices * 2 * sizeof(float));
+  const Buffer coeff = MakeScratchBuffer(session, fold.channels * 2 * sizeof(float));
+  const std::vector<long> view{slices, fold.spatial};
+  const size_t block = kReduceBlockSize;
+  MakeSubKernel(session, program, sources, options, "batchnormtrain_partial")
+      ->SetArgs(ContiguousView(input_, view), partial, static_cast<int>(split.vectors))
+      .SetGlobal({block, static_cast<size_t>(slices)})
+      .SetLocal({block, 1});
+  auto stats = MakeSubKernel(session, program, sources, options, "batchnormtrain_stats");
+  stats->SetArg(partial);
+  AddStatArgs(*stats, fold.channels, true);
+  AddStatArgs(*stats, fold.channels, false);
+  const long n = fold.batch * fold.spatial;
+  stats->SetArg(coeff)
+      .SetArg(static_cast<int>(fold.channels))
+      .SetArg(static_cast<int>(fold.batch))
+      .SetArg(1.0f / static_cast<float>(n))
+      .SetArg(static_cast<float>(n) / static_cast<float>(n - 1))
+      .SetArg(option_.momentum)
+      .SetArg(option_.eps)
+      .SetGlobal({static_cast<size_t>(fold.channels)})
+      .SetLocal({block});
+  MakeSubKernel(session, program, sources, options, "batchnormtrain_apply")
+      ->SetArgs(ContiguousView(input_, view), ContiguousView(output_, view), coeff,
+                static_cast<int>(fold.channels), static_cast<int>(split.vectors))
+      .SetGlobal({block, static_cast<size_t>(slices)})
+      .SetLocal({block, 1});
 }
 
 NERVA_STATIC_REGISTER {

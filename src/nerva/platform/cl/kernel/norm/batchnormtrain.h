@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "nerva/kernel/norm_option.h"
+#include "nerva/platform/cl/kernel/norm/norm_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 
 namespace nerva {
@@ -30,8 +31,15 @@ class BatchNormTrainKernel : public KernelImpl {
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;
+  // Devices that are not the host CPU: per-slice partial sums over many
+  // groups, a per-channel pass for the statistics, then the mapping.
+  void CompileSplit(std::shared_ptr<SessionImpl> session, const ChannelFold& fold,
+                    const RunSplit& split);
 
  private:
+  // The per-channel arguments of the statistics pass: running statistics,
+  // weight and bias (`inputs`), else the saved and new statistics.
+  void AddStatArgs(KernelUnit& unit, long channels, bool inputs) const;
   BatchNormTrainOption option_;
   Tensor input_, running_mean_, running_var_, weight_, bias_, output_, save_mean_, save_rstd_,
       new_mean_, new_var_;

@@ -4,6 +4,7 @@
 
 #include "nerva/platform/cl/kernel/norm/layernorm.h"
 #include "nerva/platform/cl/kernel/norm/norm_util.h"
+#include "nerva/platform/cl/kernel/reduce/reduce.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/session_impl.h"
 #include "nerva/util.h"
@@ -115,6 +116,14 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(length_);
+  if (!session->host_cpu()) {
+    const long items = split.vectors + (split.leftover ? 1 : 0);
+    const ColumnSplit rows = SplitColumns(*session, items, rows_);
+    if (rows.splits > 1) {
+      CompileSplitGradWeightBias(session, split, rows);
+      return;
+    }
+  }
   // On host-CPU devices with many rows an item walks a chunk of 16 column
   // vectors (rows read as contiguous runs); elsewhere groups of 64 items
   // walk one vector each.
@@ -143,6 +152,41 @@ void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
       .SetArg(static_cast<int>(items))
       .SetGlobal({static_cast<size_t>((items + chunk - 1) / chunk)})
       .SetLocal({static_cast<size_t>(block)});
+}
+
+void LayerNormBackwardKernel::CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session,
+                                                         const RunSplit& split,
+                                                         const ColumnSplit& rows) {
+  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
+  options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
+      .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()))
+      .AddOption("-DGRAD_WEIGHT_BIAS")
+      .AddOption("-DSPLIT_ROWS")
+      .AddOptionIf(WritesGradWeight(), "-DSAVE_WEIGHT")
+      .AddOptionIf(WritesGradBias(), "-DSAVE_BIAS");
+  auto unit = MakeSubKernel(session, "LayerNormBackward::grad_wb_split",
+                            NormSources("layernorm_backward.cl"), options,
+                            "layernorm_backward_grad_wb_split");
+  unit->SetArg(RowView(grad_, rows_, length_))
+      .SetArg(RowView(input_, rows_, length_))
+      .SetArg(ContiguousView(mean_, {rows_}))
+      .SetArg(ContiguousView(rstd_, {rows_}));
+  // Float partial sums [splits][length] of each gradient, merged into it after.
+  const long bytes = rows.splits * length_ * static_cast<long>(sizeof(float));
+  const Buffer dw = WritesGradWeight() ? MakeScratchBuffer(session, bytes) : Buffer();
+  const Buffer db = WritesGradBias() ? MakeScratchBuffer(session, bytes) : Buffer();
+  if (WritesGradWeight()) unit->SetArg(dw);
+  if (WritesGradBias()) unit->SetArg(db);
+  const long items = split.vectors + (split.leftover ? 1 : 0);
+  unit->SetArg(static_cast<int>(rows_))
+      .SetArg(static_cast<int>(rows.rows))
+      .SetArg(static_cast<int>(length_))
+      .SetArg(static_cast<int>(items))
+      .SetGlobal({static_cast<size_t>(items), static_cast<size_t>(rows.splits)})
+      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
+  if (WritesGradWeight())
+    AppendSplitColumnSum(*this, session, dw, rows.splits, length_, grad_weight_);
+  if (WritesGradBias()) AppendSplitColumnSum(*this, session, db, rows.splits, length_, grad_bias_);
 }
 
 NERVA_STATIC_REGISTER {

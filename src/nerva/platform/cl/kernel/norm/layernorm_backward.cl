@@ -16,6 +16,8 @@
  * DTYPE_BIAS). Groups meet at a barrier every LNB_ROWS rows, so on devices
  * that run a group's items one after the other the rows stay cached; with
  * COLUMN_CHUNK above 1 an item takes that many neighbouring vectors instead.
+ * layernorm_backward_grad_wb_split (SPLIT_ROWS) folds chunks of rows into
+ * float partial sums instead.
  */
 // #include "common.h"
 // #include "reduce.h"
@@ -115,7 +117,47 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_
 #define LNB_DB_PARAM
 #endif
 
-#if COLUMN_CHUNK > 1
+#if defined(SPLIT_ROWS)
+/* Devices that are not the host CPU: item (column vector, s) folds the rows
+ * [s * chunk_rows, (s + 1) * chunk_rows) and stores float partial sums at
+ * dw_part / db_part [s][col]; a second pass adds the chunks up. */
+#ifdef SAVE_WEIGHT
+#define LNB_DW_PART __global float *dw_part,
+#else
+#define LNB_DW_PART
+#endif
+#ifdef SAVE_BIAS
+#define LNB_DB_PART __global float *db_part,
+#else
+#define LNB_DB_PART
+#endif
+__kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2D(src),
+                                               DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
+                                               LNB_DW_PART LNB_DB_PART int rows, int chunk_rows,
+                                               int length, int mult_of_vector_size_x) {
+  const int item = get_global_id(0);
+  const int col = LNB_COLUMN(min(item, mult_of_vector_size_x - 1));
+  const int r0 = get_global_id(1) * chunk_rows;
+  const int r1 = min(rows, r0 + chunk_rows);
+  NORM_VEC dw = 0.0f, db = 0.0f;
+  for (int r = r0; r < r1; ++r) {
+    const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
+    const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
+    const NORM_VEC g = NORM_LOAD(DTYPE, TENSOR2D_PTR(grad, DTYPE, col, r));
+    dw += g * ((NORM_LOAD(DTYPE, TENSOR2D_PTR(src, DTYPE, col, r)) - mu) * rs);
+    db += g;
+  }
+  if (item >= mult_of_vector_size_x) return;
+  const long at = (long)get_global_id(1) * length + col;
+#ifdef SAVE_WEIGHT
+  NERVA_STOREN(VEC_SIZE, dw, dw_part + at);
+#endif
+#ifdef SAVE_BIAS
+  NERVA_STOREN(VEC_SIZE, db, db_part + at);
+#endif
+}
+
+#elif COLUMN_CHUNK > 1
 /* Each item sums COLUMN_CHUNK neighbouring column vectors, so it reads every
  * row as one contiguous run (host-CPU devices, groups of one item). */
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "nerva/kernel/train_option.h"
+#include "nerva/platform/cl/kernel/norm/norm_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 
 namespace nerva {
@@ -31,6 +32,10 @@ class LayerNormBackwardKernel : public KernelImpl {
   void Compile(std::shared_ptr<SessionImpl> session) override;
   void CompileGradX(std::shared_ptr<SessionImpl> session);
   void CompileGradWeightBias(std::shared_ptr<SessionImpl> session);
+  // Devices that are not the host CPU: the rows split over many groups, each
+  // writing float partial sums that the Reduce merge adds up.
+  void CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session, const RunSplit& split,
+                                  const ColumnSplit& rows);
 
  private:
   bool WritesGradX() const;

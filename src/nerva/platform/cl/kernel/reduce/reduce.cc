@@ -22,6 +22,20 @@ constexpr long kSingleGroupLimit = 4096;
       StrCat("Unsupport reduce operator type: ", static_cast<uint32_t>(kind)));
 }
 
+BuildOption ReduceBuildOption(const std::string& op, DataType in, DataType out, DataType accum,
+                              const std::string& init, int vec_size, long run) {
+  BuildOption options;
+  options.AddDefinition("OP", op)
+      .AddDefinition("DTYPE", GetDataTypeCode(in))
+      .AddDefinition("DTYPE_OUT", GetDataTypeCode(out))
+      .AddDefinition("ACCUM_DTYPE", GetDataTypeCode(accum))
+      .AddDefinition("INIT", init)
+      .AddDefinitionAutoType("VEC_SIZE", vec_size)
+      .AddDefinitionAutoType("VEC_SIZE_LEFTOVER", static_cast<int>(run % vec_size))
+      .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize);
+  return options;
+}
+
 }  // namespace
 
 bool PlanReduce(const std::vector<long>& sizes, const std::vector<int>& axes, bool global_ok,
@@ -149,16 +163,8 @@ bool ReduceKernel::Verify() const {
 
 BuildOption ReduceKernel::CommonOptions(int vec_size, long run) const {
   const DataType in = input_.dtype();
-  BuildOption options;
-  options.AddDefinition("OP", GetOpCode())
-      .AddDefinition("DTYPE", GetDataTypeCode(in))
-      .AddDefinition("DTYPE_OUT", GetDataTypeCode(output_.dtype()))
-      .AddDefinition("ACCUM_DTYPE", GetDataTypeCode(GetAccumType(in)))
-      .AddDefinition("INIT", GetInit(in))
-      .AddDefinitionAutoType("VEC_SIZE", vec_size)
-      .AddDefinitionAutoType("VEC_SIZE_LEFTOVER", static_cast<int>(run % vec_size))
-      .AddDefinitionAutoType("BLOCK_SIZE", kReduceBlockSize);
-  return options;
+  return ReduceBuildOption(GetOpCode(), in, output_.dtype(), GetAccumType(in), GetInit(in),
+                           vec_size, run);
 }
 
 void ReduceKernel::AddKindSwitch(BuildOption& options) const {
@@ -204,7 +210,15 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
   BuildOption options = CommonOptions(vec, plan.run);
   const size_t block = kReduceBlockSize;
-  std::shared_ptr<KernelUnit> unit;
+  if (!session->host_cpu() &&
+      (plan.variant == ReduceVariant::kCol || plan.variant == ReduceVariant::kMiddle)) {
+    const ColumnSplit split = SplitColumns(*session, column_items * plan.outer, plan.height);
+    if (split.splits > 1) {
+      CompileSplitColumns(session, plan, split, std::move(options), based_coeff,
+                          inv_reduction_size);
+      return;
+    }
+  }
   switch (plan.variant) {
     case ReduceVariant::kRow:
       options.AddOption("-DREDUCE_ON_ROW");
@@ -249,6 +263,49 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
           .SetLocal({block, 1});
       break;
   }
+}
+
+void ReduceKernel::CompileSplitColumns(std::shared_ptr<SessionImpl> session, const ReducePlan& plan,
+                                       const ColumnSplit& split, BuildOption options,
+                                       float based_coeff, float inv_reduction_size) {
+  const int vec = AdjustVecSize(4, plan.run);
+  const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
+  const long plane = plan.outer * split.splits * plan.run;
+  const bool squares = option_.op_type == ReduceType::kVar;
+  const long accum_size =
+      static_cast<long>(TypeTraitsHelper::GetSize(GetAccumType(input_.dtype())));
+  partial_ = MakeScratchBuffer(session, (squares ? 2 : 1) * plane * accum_size);
+  options.AddOption("-DREDUCE_SPLIT_COLUMNS");
+  AddKindSwitch(options);
+  const size_t block = kReduceBlockSize;
+  const size_t run = static_cast<size_t>(plan.run);
+  MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_partial")
+      ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}, vec), partial_,
+                static_cast<int>(plan.height), static_cast<int>(split.rows),
+                static_cast<int>(split.splits), static_cast<int>(plan.run), plane, column_items)
+      .SetGlobal({run, static_cast<size_t>(plan.outer * split.splits)}, {static_cast<size_t>(vec)})
+      .SetLocal({block, 1});
+  MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_merge")
+      ->SetArgs(partial_, ContiguousView(output_, {plan.outer, plan.run}, vec), based_coeff,
+                inv_reduction_size, static_cast<int>(split.splits), static_cast<int>(plan.run),
+                plane, column_items)
+      .SetGlobal({run, static_cast<size_t>(plan.outer)}, {static_cast<size_t>(vec)})
+      .SetLocal({block, 1});
+}
+
+void AppendSplitColumnSum(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                          const Buffer& partial, long splits, long run, const Tensor& out) {
+  const int vec = AdjustVecSize(4, run);
+  const int column_items = static_cast<int>((run + vec - 1) / vec);
+  BuildOption options = ReduceBuildOption("SUM", kFloat, out.dtype(), kFloat, "0", vec, run);
+  options.AddOption("-DREDUCE_SPLIT_COLUMNS");
+  kernel
+      .MakeSubKernel(session, "Reduce::reduce", {"common.h", "reduce.h", "reduce.cl"}, options,
+                     "reduce_split_merge")
+      ->SetArgs(partial, ContiguousView(out, {1, run}, vec), 1.0f, 1.0f, static_cast<int>(splits),
+                static_cast<int>(run), splits * run, column_items)
+      .SetGlobal({static_cast<size_t>(run), 1}, {static_cast<size_t>(vec)})
+      .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
 }
 
 void ReduceKernel::CompileGlobalReduce(std::shared_ptr<SessionImpl> session) {

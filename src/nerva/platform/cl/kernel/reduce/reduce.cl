@@ -3,8 +3,8 @@
  * Definitions: OP (MAX, MIN, SUM, VAR, PROD, AND, OR), DTYPE (input),
  * DTYPE_OUT (output), ACCUM_DTYPE, INIT (the fold's start value), VEC_SIZE,
  * VEC_SIZE_LEFTOVER, BLOCK_SIZE and one variant switch: GLOBAL_REDUCE,
- * GLOBAL_REDUCE_TO_SCALAR, REDUCE_ON_ROW, REDUCE_ON_COL, REDUCE_3DXZ or
- * REDUCE_ON_3DY. Kind switches: ENABLE_REDUCE_MEAN, ENABLE_REDUCE_VAR,
+ * GLOBAL_REDUCE_TO_SCALAR, REDUCE_ON_ROW, REDUCE_ON_COL, REDUCE_3DXZ,
+ * REDUCE_ON_3DY or REDUCE_SPLIT_COLUMNS. Kind switches: ENABLE_REDUCE_MEAN, ENABLE_REDUCE_VAR,
  * ENABLE_REDUCE_LOGICAL, ENABLE_REDUCE_COUNT_NONZERO.
  *
  * A program placed ahead of this text may define REDUCE_MAP(N, v) (input
@@ -137,6 +137,18 @@
 
 #define STORE_ONE(v, p) VSTORE(DTYPE_OUT, 1, CONVERT(DTYPE_OUT, 1, v), p)
 
+/* Column variants: one item per vector of kept columns. Vectors are shifted
+ * back so the last one ends at the row's end (the first overlaps the second);
+ * items past the `mult_of_vector_size_x` vectors repeat the last one and
+ * store nothing. */
+#define COLUMN_ITEM() min((int)get_global_id(0), mult_of_vector_size_x - 1)
+#if VEC_SIZE_LEFTOVER == 0
+#define COLUMN_OFFSET() (COLUMN_ITEM() * VEC_SIZE)
+#else
+#define COLUMN_OFFSET() VEC_OFFSET(COLUMN_ITEM(), VEC_SIZE, VEC_SIZE_LEFTOVER)
+#endif
+#define COLUMN_STORES() ((int)get_global_id(0) < mult_of_vector_size_x)
+
 #if defined(MAKE_CONTIGUOUS)
 /* Only the copy at the end of this text. */
 
@@ -206,14 +218,60 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_
   if (lid == 0) STORE_ONE(GROUP_RESULT(), TENSOR1D_PTR(dst, DTYPE_OUT, y));
 }
 
+#elif defined(REDUCE_SPLIT_COLUMNS)
+/* Column folds for devices that are not the host CPU, on an (outer x height x
+ * run) view: neighbouring items read neighbouring columns, and the reduced
+ * rows are split into chunks of `rows` so that many groups share a column.
+ * Pass one: item (column vector, z * splits + s) folds chunk s of slice z into
+ * partial[z][s][col] (accumulator type; for variance the sums of squares
+ * follow in a second plane of `plane` elements). */
+__kernel void reduce_split_partial(DECL_TENSOR3D(src), __global ACCUM_DTYPE* partial, int height,
+                                   int rows, int splits, int run, long plane,
+                                   int mult_of_vector_size_x) {
+  const int col = COLUMN_OFFSET();
+  const int zs = get_global_id(1);
+  const int z = zs / splits;
+  const int r0 = (zs - z * splits) * rows;
+  const int r1 = min(height, r0 + rows);
+  ACC_DECL(VEC_SIZE);
+  for (int r = r0; r < r1; ++r) ACC_ADD(LOAD_VEC(TENSOR3D_PTR(src, DTYPE, col, r, z)));
+  if (!COLUMN_STORES()) return;
+  __global ACCUM_DTYPE* q = partial + (long)zs * run + col;
+  NERVA_STOREN(VEC_SIZE, acc, q);
+#ifdef ENABLE_REDUCE_VAR
+  NERVA_STOREN(VEC_SIZE, acc2, q + plane);
+#endif
+}
+
+/* Pass two: item (column vector, z) merges the `splits` partials of its
+ * columns and writes the result. */
+__kernel void reduce_split_merge(__global const ACCUM_DTYPE* partial, DECL_TENSOR2D(dst),
+                                 float based_coeff, float inv_reduction_size, int splits, int run,
+                                 long plane, int mult_of_vector_size_x) {
+  const int col = COLUMN_OFFSET();
+  const int z = get_global_id(1);
+  __global const ACCUM_DTYPE* p = partial + (long)z * splits * run + col;
+  ACC_VEC acc = NERVA_LOADN(VEC_SIZE, p);
+#ifdef ENABLE_REDUCE_VAR
+  ACC_VEC acc2 = NERVA_LOADN(VEC_SIZE, p + plane);
+#endif
+  for (int s = 1; s < splits; ++s) {
+    acc = COMBINE(acc, NERVA_LOADN(VEC_SIZE, p + (long)s * run));
+#ifdef ENABLE_REDUCE_VAR
+    acc2 += NERVA_LOADN(VEC_SIZE, p + plane + (long)s * run);
+#endif
+  }
+  if (!COLUMN_STORES()) return;
+  const DECL_VEC_TYPE(DTYPE_OUT, VEC_SIZE) res =
+      CONVERT(DTYPE_OUT, VEC_SIZE, REDUCE_FINISH(VEC_SIZE, acc, ACC_SQUARES));
+  VSTORE(DTYPE_OUT, VEC_SIZE, res, TENSOR2D_PTR(dst, DTYPE_OUT, col, z));
+}
+
 #else /* REDUCE_ON_COL, REDUCE_ON_3DY */
-/* One item per vector of kept columns: walks the `height` reduced rows of
- * the slice at column element `col`. Vectors are shifted back so the last one
- * ends at the row's end (the first overlaps the second). Groups of BLOCK_SIZE
- * items (the global size rounded up; items past the `mult_of_vector_size_x`
- * vectors repeat the last one and store nothing) meet at a barrier after
- * every COLUMN_ROWS rows: where a group's items run one after the other (CPU
- * devices), they then take turns on the same rows while these are cached. */
+/* One item per vector of kept columns walks the `height` reduced rows of the
+ * slice at column element `col`. Groups of BLOCK_SIZE items meet at a barrier
+ * after every COLUMN_ROWS rows: where a group's items run one after the other
+ * (CPU devices), they then take turns on the same rows while these are cached. */
 #define COLUMN_ROWS 32
 #define COLUMN_FOLD(rows_ptr)                                                  \
   ACC_DECL(VEC_SIZE);                                                        \
@@ -224,14 +282,6 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_
   }                                                                          \
   const DECL_VEC_TYPE(DTYPE_OUT, VEC_SIZE) res =                             \
       CONVERT(DTYPE_OUT, VEC_SIZE, REDUCE_FINISH(VEC_SIZE, acc, ACC_SQUARES));
-
-#define COLUMN_ITEM() min((int)get_global_id(0), mult_of_vector_size_x - 1)
-#if VEC_SIZE_LEFTOVER == 0
-#define COLUMN_OFFSET() (COLUMN_ITEM() * VEC_SIZE)
-#else
-#define COLUMN_OFFSET() VEC_OFFSET(COLUMN_ITEM(), VEC_SIZE, VEC_SIZE_LEFTOVER)
-#endif
-#define COLUMN_STORES() ((int)get_global_id(0) < mult_of_vector_size_x)
 
 #if defined(REDUCE_ON_COL)
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void reduce_on_col(DECL_TENSOR2D(src), DECL_TENSOR1D(dst), float based_coeff,

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "nerva/kernel/reduce_option.h"
+#include "nerva/platform/cl/kernel/reduce/reduce_util.h"
 #include "nerva/platform/cl/kernel_impl.h"
 #include "nerva/platform/cl/program.h"
 
@@ -31,6 +32,13 @@ struct ReducePlan {
 bool PlanReduce(const std::vector<long>& sizes, const std::vector<int>& axes, bool global_ok,
                 ReducePlan* plan);
 
+// The second pass of a split column sum, for kernels that fold columns in
+// chunks of rows themselves (the normalisation gradients): appends to
+// `kernel` the Reduce program's merge, which sums `partial`, float sums laid
+// out [splits][run], into `out` (run contiguous elements, float or half).
+void AppendSplitColumnSum(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                          const Buffer& partial, long splits, long run, const Tensor& out);
+
 // torch.amax/amin/sum/mean/var/prod/all/any/count_nonzero over a set of axes ("Reduce").
 // The kind sets OP, ACCUM_DTYPE and INIT of "reduce.cl"; the axes pick the
 // variant: two-pass global, row, column, middle axis or [0,2]/[0,2,3].
@@ -42,6 +50,11 @@ class ReduceKernel : public KernelImpl {
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;
   void CompileGlobalReduce(std::shared_ptr<SessionImpl> session);
+  // Column and middle-axis folds on devices that are not the host CPU: the
+  // reduced rows split over many groups, partials merged by a second pass.
+  void CompileSplitColumns(std::shared_ptr<SessionImpl> session, const ReducePlan& plan,
+                           const ColumnSplit& split, BuildOption options, float based_coeff,
+                           float inv_reduction_size);
 
   // The device OP word of the kind; the accumulation type and start value of
   // the kind for input `type`. Each throws for a kind outside 0..8.

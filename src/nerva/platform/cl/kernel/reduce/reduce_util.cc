@@ -165,6 +165,17 @@ Tensor MakeContiguous(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& se
   return copy;
 }
 
+ColumnSplit SplitColumns(const SessionImpl& session, long items, long height) {
+  constexpr long kItemsPerUnit = 2048, kMinRows = 32;
+  const long target = static_cast<long>(session.compute_units()) * kItemsPerUnit;
+  const long wanted = (target + std::max(items, 1L) - 1) / std::max(items, 1L);
+  ColumnSplit split;
+  split.splits = std::max(1L, std::min(wanted, height / kMinRows));
+  split.rows = (height + split.splits - 1) / split.splits;
+  split.splits = split.rows ? (height + split.rows - 1) / split.rows : 1;
+  return split;
+}
+
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes) {
   std::shared_ptr<ISessionImpl> base = session;
   MemoryFlags flags = kMemReadWrite;

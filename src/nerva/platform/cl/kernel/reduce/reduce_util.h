@@ -77,6 +77,18 @@ inline cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const LongVector8&
 Tensor MakeContiguous(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
                       const Tensor& tensor);
 
+// A fold of `height` reduced rows per kept column, split for devices that are
+// not the host CPU: `splits` chunks of `rows` rows each (the last may be
+// shorter), each folded by its own work items into a partial result that a
+// second pass merges. Enough chunks to give about 2048 items per compute unit
+// from `items` column items, each chunk at least 32 rows; one chunk (no
+// split) when that leaves fewer than two.
+struct ColumnSplit {
+  long splits = 1;
+  long rows = 1;
+};
+ColumnSplit SplitColumns(const SessionImpl& session, long items, long height);
+
 // Device memory of `bytes` bytes for a kernel's intermediate results.
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes);
 
