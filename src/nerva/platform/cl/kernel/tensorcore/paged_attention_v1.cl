@@ -24,10 +24,6 @@
 #error: Missing BLOCK_TOKENS
 #endif
 
-#define TC_BITS TC_BITS_TYPE(DTYPE_SIZE)
-#define TC_LOCAL(type, name, count) \
-  __local type name[TC_ALIGN_UP((count) * sizeof(type), LS_ALIGN_SIZE) / sizeof(type)] \
-      __attribute__((aligned(LS_ALIGN_SIZE)))
 /* Output elements (GQ heads x HEAD_DIM) each work-item accumulates. */
 #define ACC_N ((GQ * HEAD_DIM + BLOCK_SIZE - 1) / BLOCK_SIZE)
 

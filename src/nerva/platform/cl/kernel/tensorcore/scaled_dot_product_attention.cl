@@ -28,10 +28,6 @@
 #error: Missing BK
 #endif
 
-#define TC_BITS TC_BITS_TYPE(DTYPE_SIZE)
-#define TC_LOCAL(type, name, count) \
-  __local type name[TC_ALIGN_UP((count) * sizeof(type), LS_ALIGN_SIZE) / sizeof(type)] \
-      __attribute__((aligned(LS_ALIGN_SIZE)))
 /* Output elements of the query tile each work-item accumulates. */
 #define ACC_N ((BQ * VALUE_DIM + BLOCK_SIZE - 1) / BLOCK_SIZE)
 

@@ -28,10 +28,6 @@
 #error: Missing BK
 #endif
 
-#define TC_BITS TC_BITS_TYPE(DTYPE_SIZE)
-#define TC_LOCAL(type, name, count) \
-  __local type name[TC_ALIGN_UP((count) * sizeof(type), LS_ALIGN_SIZE) / sizeof(type)] \
-      __attribute__((aligned(LS_ALIGN_SIZE)))
 #define TC_FRAG_LOCAL(dtype, rows, cols, size, p) \
   TC_WRAP_FRAGMENT_2D(TC_SPACE_SPEC_LOCAL, dtype, rows, cols, (cols) * (size), p)
 #define TC_FRAG_GLOBAL(rows, cols, p) \

@@ -41,6 +41,13 @@
 #define VEC_SIZE 4
 #endif
 
+/* Raw bits of one DTYPE element (programs define DTYPE_SIZE). */
+#define TC_BITS TC_BITS_TYPE(DTYPE_SIZE)
+/* A local array of `count` elements, padded and aligned for the tensor unit. */
+#define TC_LOCAL(type, name, count)                                                      \
+  __local type name[TC_ALIGN_UP((count) * sizeof(type), LS_ALIGN_SIZE) / sizeof(type)] \
+      __attribute__((aligned(LS_ALIGN_SIZE)))
+
 #define TC_KERNEL_ATTRIBUTES                                  \
   __attribute__((nrv_max_local_size_per_cu(MAX_LS_SIZE))) \
   __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1)))
