@@ -76,14 +76,15 @@ void RunTcPaged(const TcPagedCase& c, unsigned seed) {
       }
       for (long e = 0; e < c.size && sum > 0; ++e) want[(s * c.heads + h) * c.size + e] /= sum;
     }
-  Tensor query = TcUploadAs(q, qs, c.type), key = TcUploadAs(kc, cs, c.type);
-  Tensor value = TcUploadAs(vc, cs, c.type);
-  Tensor tables = TcUploadAs(table, {seqs, max_blocks}, c.index);
-  Tensor seq_lens = TcUploadAs(lens, {seqs}, c.index);
+  Tensor query = TcTarget().Upload(q, qs, c.type), key = TcTarget().Upload(kc, cs, c.type);
+  Tensor value = TcTarget().Upload(vc, cs, c.type);
+  Tensor tables = TcTarget().Upload(table, {seqs, max_blocks}, c.index);
+  Tensor seq_lens = TcTarget().Upload(lens, {seqs}, c.index);
   const bool half = c.type == kHalf;
   const double abs = half ? 4e-3 : 2e-5, rel = half ? 4e-3 : 1e-4;
 
-  Tensor out1 = TcOutput(qs, c.type), logits = TcOutput({seqs, c.heads, max_len}, kFloat);
+  Tensor out1 = TcTarget().Output(qs, c.type),
+         logits = TcTarget().Output({seqs, c.heads, max_len}, kFloat);
   PagedAttentionV1Option o1{static_cast<int>(c.kv_heads), static_cast<float>(scale),
                             static_cast<int>(c.block_size), static_cast<int>(max_len)};
   const Kernel k1 = PagedAttentionV1::Create(
@@ -92,9 +93,9 @@ void RunTcPaged(const TcPagedCase& c, unsigned seed) {
       out1.option(), out1.storage(), logits.option(), logits.storage());
   ASSERT_EQ(UnitNames(k1), std::vector<std::string>{"paged_attention_v1_tensorcore"});
   TcQueue().Enqueue(k1);
-  const std::vector<double> got1 = TcDownloadAs(out1);
+  const std::vector<double> got1 = TcTarget().Download(out1);
   ExpectClose(got1, want, abs, rel, "v1 out");
-  const std::vector<double> got_logits = TcDownloadAs(logits);
+  const std::vector<double> got_logits = TcTarget().Download(logits);
   for (long s = 0; s < seqs; ++s)
     for (long h = 0; h < c.heads; ++h)
       for (long t = 0; t < used[s]; ++t) {
@@ -107,10 +108,10 @@ void RunTcPaged(const TcPagedCase& c, unsigned seed) {
       }
 
   const long parts = (max_len + c.partition - 1) / c.partition;
-  Tensor out2 = TcOutput(qs, c.type);
-  Tensor sums = TcOutput({seqs, c.heads, parts}, kFloat);
-  Tensor maxes = TcOutput({seqs, c.heads, parts}, kFloat);
-  Tensor tmp = TcOutput({seqs, c.heads, parts, c.size}, kFloat);
+  Tensor out2 = TcTarget().Output(qs, c.type);
+  Tensor sums = TcTarget().Output({seqs, c.heads, parts}, kFloat);
+  Tensor maxes = TcTarget().Output({seqs, c.heads, parts}, kFloat);
+  Tensor tmp = TcTarget().Output({seqs, c.heads, parts, c.size}, kFloat);
   PagedAttentionV2Option o2{static_cast<int>(c.kv_heads), static_cast<float>(scale),
                             static_cast<int>(c.block_size), static_cast<int>(max_len), c.partition};
   const Kernel k2 = PagedAttentionV2::Create(
@@ -121,7 +122,7 @@ void RunTcPaged(const TcPagedCase& c, unsigned seed) {
   ASSERT_EQ(UnitNames(k2), (std::vector<std::string>{"paged_attention_v2_tensorcore",
                                                      "paged_attention_v2_reduce_tensorcore"}));
   TcQueue().Enqueue(k2);
-  const std::vector<double> got2 = TcDownloadAs(out2);
+  const std::vector<double> got2 = TcTarget().Download(out2);
   ExpectClose(got2, want, abs, rel, "v2 out");
   ExpectClose(got2, got1, abs, rel, "v2 against v1");
 }

@@ -31,16 +31,17 @@ void RunTcBackward(const TcBwdCase& c, unsigned seed) {
   const std::vector<double> k = RoundTrip(RandomValues(Count(ks), -1, 1, seed + 1), t);
   const std::vector<double> v = RoundTrip(RandomValues(Count(ks), -1, 1, seed + 2), t);
   const std::vector<double> go = RoundTrip(RandomValues(Count(qs), -1, 1, seed + 3), t);
-  Tensor query = TcUploadAs(q, qs, t), key = TcUploadAs(k, ks, t), value = TcUploadAs(v, ks, t);
-  Tensor dout = TcUploadAs(go, qs, t);
+  Tensor query = TcTarget().Upload(q, qs, t), key = TcTarget().Upload(k, ks, t),
+         value = TcTarget().Upload(v, ks, t);
+  Tensor dout = TcTarget().Upload(go, qs, t);
   ScaledDotProductAttentionOption fwd;
   fwd.is_causal = c.causal;
   fwd.enable_gqa = c.H != c.Hk;
   fwd.dropout_p = c.dropout;
   fwd.use_seed = c.dropout > 0;
   fwd.seed = 77.0f;
-  Tensor out = TcOutput(qs, t), lse = TcOutput({c.B, c.H, c.L}, kFloat);
-  Tensor weights = TcOutput(scores, t);
+  Tensor out = TcTarget().Output(qs, t), lse = TcTarget().Output({c.B, c.H, c.L}, kFloat);
+  Tensor weights = TcTarget().Output(scores, t);
   const MaybeTensor none = Absent();
   TcQueue().Enqueue(ScaledDotProductAttention::Create(
       TcQueue(), fwd, query.option(), query.storage(), key.option(), key.storage(), value.option(),
@@ -49,7 +50,7 @@ void RunTcBackward(const TcBwdCase& c, unsigned seed) {
   std::vector<double> p, want_lse;
   ref.Softmax(q, k, &p, &want_lse);
   if (c.dropout > 0) {
-    const std::vector<double> w = TcDownloadAs(weights);
+    const std::vector<double> w = TcTarget().Download(weights);
     ref.keep.resize(w.size());
     for (size_t i = 0; i < w.size(); ++i) ref.keep[i] = w[i] != 0 ? 1.0 / (1.0 - c.dropout) : 0.0;
   }
@@ -67,8 +68,9 @@ void RunTcBackward(const TcBwdCase& c, unsigned seed) {
           want_delta[ref.Q(b, h, i)] += p[idx] * ref.Keep(idx) * g;
         }
 
-  Tensor gq = TcOutput(qs, t), gk = TcOutput(ks, t), gv = TcOutput(ks, t);
-  Tensor delta = TcOutput({c.B, c.H, c.L}, kFloat);
+  Tensor gq = TcTarget().Output(qs, t), gk = TcTarget().Output(ks, t),
+         gv = TcTarget().Output(ks, t);
+  Tensor delta = TcTarget().Output({c.B, c.H, c.L}, kFloat);
   ScaledDotProductAttentionBackwardOption option;
   static_cast<ScaledDotProductAttentionOption&>(option) = fwd;
   Buffer nm, nw, ns;
@@ -81,10 +83,10 @@ void RunTcBackward(const TcBwdCase& c, unsigned seed) {
   TcQueue().Enqueue(kernel);
   const bool half = t == kHalf;
   const double abs = half ? 1e-2 : 1e-4, rel = half ? 1e-2 : 1e-3;
-  ExpectClose(TcDownloadAs(gq), dq, abs, rel, "grad_query");
-  ExpectClose(TcDownloadAs(gk), dk, abs, rel, "grad_key");
-  ExpectClose(TcDownloadAs(gv), dv, abs, rel, "grad_value");
-  ExpectClose(TcDownloadAs(delta), want_delta, abs, rel, "delta");
+  ExpectClose(TcTarget().Download(gq), dq, abs, rel, "grad_query");
+  ExpectClose(TcTarget().Download(gk), dk, abs, rel, "grad_key");
+  ExpectClose(TcTarget().Download(gv), dv, abs, rel, "grad_value");
+  ExpectClose(TcTarget().Download(delta), want_delta, abs, rel, "delta");
 }
 
 TEST(ClTcSdpaBackwardTest, FromLogsumexp) {
@@ -104,9 +106,10 @@ TEST(ClTcSdpaBackwardTest, HalfAndDropout) {
 // The score gradients are written by the generic program alone.
 TEST(ClTcSdpaBackwardTest, ScoreOutputsKeepGenericProgram) {
   const std::vector<long> qs{1, 1, 3, 64}, scores{1, 1, 3, 3};
-  Tensor x = TcOutput(qs, kFloat), lse = TcOutput({1, 1, 3}, kFloat);
-  Tensor gq = TcOutput(qs, kFloat), gk = TcOutput(qs, kFloat), gv = TcOutput(qs, kFloat);
-  Tensor gs = TcOutput(scores, kFloat);
+  Tensor x = TcTarget().Output(qs, kFloat), lse = TcTarget().Output({1, 1, 3}, kFloat);
+  Tensor gq = TcTarget().Output(qs, kFloat), gk = TcTarget().Output(qs, kFloat),
+         gv = TcTarget().Output(qs, kFloat);
+  Tensor gs = TcTarget().Output(scores, kFloat);
   const MaybeTensor none = Absent();
   Buffer nm, nw, nd;
   ScaledDotProductAttentionBackwardOption option;

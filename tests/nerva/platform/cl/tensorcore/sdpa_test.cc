@@ -11,88 +11,9 @@ namespace cl {
 namespace testing {
 namespace {
 
-enum class Mask { kNone, kBool, kFloat, kHalf };
-
-struct TcSdpaCase {
-  long B, H, Hk, L, S, E, Ev;
-  Mask mask = Mask::kNone;
-  std::vector<long> mask_sizes = {};  // broadcasting to [B, H, L, S]
-  bool causal = false;
-  DataType type = kFloat;
-  bool weights = false;
-  bool transposed = false;  // query given as a [B, L, H, E] buffer seen as [B, H, L, E]
-};
-
-DataType MaskType(Mask mask) {
-  return mask == Mask::kBool ? kBool : mask == Mask::kHalf ? kHalf : kFloat;
-}
-
-void RunTcSdpa(const TcSdpaCase& c, unsigned seed) {
-  SCOPED_TRACE(StrCat("B ", c.B, " H ", c.H, "/", c.Hk, " L ", c.L, " S ", c.S, " E ", c.E,
-                      " mask ", static_cast<int>(c.mask), " causal ", c.causal, " type ", c.type));
-  HostAttention ref{c.B, c.H, c.Hk, c.L, c.S, c.E, c.Ev};
-  ref.scale = 1.0 / std::sqrt(static_cast<double>(c.E));
-  ref.causal = c.causal;
-  const std::vector<double> q = RoundTrip(RandomValues(c.B * c.H * c.L * c.E, -1, 1, seed), c.type);
-  const std::vector<double> k =
-      RoundTrip(RandomValues(c.B * c.Hk * c.S * c.E, -1, 1, seed + 1), c.type);
-  const std::vector<double> v =
-      RoundTrip(RandomValues(c.B * c.Hk * c.S * c.Ev, -1, 1, seed + 2), c.type);
-  Tensor query;
-  if (c.transposed) {
-    std::vector<double> t(q.size());
-    for (long b = 0; b < c.B; ++b)
-      for (long h = 0; h < c.H; ++h)
-        for (long i = 0; i < c.L; ++i)
-          for (long e = 0; e < c.E; ++e)
-            t[((b * c.L + i) * c.H + h) * c.E + e] = q[((b * c.H + h) * c.L + i) * c.E + e];
-    query = TcUploadAs(t, {c.B, c.L, c.H, c.E}, c.type)
-                .AsStrided({c.B, c.H, c.L, c.E}, {c.L * c.H * c.E, c.E, c.H * c.E, 1}, 0);
-  } else {
-    query = TcUploadAs(q, {c.B, c.H, c.L, c.E}, c.type);
-  }
-  Tensor key = TcUploadAs(k, {c.B, c.Hk, c.S, c.E}, c.type);
-  Tensor value = TcUploadAs(v, {c.B, c.Hk, c.S, c.Ev}, c.type);
-  MaybeTensor mask = Absent();
-  if (c.mask != Mask::kNone) {
-    std::vector<double> m = RandomValues(Count(c.mask_sizes), -2, 2, seed + 3);
-    if (c.mask == Mask::kBool) {
-      for (size_t i = 0; i < m.size(); ++i) m[i] = (m[i] > -1.2 || i % c.S == 0) ? 1 : 0;
-    }
-    m = RoundTrip(m, MaskType(c.mask));
-    mask = Present(TcUploadAs(m, c.mask_sizes, MaskType(c.mask)));
-    // The mask's broadcast to [B, H, L, S] as an additive bias.
-    const std::vector<long> full{c.B, c.H, c.L, c.S};
-    ref.bias.resize(Count(full));
-    const size_t off = 4 - c.mask_sizes.size();
-    for (long f = 0; f < Count(full); ++f) {
-      const std::vector<long> idx = Unflatten(f, full);
-      std::vector<long> mi(c.mask_sizes.size());
-      for (size_t a = 0; a < mi.size(); ++a) mi[a] = c.mask_sizes[a] == 1 ? 0 : idx[a + off];
-      const double x = m[Flatten(mi, c.mask_sizes)];
-      ref.bias[f] = c.mask == Mask::kBool ? (x != 0 ? 0.0 : -INFINITY) : x;
-    }
-  }
-  Tensor out = TcOutput({c.B, c.H, c.L, c.Ev}, c.type);
-  Tensor lse = TcOutput({c.B, c.H, c.L}, kFloat);
-  Tensor weights = TcOutput({c.B, c.H, c.L, c.S}, c.type);
-  const MaybeTensor w = c.weights ? Present(weights) : Absent();
-  ScaledDotProductAttentionOption option;
-  option.is_causal = c.causal;
-  option.enable_gqa = c.H != c.Hk;
-  Buffer wb = w.buffer;
-  const Kernel kernel = ScaledDotProductAttention::Create(
-      TcQueue(), option, query.option(), query.storage(), key.option(), key.storage(),
-      value.option(), value.storage(), mask.option, mask.buffer, out.option(), out.storage(),
-      lse.option(), lse.storage(), w.option, wb);
-  ASSERT_TRUE(Runs(kernel, "sdpa_forward_tensorcore"));
-  TcQueue().Enqueue(kernel);
-  std::vector<double> p, want_lse;
-  ref.Softmax(q, k, &p, &want_lse);
-  const bool half = c.type == kHalf;
-  ExpectClose(TcDownloadAs(out), ref.Output(p, v), half ? 4e-3 : 2e-5, half ? 4e-3 : 1e-4, "out");
-  ExpectClose(TcDownloadAs(lse), want_lse, half ? 2e-3 : 2e-5, 1e-5, "logsumexp");
-  if (c.weights) ExpectClose(TcDownloadAs(weights), p, half ? 1e-3 : 1e-6, 1e-3, "attn_weights");
+// The emulating session, whose forward must take the tensor-core program.
+void RunTcSdpa(const SdpaCase& c, unsigned seed) {
+  RunSdpa(c, seed, TcTarget(), "sdpa_forward_tensorcore");
 }
 
 TEST(ClTcSdpaTest, LengthsAndHeadSizes) {
@@ -133,10 +54,10 @@ TEST(ClTcSdpaTest, DropoutMatchesGenericProgram) {
   std::vector<std::vector<double>> results;
   for (bool tc : {true, false}) {
     auto up = [&](const std::vector<double>& x, std::vector<long> sizes) {
-      return tc ? TcUploadAs(x, sizes, kFloat) : UploadAs(x, sizes, kFloat);
+      return tc ? TcTarget().Upload(x, sizes, kFloat) : UploadAs(x, sizes, kFloat);
     };
     auto output = [&](std::vector<long> sizes) {
-      return tc ? TcOutput(sizes, kFloat) : MakeOutput(sizes, kFloat);
+      return tc ? TcTarget().Output(sizes, kFloat) : MakeOutput(sizes, kFloat);
     };
     Queue& queue = tc ? TcQueue() : TestQueue();
     Tensor query = up(q, {B, H, L, E}), key = up(k, {B, H, S, E}), value = up(v, {B, H, S, E});
@@ -149,8 +70,8 @@ TEST(ClTcSdpaTest, DropoutMatchesGenericProgram) {
         lse.storage(), weights.option(), wb);
     EXPECT_EQ(Runs(kernel, "sdpa_forward_tensorcore"), tc);
     queue.Enqueue(kernel);
-    results.push_back(tc ? TcDownloadAs(weights) : DownloadAs(weights));
-    results.push_back(tc ? TcDownloadAs(out) : DownloadAs(out));
+    results.push_back(tc ? TcTarget().Download(weights) : DownloadAs(weights));
+    results.push_back(tc ? TcTarget().Download(out) : DownloadAs(out));
   }
   long dropped = 0;
   for (double x : results[0]) dropped += x == 0.0;
