@@ -159,6 +159,33 @@ TEST(ClClassLossTest, LabelSmoothingHalfAndAllIgnored) {
   RunClassCase({{4, 3}, false, -100, 1, 0.1f}, true, LossReduction::kMean, seed++);
 }
 
+// Long rows are read once with a running maximum: rows whose maximum keeps growing,
+// masked (-inf) classes ahead of and among the finite ones, on both device classes.
+TEST(ClClassLossTest, LongRowsRescaleAndMaskedClasses) {
+  const long rows = 3, classes = 1000;
+  std::vector<double> x = RandomValues(rows * classes, -3, 3, 2300);
+  for (long k = 0; k < classes; ++k) x[k] = 0.01 * k;
+  for (long k = 0; k < 600; ++k) x[classes + k] = -INFINITY;
+  for (long k = 0; k < classes; k += 7) x[2 * classes + k] = -INFINITY;
+  const std::vector<double> target = {999, 700, 500};
+  std::vector<double> want(rows);
+  for (long i = 0; i < rows; ++i) {
+    double m = -INFINITY, sum = 0;
+    for (long k = 0; k < classes; ++k) m = std::max(m, x[i * classes + k]);
+    for (long k = 0; k < classes; ++k) sum += std::exp(x[i * classes + k] - m);
+    want[i] = m + std::log(sum) - x[i * classes + static_cast<long>(target[i])];
+  }
+  for (bool gpu : {false, true}) {
+    const GpuPathsForTesting paths(gpu);
+    Tensor xt = UploadAs(x, {rows, classes}, kFloat), t = UploadAs(target, {rows}, kInt64);
+    Tensor out = MakeOutput({rows}, kFloat);
+    TestQueue().Enqueue(CrossEntropyLoss::Create(
+        TestQueue(), CrossEntropyLossOption{LossReduction::kNone}, xt.option(), xt.storage(),
+        t.option(), t.storage(), out.option(), out.storage()));
+    ExpectClose(DownloadAs(out), want, kFloat);
+  }
+}
+
 TEST(ClClassLossTest, OutOfRangeTargetsGiveNaN) {
   Tensor x = UploadAs(RandomValues(12, -1, 1, 5), {4, 3}, kFloat);
   Tensor t = UploadAs({0, 3, -7, 2}, {4}, kInt64);

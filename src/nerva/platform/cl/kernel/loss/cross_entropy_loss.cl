@@ -56,6 +56,14 @@ LOSS_FORWARD_KERNELS
   ce_a[d] += ce_a[s];     \
   ce_b[d] += ce_b[s];     \
   ce_c[d] += ce_c[s];
+/* Merges running (maximum, sum of exponentials) pairs: ce_a holds maxima, ce_b sums. */
+#define CE_RESCALED(m, s, to) ((m) == -INFINITY ? 0.0f : (s) * exp((m) - (to)))
+#define CE_LSE_STEP(d, s)                                           \
+  {                                                                 \
+    const float to = fmax(ce_a[d], ce_a[s]);                        \
+    ce_b[d] = CE_RESCALED(ce_a[d], ce_b[d], to) + CE_RESCALED(ce_a[s], ce_b[s], to); \
+    ce_a[d] = to;                                                   \
+  }
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
     __global float* part, int store_out LOSS_TENSOR(out) LOSS_PARAMS) {
   const long i = get_group_id(0);
@@ -65,22 +73,44 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
   const long base = (i / inner) * classes * inner + i % inner;
   const long len = skip ? 0 : classes;
   __local float ce_a[BLOCK_SIZE], ce_b[BLOCK_SIZE], ce_c[BLOCK_SIZE];
-  /* A contiguous row without smoothing is read CE_VEC elements at a time, so
-   * that the exponentials run on vectors; the rest one at a time. */
+  /* A contiguous row without smoothing is read once, CE_VEC elements at a time:
+   * each item keeps a running maximum and rescales its sum when the maximum
+   * grows. Other rows take one pass for the maximum and one for the sums. */
   __global const DTYPE* row = LOSS_PTR(DTYPE, x_ptr, x_off) + base;
   const int vec = inner == 1 && smoothing == 0.0f;
-  const long vlen = vec ? len / CE_VEC : 0;
-  const long tail = vlen * CE_VEC;
-  CE_VT mv = (CE_VT)(-INFINITY);
-  FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { mv = fmax(mv, VLOAD(DTYPE, CE_VEC, row + k * CE_VEC)); }
-  float m = LANE_FOLD(4, fmax(mv.lo, mv.hi), fmax);
-  for (long k = tail + lid; k < len; k += BLOCK_SIZE) m = fmax(m, LOSS_LOAD(x, base + k * inner));
-  ce_a[lid] = m;
-  GROUP_TREE_REDUCE(lid, CE_MAX_STEP)
-  m = ce_a[0];
-  barrier(CLK_LOCAL_MEM_FENCE);
-  float s = 0.0f, wx = 0.0f, ws = 0.0f;
-  if (smoothing != 0.0f) {
+  float m = -INFINITY, s = 0.0f, wx = 0.0f, ws = 0.0f;
+  if (vec) {
+    const long vlen = len / CE_VEC;
+    CE_VT sv = (CE_VT)(0.0f);
+    FOR_SHARE(k, lid, vlen, BLOCK_SIZE) {
+      const CE_VT v = VLOAD(DTYPE, CE_VEC, row + k * CE_VEC);
+      const float vm = LANE_FOLD(4, fmax(v.lo, v.hi), fmax);
+      if (vm > m) {
+        sv *= exp(m - vm);
+        m = vm;
+      }
+      if (m != -INFINITY) sv += exp(v - m);
+    }
+    s = LANE_SUM(4, sv.lo + sv.hi);
+    for (long k = vlen * CE_VEC + lid; k < len; k += BLOCK_SIZE) {
+      const float v = LOSS_LOAD(x, base + k);
+      if (v > m) {
+        s *= exp(m - v);
+        m = v;
+      }
+      if (m != -INFINITY) s += exp(v - m);
+    }
+    ce_a[lid] = m;
+    ce_b[lid] = s;
+    GROUP_TREE_REDUCE(lid, CE_LSE_STEP)
+    m = ce_a[0];
+    s = ce_b[0];
+  } else {
+    for (long k = lid; k < len; k += BLOCK_SIZE) m = fmax(m, LOSS_LOAD(x, base + k * inner));
+    ce_a[lid] = m;
+    GROUP_TREE_REDUCE(lid, CE_MAX_STEP)
+    m = ce_a[0];
+    barrier(CLK_LOCAL_MEM_FENCE);
     FOR_SHARE(k, lid, len, BLOCK_SIZE) {
       const float v = LOSS_LOAD(x, base + k * inner);
       const float wk = LOSS_WEIGHT(k);
@@ -88,26 +118,24 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
       wx += wk * v;
       ws += wk;
     }
-  } else {
-    CE_VT sv = (CE_VT)(0.0f);
-    FOR_SHARE(k, lid, vlen, BLOCK_SIZE) { sv += exp(VLOAD(DTYPE, CE_VEC, row + k * CE_VEC) - m); }
-    s = LANE_SUM(4, sv.lo + sv.hi);
-    for (long k = tail + lid; k < len; k += BLOCK_SIZE) s += exp(LOSS_LOAD(x, base + k * inner) - m);
+    ce_a[lid] = s;
+    ce_b[lid] = wx;
+    ce_c[lid] = ws;
+    GROUP_TREE_REDUCE(lid, CE_SUM_STEP)
+    s = ce_a[0];
+    wx = ce_b[0];
+    ws = ce_c[0];
   }
-  ce_a[lid] = s;
-  ce_b[lid] = wx;
-  ce_c[lid] = ws;
-  GROUP_TREE_REDUCE(lid, CE_SUM_STEP)
   if (lid != 0) return;
   float loss, weight;
   if (skip) {
     loss = weight = c == ignore_index ? 0.0f : NAN;
   } else {
-    const float lse = m + log(ce_a[0]);
+    const float lse = m + log(s);
     weight = LOSS_WEIGHT(c);
     loss = -weight * (LOSS_LOAD(x, base + c * inner) - lse);
     if (smoothing != 0.0f) {
-      loss = (1.0f - smoothing) * loss - smoothing / (float)classes * (ce_b[0] - ce_c[0] * lse);
+      loss = (1.0f - smoothing) * loss - smoothing / (float)classes * (wx - ws * lse);
     }
   }
   part[2 * i] = loss;
