@@ -66,8 +66,13 @@ void CheckTopK(const TopKCase& c, unsigned seed) {
 
 class TopKTest : public ::testing::TestWithParam<TopKCase> {};
 
+// Both device classes: one item per row where groups run as loops (k <= 32 here),
+// the bitonic whole-row and segment programs of GPUs.
 TEST_P(TopKTest, MatchesHostPartialSort) {
-  CheckTopK(GetParam(), 11);
+  for (bool gpu : {false, true}) {
+    const GpuPathsForTesting paths(gpu);
+    CheckTopK(GetParam(), 11);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(

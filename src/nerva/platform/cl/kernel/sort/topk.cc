@@ -16,6 +16,9 @@ namespace {
 
 constexpr long kWholeRowMaxKeys = 2048;
 constexpr long kSegmentBlock = 512;  // BLOCK_SIZE of the segment programs
+// On devices that run a group's items as a loop, rows with k up to this are
+// searched by one item each, without barriers.
+constexpr long kSelectMaxK = 32;
 
 }  // namespace
 
@@ -104,7 +107,12 @@ void TopKKernel::Compile(std::shared_ptr<SessionImpl> session) {
   size_t group = 0;
   int count = 0;  // num_stages, or the number of segments
   std::string kernel = l.inner == 1 ? "topk_axis0" : "topk_axis1";
-  if (ext <= kWholeRowMaxKeys && static_cast<size_t>(ext / 2) <= max_group) {
+  const bool select = session->host_cpu() && option_.k <= kSelectMaxK;
+  if (select) {
+    group = 1;
+    options.AddOption("-DIS_SELECT").AddDefinitionAutoType("SELECT_K", kSelectMaxK);
+    kernel += "_select";
+  } else if (ext <= kWholeRowMaxKeys && static_cast<size_t>(ext / 2) <= max_group) {
     group = static_cast<size_t>(ext / 2);
     count = BitonicStages(l.length);
     options.AddDefinitionAutoType("LOCAL_SIZE0", static_cast<long>(group));

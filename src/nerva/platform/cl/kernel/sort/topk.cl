@@ -15,6 +15,10 @@
  *   with no key above the current k-th best is skipped); k is at most
  *   BLOCK_SIZE.
  *
+ * - topk_axis0_select / topk_axis1_select (IS_SELECT): one item per row keeps
+ *   the best k <= SELECT_K keys in private memory (devices that run groups as
+ *   loops, where barriers cost most).
+ *
  * - topk_head (TOPK_HEAD): copies the first k entries of rows that the
  *   bitonic sort ordered in full.
  *
@@ -82,7 +86,46 @@ inline void topk_store(const topk_row_t *r, __local const uint *pos, uint i, uin
   }
 }
 
-#ifndef IS_SEGMENT
+#if defined(IS_SELECT)
+/* One item per row keeps its best k keys (k <= SELECT_K) in private memory and
+ * inserts every key above the current k-th: no local memory and no barriers,
+ * for devices that run a group's items as a loop. NaN counts as the largest
+ * value, as torch.topk orders it. */
+inline float topk_select_key(const topk_row_t *r, uint p) {
+  const float key = topk_load_key(r, p);
+#ifdef LARGEST
+  return isnan(key) ? INFINITY : key;
+#else
+  return isnan(key) ? -INFINITY : key;
+#endif
+}
+
+inline void topk_select(const topk_row_t *r, int width, int k) {
+  float keys[SELECT_K];
+  uint pos[SELECT_K];
+  int n = 0;
+  for (int p = 0; p < width; ++p) {
+    const float key = topk_select_key(r, (uint)p);
+    if (n == k && !(key > keys[k - 1])) continue;
+    int j = n < k ? n++ : k - 1;
+    for (; j > 0 && key > keys[j - 1]; --j) {
+      keys[j] = keys[j - 1];
+      pos[j] = pos[j - 1];
+    }
+    keys[j] = key;
+    pos[j] = (uint)p;
+  }
+  for (int j = 0; j < k; ++j) {
+    const IN_REG v = VLOAD(IN_DTYPE, 1, (__global IN_DTYPE *)(r->src + pos[j] * r->src_s));
+    VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (__global OUT_DTYPE *)(r->values + j * r->values_s));
+    *(__global INDICES_DTYPE *)(r->indices + j * r->indices_s) = (INDICES_DTYPE)pos[j];
+  }
+}
+#define TOPK_LOCAL 1
+#define TOPK_EXTRA_LOCAL
+#define TOPK_CALL(r, item) topk_select(&r, width, k)
+#define TOPK_NAME(axis) topk_##axis##_select
+#elif !defined(IS_SEGMENT)
 inline void topk_row(const topk_row_t *r, uint i, int num_stages, int width, int k,
                      __local float *keys, __local uint *pos) {
   const uint hi = i + LOCAL_SIZE0;
