@@ -34,22 +34,8 @@ bool DepthToSpaceKernel::Verify() const {
 
 void DepthToSpaceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (out_.shape().size() == 0) return;
-  const long r = option_.block_size;
-  const size_t c = out_.shape().ndim() - 3;
-  const auto& os = out_.shape().strides();
-  const auto& is = input_.shape().strides();
-  // Both seen as (*, C, H, i, W, j): out row h * r + i, column w * r + j;
-  // input channel c * r * r + i * r + j, row h, column w.
-  std::vector<long> sizes(out_.shape().sizes().begin(), out_.shape().sizes().begin() + c);
-  std::vector<long> out_strides(os.begin(), os.begin() + c);
-  std::vector<long> in_strides(is.begin(), is.begin() + c);
-  const long C = out_.shape().sizes()[c], H = input_.shape().sizes()[c + 1],
-             W = input_.shape().sizes()[c + 2];
-  sizes.insert(sizes.end(), {C, H, r, W, r});
-  out_strides.insert(out_strides.end(),
-                     {os[c], os[c + 1] * r, os[c + 1], os[c + 2] * r, os[c + 2]});
-  in_strides.insert(in_strides.end(), {is[c] * r * r, is[c + 1], is[c] * r, is[c + 2], is[c]});
-  AddMove(session, ViewOf(out_, sizes, out_strides), ViewOf(input_, sizes, in_strides));
+  const auto [deep, spatial] = PixelShuffleViews(input_, out_, option_.block_size, true);
+  AddMove(session, spatial, deep);
 }
 
 NERVA_STATIC_REGISTER {

@@ -92,6 +92,27 @@ Tensor ViewOf(const Tensor& t, const std::vector<long>& sizes, const std::vector
                 t.storage_offset() + offset * static_cast<long>(t.option().item_size()));
 }
 
+std::pair<Tensor, Tensor> PixelShuffleViews(const Tensor& deep, const Tensor& spatial, long r,
+                                            bool spatial_order) {
+  const size_t c = deep.shape().ndim() - 3;
+  const auto& ds = deep.shape().strides();
+  const auto& ss = spatial.shape().strides();
+  std::vector<long> sizes(spatial.shape().sizes().begin(), spatial.shape().sizes().begin() + c);
+  std::vector<long> d_strides(ds.begin(), ds.begin() + c), s_strides(ss.begin(), ss.begin() + c);
+  const long C = spatial.shape().sizes()[c], H = deep.shape().sizes()[c + 1],
+             W = deep.shape().sizes()[c + 2];
+  if (spatial_order) {  // (C, H, i, W, j)
+    sizes.insert(sizes.end(), {C, H, r, W, r});
+    d_strides.insert(d_strides.end(), {ds[c] * r * r, ds[c + 1], ds[c] * r, ds[c + 2], ds[c]});
+    s_strides.insert(s_strides.end(), {ss[c], ss[c + 1] * r, ss[c + 1], ss[c + 2] * r, ss[c + 2]});
+  } else {  // (C, i, j, H, W)
+    sizes.insert(sizes.end(), {C, r, r, H, W});
+    d_strides.insert(d_strides.end(), {ds[c] * r * r, ds[c] * r, ds[c], ds[c + 1], ds[c + 2]});
+    s_strides.insert(s_strides.end(), {ss[c], ss[c + 1], ss[c + 2], ss[c + 1] * r, ss[c + 2] * r});
+  }
+  return {ViewOf(deep, sizes, d_strides), ViewOf(spatial, sizes, s_strides)};
+}
+
 std::string DimsText(const std::vector<long>& sizes) {
   return StrCat(sizes);
 }

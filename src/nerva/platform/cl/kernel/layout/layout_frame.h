@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
@@ -22,6 +23,14 @@ namespace cl {
 // element lies `offset` elements past t's first element.
 Tensor ViewOf(const Tensor& t, const std::vector<long>& sizes, const std::vector<long>& strides,
               long offset = 0);
+
+// The pixel-shuffle correspondence between `deep` (*, C * r * r, H, W) and
+// `spatial` (*, C, H * r, W * r): channel c * r * r + i * r + j, row h, column w
+// of deep is row h * r + i, column w * r + j of spatial. Both come back as views
+// of the same sizes, (*, C, H, i, W, j) when `spatial_order`, else (*, C, i, j,
+// H, W), so that a move walks the written tensor in its own order.
+std::pair<Tensor, Tensor> PixelShuffleViews(const Tensor& deep, const Tensor& spatial, long r,
+                                            bool spatial_order);
 
 // Eight 32-bit lanes of a kernel argument (a uint8 or int8 on the device).
 struct LayoutLanes {

@@ -34,21 +34,8 @@ bool SpaceToDepthKernel::Verify() const {
 
 void SpaceToDepthKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (out_.shape().size() == 0) return;
-  const long r = option_.block_size;
-  const size_t c = out_.shape().ndim() - 3;
-  const auto& os = out_.shape().strides();
-  const auto& is = input_.shape().strides();
-  // Both seen as (*, C, i, j, H, W): out channel c * r * r + i * r + j, row h,
-  // column w; input row h * r + i, column w * r + j.
-  std::vector<long> sizes(out_.shape().sizes().begin(), out_.shape().sizes().begin() + c);
-  std::vector<long> out_strides(os.begin(), os.begin() + c);
-  std::vector<long> in_strides(is.begin(), is.begin() + c);
-  const long C = input_.shape().sizes()[c], H = out_.shape().sizes()[c + 1],
-             W = out_.shape().sizes()[c + 2];
-  sizes.insert(sizes.end(), {C, r, r, H, W});
-  out_strides.insert(out_strides.end(), {os[c] * r * r, os[c] * r, os[c], os[c + 1], os[c + 2]});
-  in_strides.insert(in_strides.end(), {is[c], is[c + 1], is[c + 2], is[c + 1] * r, is[c + 2] * r});
-  AddMove(session, ViewOf(out_, sizes, out_strides), ViewOf(input_, sizes, in_strides));
+  const auto [deep, spatial] = PixelShuffleViews(out_, input_, option_.block_size, false);
+  AddMove(session, deep, spatial);
 }
 
 NERVA_STATIC_REGISTER {
