@@ -111,14 +111,20 @@ void RunSoftmaxCase(const SoftmaxCase& c, unsigned seed) {
 }
 
 TEST(ClSoftmaxTest, InnermostRowsAroundTheOnlineForm) {
-  // 4096 and 8192 take the online form, 4095 and 4097 the three-pass one.
+  // Group forms: 4096 and 8192 take the online form, 4095 and 4097 the
+  // three-pass one. Row form (CPU devices): lengths around its 16-wide vectors.
   unsigned seed = 600;
-  for (long n : {1L, 3L, 7L, 65L, 4095L, 4096L, 4097L, 8192L}) {
-    RunSoftmaxCase({Op::kSoftmax, {3, n}, -1}, seed++);
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "group forms" : "row form");
+    const GpuPathsForTesting paths(gpu);
+    for (long n : {1L, 3L, 7L, 16L, 17L, 65L, 4095L, 4096L, 4097L, 8192L}) {
+      RunSoftmaxCase({Op::kSoftmax, {3, n}, -1}, seed++);
+    }
+    RunSoftmaxCase({Op::kLogSoftmax, {3, 4097}, 1}, seed++);
+    RunSoftmaxCase({Op::kLogSoftmax, {2, 2, 4096}, -1}, seed++);
+    RunSoftmaxCase({Op::kLogSoftmax, {4, 5}, -1}, seed++);
+    RunSoftmaxCase({Op::kSoftmax, {5, 67}, -1, kHalf}, seed++);
   }
-  RunSoftmaxCase({Op::kLogSoftmax, {3, 4097}, 1}, seed++);
-  RunSoftmaxCase({Op::kLogSoftmax, {2, 2, 4096}, -1}, seed++);
-  RunSoftmaxCase({Op::kLogSoftmax, {4, 5}, -1}, seed++);
 }
 
 TEST(ClSoftmaxTest, OtherAxesAndHalf) {
@@ -126,7 +132,6 @@ TEST(ClSoftmaxTest, OtherAxesAndHalf) {
   RunSoftmaxCase({Op::kSoftmax, {3, 7, 5}, 1}, seed++);
   RunSoftmaxCase({Op::kSoftmax, {9, 6}, 0}, seed++);
   RunSoftmaxCase({Op::kLogSoftmax, {3, 7, 5}, 1}, seed++);
-  RunSoftmaxCase({Op::kSoftmax, {5, 67}, -1, kHalf}, seed++);
   RunSoftmaxCase({Op::kSoftmax, {2, 9, 3}, 1, kHalf}, seed++);
 }
 
@@ -147,6 +152,8 @@ TEST(ClSoftmaxTest, RowLengthPicksTheForm) {
     return UnitNames(Softmax::Create(TestQueue(), SoftmaxOption{-1}, x.option(), x.storage(),
                                      x.option(), x.storage()));
   };
+  EXPECT_EQ(unit(4096), std::vector<std::string>{"softmax_x_row"});
+  const GpuPathsForTesting paths;
   EXPECT_EQ(unit(4096), std::vector<std::string>{"softmax_x_online"});
   EXPECT_EQ(unit(4097), std::vector<std::string>{"softmax_x"});
   EXPECT_EQ(unit(4095), std::vector<std::string>{"softmax_x"});

@@ -34,6 +34,11 @@
 #define FOR_SHARE(i, id, count, items) for (int i = (int)(id); i < (int)(count); i += (int)(items))
 #endif
 
+/* Width of the vectors that one work item walks a row with on CPU devices
+ * (a whole AVX-512 register of floats): there one item per row, without
+ * barriers, beats a group tree. */
+#define ROW_VEC 16
+
 /* Halving tree over local arrays of BLOCK_SIZE entries. STEP(dst, src) merges
  * entry src into entry dst of every array the caller keeps. Starts with a
  * barrier (so the caller's stores are visible) and ends with one, so every
@@ -58,6 +63,8 @@
 #define NERVA_LANE_SUM_2(v) dot((v), (float2)(1.0f))
 #define NERVA_LANE_SUM_3(v) dot((v), (float3)(1.0f))
 #define NERVA_LANE_SUM_4(v) dot((v), (float4)(1.0f))
+#define NERVA_LANE_SUM_8(v) NERVA_LANE_SUM_4((v).lo + (v).hi)
+#define NERVA_LANE_SUM_16(v) NERVA_LANE_SUM_8((v).lo + (v).hi)
 
 /* Pairwise fold of N lanes with F, which must accept 2-lane vectors: for four
  * lanes .xy against .zw first, then .x against .y. */
@@ -66,6 +73,8 @@
 #define NERVA_LANE_FOLD_2(v, F) F((v).x, (v).y)
 #define NERVA_LANE_FOLD_3(v, F) F(F((v).x, (v).y), (v).z)
 #define NERVA_LANE_FOLD_4(v, F) NERVA_LANE_FOLD_2(F((v).xy, (v).zw), F)
+#define NERVA_LANE_FOLD_8(v, F) NERVA_LANE_FOLD_4(F((v).lo, (v).hi), F)
+#define NERVA_LANE_FOLD_16(v, F) NERVA_LANE_FOLD_8(F((v).lo, (v).hi), F)
 
 /* 1 or 0 per lane for a lane-wise condition c of N lanes (vector comparisons
  * give -1 for true, scalar ones 1), as an int vector. */

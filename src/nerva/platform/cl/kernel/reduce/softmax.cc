@@ -63,6 +63,16 @@ void SoftmaxKernel::Compile(std::shared_ptr<SessionImpl> session) {
   sources.push_back("softmax.cl");
   const std::string program_name = name() + "::softmax";
 
+  if (innermost && session->host_cpu()) {
+    // One item per row, no barriers: a group's items run one after the other there.
+    const long rows = fold.outer;
+    MakeSubKernel(session, program_name, sources, options, prefix_ + "_x_row")
+        ->SetArgs(ContiguousView(input_, {rows, run}), ContiguousView(output_, {rows, run}),
+                  static_cast<int>(run))
+        .SetGlobal({static_cast<size_t>(rows)})
+        .SetLocal({1});
+    return;
+  }
   if (innermost) {
     const long rows = fold.outer;
     const long vectors = run / vec;

@@ -12,7 +12,10 @@
  * s <- s * exp(m_old - m_new) + exp(x - m_new); the lane sums are rescaled to
  * the group maximum and summed, and a second pass writes. softmax: any other
  * axis; one item per vector of inner columns (and per outer index, global id
- * 2) walks the axis three times.
+ * 2) walks the axis three times. softmax_x_row (CPU devices): one item per
+ * row and no barriers; it walks the row in ROW_VEC-wide vectors after the
+ * leading `length % ROW_VEC` elements, which it takes one by one: maximum,
+ * sum of exponentials, then the write, while the row stays in cache.
  *
  * A program placed ahead of this text may define SOFTMAX_PREFIX (kernel
  * name stem), SOFTMAX_SCALE(sum) (the row constant c), SOFTMAX_FROM_X(x, m, c)
@@ -143,6 +146,33 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
   FOR_SHARE(i, lid, mult_of_vector_size, BLOCK_SIZE) {
     SM_STORE(SOFTMAX_FROM_X(SM_LOAD(p + i * VEC_SIZE), row_max, c), q + i * VEC_SIZE);
   }
+}
+#endif
+
+#ifdef NERVA_HOST_CPU_DEVICE
+#define SM_ROW_LOAD(p) CONVERT(float, ROW_VEC, VLOAD(DTYPE, ROW_VEC, p))
+#define SM_ROW_STORE(v, p) VSTORE(DTYPE_OUT, ROW_VEC, CONVERT(DTYPE_OUT, ROW_VEC, v), p)
+__kernel void NERVA_CAT(SOFTMAX_PREFIX, _x_row)(DECL_TENSOR2D(src), DECL_TENSOR2D(dst),
+                                                int length) {
+  __global const DTYPE* p = TENSOR2D_PTR(src, DTYPE, 0, get_global_id(0));
+  __global DTYPE_OUT* q = TENSOR2D_PTR(dst, DTYPE_OUT, 0, get_global_id(0));
+  const int lead = length % ROW_VEC;
+  __global const DTYPE* pv = p + lead;
+  __global DTYPE_OUT* qv = q + lead;
+  const int vectors = length / ROW_VEC;
+  NERVA_VEC(float, ROW_VEC) mv = -FLT_MAX;
+  for (int i = 0; i < vectors; ++i) mv = fmax(mv, SM_ROW_LOAD(pv + i * ROW_VEC));
+  float row_max = LANE_FOLD(ROW_VEC, mv, SM_FMAX);
+  for (int k = 0; k < lead; ++k) row_max = fmax(row_max, SM_LOAD1(p + k));
+  NERVA_VEC(float, ROW_VEC) sv = 0.0f;
+  for (int i = 0; i < vectors; ++i) sv += NERVA_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
+  float sum = LANE_SUM(ROW_VEC, sv);
+  for (int k = 0; k < lead; ++k) sum += NERVA_EXP(SM_LOAD1(p + k) - row_max);
+  const float c = SOFTMAX_SCALE(sum);
+  for (int i = 0; i < vectors; ++i) {
+    SM_ROW_STORE(SOFTMAX_FROM_X(SM_ROW_LOAD(pv + i * ROW_VEC), row_max, c), qv + i * ROW_VEC);
+  }
+  for (int k = 0; k < lead; ++k) SM_STORE1(SOFTMAX_FROM_X(SM_LOAD1(p + k), row_max, c), q + k);
 }
 #endif
 
