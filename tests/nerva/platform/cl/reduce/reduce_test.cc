@@ -344,36 +344,44 @@ TEST(ClReduceTest, AxesPickTheVariant) {
   EXPECT_EQ(names({4, 5, 1, 5}, {0, 2, 3}, ReduceType::kSum, {5}), Names{"reduce_on_xz"});
 }
 
-TEST(ClReduceTest, GpuColumnFoldsSplitTheReducedRows) {
-  GpuPathsForTesting gpu;
-  // Every kind over a column and middle axes with enough rows to split; runs
-  // of 5 leave a leftover lane, and the paths share one build per kind.
+TEST(ClReduceTest, ColumnFoldsSplitTheReducedRows) {
+  // Every kind over a column and middle axes with enough rows to split, on
+  // both device classes: column items over row chunks (GPU) and items that
+  // stream whole row chunks four rows at a time (CPU). Runs of 5 leave a
+  // leftover lane, 17 and 33 a scalar tail after 16-wide vectors.
   const std::vector<std::pair<std::vector<long>, std::vector<int>>> paths = {
-      {{301, 5}, {0}}, {{2, 97, 5}, {1}}, {{70, 3, 5}, {0, 1}}};
+      {{301, 5}, {0}}, {{2, 97, 17}, {1}}, {{70, 3, 5}, {0, 1}}};
   unsigned seed = 500;
-  for (ReduceType kind : kAllKinds) {
-    for (const auto& [sizes, axes] : paths) {
-      RunCase({kind, sizes, axes, kFloat, OutputFor(kind, kFloat)}, seed++);
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "gpu" : "cpu");
+    const GpuPathsForTesting classes(gpu);
+    for (ReduceType kind : kAllKinds) {
+      for (const auto& [sizes, axes] : paths) {
+        RunCase({kind, sizes, axes, kFloat, OutputFor(kind, kFloat)}, seed++);
+      }
     }
+    RunCase({ReduceType::kSum, {1000, 67}, {0}, kHalf, kHalf}, seed++);
+    RunCase({ReduceType::kMax, {3, 200, 9}, {1}, kInt32, kInt32, true}, seed++);
+    RunCase({ReduceType::kSum, {3, 200, 33}, {1}}, seed++);
+    RunCase({ReduceType::kMin, {129, 4}, {0}, kUInt8, kUInt8}, seed++);
+    RunCase({ReduceType::kVar, {65, 2, 33}, {0, 1}}, seed++, 0.0f);
+    // Row counts around the chunking thresholds, one row past whole groups of four.
+    for (long rows : {7L, 8L, 9L, 40L, 4097L}) RunCase({ReduceType::kSum, {rows, 16}, {0}}, seed++);
   }
-  RunCase({ReduceType::kSum, {1000, 67}, {0}, kHalf, kHalf}, seed++);
-  RunCase({ReduceType::kMax, {3, 200, 9}, {1}, kInt32, kInt32, true}, seed++);
-  RunCase({ReduceType::kSum, {3, 200, 3}, {1}}, seed++);
-  RunCase({ReduceType::kMin, {129, 4}, {0}, kUInt8, kUInt8}, seed++);
-  RunCase({ReduceType::kVar, {65, 2, 33}, {0, 1}}, seed++, 0.0f);
-  // Too few rows to split: the single-pass column program.
-  RunCase({ReduceType::kSum, {40, 5}, {0}}, seed++);
 }
 
-TEST(ClReduceTest, GpuColumnFoldsUseTwoPasses) {
-  GpuPathsForTesting gpu;
+TEST(ClReduceTest, ColumnFoldsUseTwoPasses) {
   Tensor input = TestSession().MakeTensor({512, 8}, kFloat);
   Tensor output = TestSession().MakeTensor({8}, kFloat);
   ReduceOption option;
   option.axes = {0};
-  EXPECT_EQ(UnitNames(Reduce::Create(TestQueue(), option, input.option(), input.storage(),
-                                     output.option(), output.storage())),
-            (std::vector<std::string>{"reduce_split_partial", "reduce_split_merge"}));
+  auto units = [&] {
+    return UnitNames(Reduce::Create(TestQueue(), option, input.option(), input.storage(),
+                                    output.option(), output.storage()));
+  };
+  EXPECT_EQ(units(), (std::vector<std::string>{"reduce_rows_partial", "reduce_split_merge"}));
+  const GpuPathsForTesting gpu;
+  EXPECT_EQ(units(), (std::vector<std::string>{"reduce_split_partial", "reduce_split_merge"}));
 }
 
 TEST(ClReduceTest, AdjustVecSizeRejectsWideRequests) {

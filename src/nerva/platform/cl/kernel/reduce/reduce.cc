@@ -210,10 +210,11 @@ void ReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const int column_items = static_cast<int>((plan.run + vec - 1) / vec);
   BuildOption options = CommonOptions(vec, plan.run);
   const size_t block = kReduceBlockSize;
-  if (!session->host_cpu() &&
-      (plan.variant == ReduceVariant::kCol || plan.variant == ReduceVariant::kMiddle)) {
-    const ColumnSplit split = SplitColumns(*session, column_items * plan.outer, plan.height);
-    if (split.splits > 1) {
+  if (plan.variant == ReduceVariant::kCol || plan.variant == ReduceVariant::kMiddle) {
+    const bool cpu = session->host_cpu();
+    const ColumnSplit split = cpu ? SplitRows(*session, plan.outer, plan.height)
+                                  : SplitColumns(*session, column_items * plan.outer, plan.height);
+    if (cpu ? plan.height >= kMinRowsForRowChunks : split.splits > 1) {
       CompileSplitColumns(session, plan, split, std::move(options), based_coeff,
                           inv_reduction_size);
       return;
@@ -279,12 +280,22 @@ void ReduceKernel::CompileSplitColumns(std::shared_ptr<SessionImpl> session, con
   AddKindSwitch(options);
   const size_t block = kReduceBlockSize;
   const size_t run = static_cast<size_t>(plan.run);
-  MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_partial")
-      ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}, vec), partial_,
-                static_cast<int>(plan.height), static_cast<int>(split.rows),
-                static_cast<int>(split.splits), static_cast<int>(plan.run), plane, column_items)
-      .SetGlobal({run, static_cast<size_t>(plan.outer * split.splits)}, {static_cast<size_t>(vec)})
-      .SetLocal({block, 1});
+  if (session->host_cpu()) {
+    MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_rows_partial")
+        ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}), partial_,
+                  static_cast<int>(plan.height), static_cast<int>(split.rows),
+                  static_cast<int>(split.splits), static_cast<int>(plan.run), plane)
+        .SetGlobal({static_cast<size_t>(split.splits), static_cast<size_t>(plan.outer)})
+        .SetLocal({1, 1});
+  } else {
+    MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_partial")
+        ->SetArgs(ContiguousView(input_, {plan.outer, plan.height, plan.run}, vec), partial_,
+                  static_cast<int>(plan.height), static_cast<int>(split.rows),
+                  static_cast<int>(split.splits), static_cast<int>(plan.run), plane, column_items)
+        .SetGlobal({run, static_cast<size_t>(plan.outer * split.splits)},
+                   {static_cast<size_t>(vec)})
+        .SetLocal({block, 1});
+  }
   MakeSubKernel(session, ProgramName(), Sources(), options, "reduce_split_merge")
       ->SetArgs(partial_, ContiguousView(output_, {plan.outer, plan.run}, vec), based_coeff,
                 inv_reduction_size, static_cast<int>(split.splits), static_cast<int>(plan.run),

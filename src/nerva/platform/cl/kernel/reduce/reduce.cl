@@ -243,6 +243,80 @@ __kernel void reduce_split_partial(DECL_TENSOR3D(src), __global ACCUM_DTYPE* par
 #endif
 }
 
+#ifdef NERVA_HOST_CPU_DEVICE
+/* The first pass where a group's items run one after the other (CPU
+ * devices): item (s, z) streams whole rows of chunk s of slice z and folds
+ * them into its partial row partial[z][s][:], four input rows per pass over
+ * the partial, which stays in cache. Columns go in ROW_VEC-wide vectors, the
+ * last `run % ROW_VEC` one by one. */
+#define RP_ACC(N) NERVA_VEC(ACCUM_DTYPE, N)
+#define RP_LD(N, p) REDUCE_MAP(N, VLOAD(DTYPE, N, p))
+#ifdef ENABLE_REDUCE_VAR
+#define RP_FIRST(N, c)                                                         \
+  {                                                                          \
+    const RP_ACC(N) a = RP_LD(N, x0 + (c));                                  \
+    NERVA_STOREN(N, a, q + (c));                                             \
+    NERVA_STOREN(N, a * a, q + plane + (c));                                 \
+  }
+#define RP_ADD4(N, c)                                                          \
+  {                                                                          \
+    const RP_ACC(N) a = RP_LD(N, x0 + (c)), b = RP_LD(N, x1 + (c));          \
+    const RP_ACC(N) e = RP_LD(N, x2 + (c)), f = RP_LD(N, x3 + (c));          \
+    NERVA_STOREN(N, NERVA_LOADN(N, q + (c)) + ((a + b) + (e + f)), q + (c)); \
+    NERVA_STOREN(N, NERVA_LOADN(N, q + plane + (c)) + ((a * a + b * b) + (e * e + f * f)), \
+                 q + plane + (c));                                           \
+  }
+#define RP_ADD1(N, c)                                                          \
+  {                                                                          \
+    const RP_ACC(N) a = RP_LD(N, x0 + (c));                                  \
+    NERVA_STOREN(N, NERVA_LOADN(N, q + (c)) + a, q + (c));                   \
+    NERVA_STOREN(N, NERVA_LOADN(N, q + plane + (c)) + a * a, q + plane + (c)); \
+  }
+#else
+#define RP_FIRST(N, c) NERVA_STOREN(N, RP_LD(N, x0 + (c)), q + (c));
+#define RP_ADD4(N, c)                                                          \
+  {                                                                          \
+    const RP_ACC(N) a = RP_LD(N, x0 + (c)), b = RP_LD(N, x1 + (c));          \
+    const RP_ACC(N) e = RP_LD(N, x2 + (c)), f = RP_LD(N, x3 + (c));          \
+    NERVA_STOREN(N, COMBINE(NERVA_LOADN(N, q + (c)), COMBINE(COMBINE(a, b), COMBINE(e, f))), \
+                 q + (c));                                                   \
+  }
+#define RP_ADD1(N, c) NERVA_STOREN(N, COMBINE(NERVA_LOADN(N, q + (c)), RP_LD(N, x0 + (c))), q + (c));
+#endif
+/* Applies STEP(N, c) to every column of the run. */
+#define RP_COLUMNS(STEP)                                                       \
+  {                                                                          \
+    int c = 0;                                                               \
+    for (; c + ROW_VEC <= run; c += ROW_VEC) STEP(ROW_VEC, c)                \
+    for (; c < run; ++c) STEP(1, c)                                          \
+  }
+
+__kernel void reduce_rows_partial(DECL_TENSOR3D(src), __global ACCUM_DTYPE* partial, int height,
+                                  int rows, int splits, int run, long plane) {
+  const int s = get_global_id(0);
+  const int z = get_global_id(1);
+  const int r0 = s * rows;
+  const int r1 = min(height, r0 + rows);
+  __global ACCUM_DTYPE* q = partial + ((long)z * splits + s) * run;
+  __global const DTYPE* x0 = TENSOR3D_PTR(src, DTYPE, 0, r0, z);
+  __global const DTYPE *x1 = x0, *x2 = x0, *x3 = x0;
+  RP_COLUMNS(RP_FIRST)
+  int r = r0 + 1;
+  for (; r + 4 <= r1; r += 4) {
+    x0 = TENSOR3D_PTR(src, DTYPE, 0, r, z);
+    x1 = TENSOR3D_PTR(src, DTYPE, 0, r + 1, z);
+    x2 = TENSOR3D_PTR(src, DTYPE, 0, r + 2, z);
+    x3 = TENSOR3D_PTR(src, DTYPE, 0, r + 3, z);
+    RP_COLUMNS(RP_ADD4)
+  }
+  /* The last rows, fewer than four, one at a time. */
+  for (; r < r1; ++r) {
+    x0 = TENSOR3D_PTR(src, DTYPE, 0, r, z);
+    RP_COLUMNS(RP_ADD1)
+  }
+}
+#endif
+
 /* Pass two: item (column vector, z) merges the `splits` partials of its
  * columns and writes the result. */
 __kernel void reduce_split_merge(__global const ACCUM_DTYPE* partial, DECL_TENSOR2D(dst),

@@ -176,6 +176,16 @@ ColumnSplit SplitColumns(const SessionImpl& session, long items, long height) {
   return split;
 }
 
+ColumnSplit SplitRows(const SessionImpl& session, long outer, long height) {
+  constexpr long kItemsPerUnit = 8, kMinRows = 16;
+  const long target = static_cast<long>(session.compute_units()) * kItemsPerUnit;
+  ColumnSplit split;
+  split.splits = std::max(1L, std::min((target + outer - 1) / outer, height / kMinRows));
+  split.rows = (height + split.splits - 1) / split.splits;
+  split.splits = split.rows ? (height + split.rows - 1) / split.rows : 1;
+  return split;
+}
+
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes) {
   std::shared_ptr<ISessionImpl> base = session;
   MemoryFlags flags = kMemReadWrite;

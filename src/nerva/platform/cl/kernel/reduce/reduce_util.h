@@ -89,6 +89,13 @@ struct ColumnSplit {
 };
 ColumnSplit SplitColumns(const SessionImpl& session, long items, long height);
 
+// The row chunks of a column fold on CPU devices, where one item streams
+// whole rows of a chunk: enough chunks over `outer` slices for every compute
+// unit to take several, each at least 16 rows. Folds of fewer than
+// kMinRowsForRowChunks rows keep the column items, which read them directly.
+constexpr long kMinRowsForRowChunks = 8;
+ColumnSplit SplitRows(const SessionImpl& session, long outer, long height);
+
 // Device memory of `bytes` bytes for a kernel's intermediate results.
 Buffer MakeScratchBuffer(const std::shared_ptr<SessionImpl>& session, long bytes);
 
