@@ -1,5 +1,5 @@
 // ArgMax, ArgMin and ReduceWithIndices on the OpenCL device against host
-// references, on the innermost-axis (group) and column paths.
+// references, on the innermost-axis (row and group forms) and column paths.
 
 #include <cmath>
 #include <stdexcept>
@@ -116,14 +116,19 @@ void RunArgCase(const ArgCase& c, const std::vector<double>& x) {
 TEST(ClArgReduceTest, InnermostAndColumnPaths) {
   unsigned seed = 500;
   const Mode modes[] = {Mode::kArgMax, Mode::kArgMin, Mode::kMax, Mode::kMin};
-  for (Mode mode : modes) {
-    // One leftover element on every row length, so the lengths share a build.
-    for (long n : {1L, 5L, 65L, 4097L}) {
-      const ArgCase c{mode, {3, n}, -1};
-      RunArgCase(c, RoundTrip(RandomValues(3 * n, -50, 50, seed++), kFloat));
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "group form" : "row form");
+    const GpuPathsForTesting paths(gpu);
+    for (Mode mode : modes) {
+      // One leftover element on every row length for the group form; the row
+      // form's 16-wide vectors meet 1, 5, 17, 65 and 4097.
+      for (long n : {1L, 5L, 17L, 65L, 4097L}) {
+        const ArgCase c{mode, {3, n}, -1};
+        RunArgCase(c, RoundTrip(RandomValues(3 * n, -50, 50, seed++), kFloat));
+      }
+      const ArgCase column{mode, {4, 7, 5}, 1, kFloat, kInt32, true};
+      RunArgCase(column, RoundTrip(RandomValues(140, -50, 50, seed++), kFloat));
     }
-    const ArgCase column{mode, {4, 7, 5}, 1, kFloat, kInt32, true};
-    RunArgCase(column, RoundTrip(RandomValues(140, -50, 50, seed++), kFloat));
   }
 }
 
@@ -144,6 +149,24 @@ TEST(ClArgReduceTest, TiesNaNAndTypes) {
   RunArgCase({Mode::kMin, {2, 9}, 1}, x);
   // Half input.
   RunArgCase({Mode::kArgMax, {5, 33}, -1, kHalf}, RoundTrip(RandomValues(165, -9, 9, 514), kHalf));
+}
+
+TEST(ClArgReduceTest, NaNInsideLongRowsOnBothDeviceClasses) {
+  // NaN well inside rows that span several vectors (and a leading leftover):
+  // argmax/argmin restart after it, max/min take the first one.
+  unsigned seed = 520;
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "group form" : "row form");
+    const GpuPathsForTesting paths(gpu);
+    for (Mode mode : {Mode::kArgMax, Mode::kArgMin, Mode::kMax, Mode::kMin}) {
+      for (long n : {35L, 4097L}) {
+        std::vector<double> x = RoundTrip(RandomValues(3 * n, -50, 50, seed++), kFloat);
+        x[n / 2] = NAN;                     // row 0: one NaN in the middle
+        x[n + 3] = x[n + n - 20] = NAN;     // row 1: two, one in the leftover
+        RunArgCase({mode, {3, n}, -1}, x);  // row 2: none
+      }
+    }
+  }
 }
 
 TEST(ClArgReduceTest, RejectsBadArguments) {

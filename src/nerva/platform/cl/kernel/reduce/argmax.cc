@@ -63,6 +63,15 @@ void ArgReduceKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (innermost) {
     outputs.push_back(ContiguousView(indices_, {fold.outer}));
     if (values_.defined()) outputs.push_back(ContiguousView(values_, {fold.outer}));
+    if (session->host_cpu()) {
+      // One item per row, no barriers: a group's items run one after the other there.
+      MakeSubKernel(session, program_.name, program_.sources, options, program_.row_kernel + "_row")
+          ->SetArgs(ContiguousView(input_, {fold.outer, fold.reduced}), outputs,
+                    static_cast<int>(fold.reduced))
+          .SetGlobal({static_cast<size_t>(fold.outer)})
+          .SetLocal({1});
+      return;
+    }
     MakeSubKernel(session, program_.name, program_.sources, options, program_.row_kernel)
         ->SetArgs(ContiguousView(input_, {fold.outer, fold.reduced}), outputs,
                   static_cast<int>(fold.reduced / 4))
