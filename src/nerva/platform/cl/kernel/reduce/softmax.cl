@@ -150,6 +150,14 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
 #endif
 
 #ifdef NERVA_HOST_CPU_DEVICE
+/* A float softmax output keeps the exponentials of the second pass, which the
+ * third scales in place (a load instead of a second exponential). */
+#define SM_OUT_FLOAT_float 1
+#if !defined(SOFTMAX_KEEP_INPUT) && NERVA_CAT(SM_OUT_FLOAT_, DTYPE_OUT)
+#define SM_ROW_KEEPS_EXP 1
+#else
+#define SM_ROW_KEEPS_EXP 0
+#endif
 #define SM_ROW_LOAD(p) CONVERT(float, ROW_VEC, VLOAD(DTYPE, ROW_VEC, p))
 #define SM_ROW_STORE(v, p) VSTORE(DTYPE_OUT, ROW_VEC, CONVERT(DTYPE_OUT, ROW_VEC, v), p)
 __kernel void NERVA_CAT(SOFTMAX_PREFIX, _x_row)(DECL_TENSOR2D(src), DECL_TENSOR2D(dst),
@@ -165,12 +173,24 @@ __kernel void NERVA_CAT(SOFTMAX_PREFIX, _x_row)(DECL_TENSOR2D(src), DECL_TENSOR2
   float row_max = LANE_FOLD(ROW_VEC, mv, SM_FMAX);
   for (int k = 0; k < lead; ++k) row_max = fmax(row_max, SM_LOAD1(p + k));
   NERVA_VEC(float, ROW_VEC) sv = 0.0f;
+#if SM_ROW_KEEPS_EXP
+  for (int i = 0; i < vectors; ++i) {
+    const NERVA_VEC(float, ROW_VEC) e = NERVA_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
+    vstore16(e, i, qv);
+    sv += e;
+  }
+#else
   for (int i = 0; i < vectors; ++i) sv += NERVA_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
+#endif
   float sum = LANE_SUM(ROW_VEC, sv);
   for (int k = 0; k < lead; ++k) sum += NERVA_EXP(SM_LOAD1(p + k) - row_max);
   const float c = SOFTMAX_SCALE(sum);
   for (int i = 0; i < vectors; ++i) {
+#if SM_ROW_KEEPS_EXP
+    vstore16(vload16(i, qv) * c, i, qv);
+#else
     SM_ROW_STORE(SOFTMAX_FROM_X(SM_ROW_LOAD(pv + i * ROW_VEC), row_max, c), qv + i * ROW_VEC);
+#endif
   }
   for (int k = 0; k < lead; ++k) SM_STORE1(SOFTMAX_FROM_X(SM_LOAD1(p + k), row_max, c), q + k);
 }
