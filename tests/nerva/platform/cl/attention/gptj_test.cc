@@ -1,8 +1,11 @@
 // GPTJBlock and GPTJDecode on the OpenCL device against a double-precision
 // host composition of the same math (layer norm, rotary q/k, causal attention
-// over past + new rows, tanh-GELU MLP, residual), with random small weights.
+// over past + new rows, tanh-GELU MLP, residual), with random small weights:
+// the generic composition and the tensor-core programs (through the emulation).
 
 #include "nerva/platform/cl/attention/attention_test_util.h"
+#include "nerva/platform/cl/attention/sdpa_test_util.h"
+#include "nerva/platform/cl/tensorcore/tc_test_util.h"
 
 namespace nerva {
 namespace cl {
@@ -118,95 +121,110 @@ HostBlock Reference(const Weights& w, const std::vector<double>& x, const std::v
 
 struct DeviceWeights {
   Tensor lnw, lnb, wq, wk, wv, wo, fiw, fib, fow, fob, sin, cos;
-  DeviceWeights(const Weights& w, DataType t)
-      : lnw(UploadAs(w.lnw, {kE}, t)),
-        lnb(UploadAs(w.lnb, {kE}, t)),
-        wq(UploadAs(w.wq, {kE, kE}, t)),
-        wk(UploadAs(w.wk, {kE, kE}, t)),
-        wv(UploadAs(w.wv, {kE, kE}, t)),
-        wo(UploadAs(w.wo, {kE, kE}, t)),
-        fiw(UploadAs(w.fiw, {kI, kE}, t)),
-        fib(UploadAs(w.fib, {kI}, t)),
-        fow(UploadAs(w.fow, {kE, kI}, t)),
-        fob(UploadAs(w.fob, {kE}, t)),
-        sin(UploadAs(w.sin, {kMaxPos, kRot / 2}, t)),
-        cos(UploadAs(w.cos, {kMaxPos, kRot / 2}, t)) {}
+  DeviceWeights(const Weights& w, const AttentionTarget& d, DataType t)
+      : lnw(d.Upload(w.lnw, {kE}, t)),
+        lnb(d.Upload(w.lnb, {kE}, t)),
+        wq(d.Upload(w.wq, {kE, kE}, t)),
+        wk(d.Upload(w.wk, {kE, kE}, t)),
+        wv(d.Upload(w.wv, {kE, kE}, t)),
+        wo(d.Upload(w.wo, {kE, kE}, t)),
+        fiw(d.Upload(w.fiw, {kI, kE}, t)),
+        fib(d.Upload(w.fib, {kI}, t)),
+        fow(d.Upload(w.fow, {kE, kI}, t)),
+        fob(d.Upload(w.fob, {kE}, t)),
+        sin(d.Upload(w.sin, {kMaxPos, kRot / 2}, t)),
+        cos(d.Upload(w.cos, {kMaxPos, kRot / 2}, t)) {}
 };
+
+// The host weights rounded to the device type, so the reference sees what the device does.
+Weights RoundedWeights(unsigned seed, DataType t) {
+  Weights w(seed);
+  for (auto* v : {&w.lnw, &w.lnb, &w.wq, &w.wk, &w.wv, &w.wo, &w.fiw, &w.fib, &w.fow, &w.fob,
+                  &w.sin, &w.cos}) {
+    *v = RoundTrip(*v, t);
+  }
+  return w;
+}
 
 #define ARG(t) (t).option(), (t).storage()
 
-void RunBlock(long B, long T, long P, unsigned seed) {
-  SCOPED_TRACE(StrCat("block B ", B, " T ", T, " P ", P));
-  const Weights w(seed);
-  const DeviceWeights dw(w, kFloat);
-  const std::vector<double> x = RandomValues(B * T * kE, -1, 1, seed + 20);
+// Runs `kernel` on the target and returns whether it ran the tensor-core programs.
+bool Run(const AttentionTarget& d, const Kernel& kernel) {
+  d.queue().Enqueue(kernel);
+  return Runs(kernel, "gptj_gemm_tensorcore") || Runs(kernel, "gptj_decode_gemm_tensorcore");
+}
+
+bool RunBlock(long B, long T, long P, unsigned seed, const AttentionTarget& d = {},
+              DataType type = kFloat) {
+  SCOPED_TRACE(StrCat("block B ", B, " T ", T, " P ", P, " type ", type));
+  const Weights w = RoundedWeights(seed, type);
+  const DeviceWeights dw(w, d, type);
+  const std::vector<double> x = RoundTrip(RandomValues(B * T * kE, -1, 1, seed + 20), type);
   std::vector<double> pos(B * T);
   for (long i = 0; i < B * T; ++i) pos[i] = static_cast<double>(P + i % T + i / T);
-  const std::vector<double> pk = RandomValues(B * kH * P * kD, -1, 1, seed + 21);
-  const std::vector<double> pv = RandomValues(B * kH * P * kD, -1, 1, seed + 22);
+  const std::vector<double> pk = RoundTrip(RandomValues(B * kH * P * kD, -1, 1, seed + 21), type);
+  const std::vector<double> pv = RoundTrip(RandomValues(B * kH * P * kD, -1, 1, seed + 22), type);
   const HostBlock want = Reference(w, x, pos, pk, pv, B, T, P);
-  Tensor hidden = UploadAs(x, {B, T, kE}, kFloat), positions = UploadAs(pos, {B, T}, kInt64);
+  Tensor hidden = d.Upload(x, {B, T, kE}, type), positions = d.Upload(pos, {B, T}, kInt64);
   Tensor past_k, past_v;
   MaybeTensor mk = Absent(), mv = Absent();  // no past: left out
   if (P > 0) {
-    past_k = UploadAs(pk, {B, kH, P, kD}, kFloat), past_v = UploadAs(pv, {B, kH, P, kD}, kFloat);
+    past_k = d.Upload(pk, {B, kH, P, kD}, type), past_v = d.Upload(pv, {B, kH, P, kD}, type);
     mk = Present(past_k), mv = Present(past_v);
   }
-  Tensor out = MakeOutput({B, T, kE}, kFloat), ln = MakeOutput({B, T, kE}, kFloat);
-  Tensor pres_k = MakeOutput({B, kH, P + T, kD}, kFloat),
-         pres_v = MakeOutput({B, kH, P + T, kD}, kFloat);
-  Tensor q = MakeOutput({B, kH, T, kD}, kFloat), k = MakeOutput({B, kH, T, kD}, kFloat);
-  Tensor v = MakeOutput({B, kH, T, kD}, kFloat), scores = MakeOutput({B, kH, T, P + T}, kFloat);
-  Tensor attn_out = MakeOutput({B, T, kE}, kFloat), mlp_h = MakeOutput({B, T, kI}, kFloat);
-  Tensor mlp_out = MakeOutput({B, T, kE}, kFloat);
+  Tensor out = d.Output({B, T, kE}, type), ln = d.Output({B, T, kE}, type);
+  Tensor pres_k = d.Output({B, kH, P + T, kD}, type), pres_v = d.Output({B, kH, P + T, kD}, type);
+  Tensor q = d.Output({B, kH, T, kD}, type), k = d.Output({B, kH, T, kD}, type);
+  Tensor v = d.Output({B, kH, T, kD}, type), scores = d.Output({B, kH, T, P + T}, type);
+  Tensor attn_out = d.Output({B, T, kE}, type), mlp_h = d.Output({B, T, kI}, type);
+  Tensor mlp_out = d.Output({B, T, kE}, type);
   MaybeTensor none = Absent();
   GPTJBlockOption option{static_cast<int>(kH), static_cast<int>(kD), static_cast<int>(kRot)};
-  TestQueue().Enqueue(GPTJ::Create(
-      TestQueue(), option, ARG(hidden), ARG(dw.lnw), ARG(dw.lnb), ARG(dw.wq), ARG(dw.wk),
-      ARG(dw.wv), ARG(dw.wo), ARG(dw.fiw), ARG(dw.fib), ARG(dw.fow), ARG(dw.fob), ARG(dw.sin),
-      ARG(dw.cos), none.option, none.buffer, ARG(positions), mk.option, mk.buffer, mv.option,
-      mv.buffer, ARG(out), ARG(pres_k), ARG(pres_v), ARG(ln), ARG(q), ARG(k), ARG(v), ARG(scores),
-      ARG(attn_out), ARG(mlp_h), ARG(mlp_out)));
-  const double abs = 2e-4, rel = 1e-3;
-  ExpectClose(DownloadAs(ln), want.ln, abs, rel, "ln_out");
-  ExpectClose(DownloadAs(q), want.q, abs, rel, "query");
-  ExpectClose(DownloadAs(k), want.k, abs, rel, "key");
-  ExpectClose(DownloadAs(v), want.v, abs, rel, "value");
-  ExpectClose(DownloadAs(pres_k), want.present_k, abs, rel, "present_key");
-  ExpectClose(DownloadAs(pres_v), want.present_v, abs, rel, "present_value");
-  ExpectClose(DownloadAs(attn_out), want.attn_out, abs, rel, "attn_out");
-  ExpectClose(DownloadAs(mlp_h), want.mlp_hidden, abs, rel, "mlp_hidden");
-  ExpectClose(DownloadAs(mlp_out), want.mlp_out, abs, rel, "mlp_out");
-  ExpectClose(DownloadAs(out), want.out, abs, rel, "out");
+  const bool tensorcore =
+      Run(d, GPTJ::Create(d.queue(), option, ARG(hidden), ARG(dw.lnw), ARG(dw.lnb), ARG(dw.wq),
+                          ARG(dw.wk), ARG(dw.wv), ARG(dw.wo), ARG(dw.fiw), ARG(dw.fib), ARG(dw.fow),
+                          ARG(dw.fob), ARG(dw.sin), ARG(dw.cos), none.option, none.buffer,
+                          ARG(positions), mk.option, mk.buffer, mv.option, mv.buffer, ARG(out),
+                          ARG(pres_k), ARG(pres_v), ARG(ln), ARG(q), ARG(k), ARG(v), ARG(scores),
+                          ARG(attn_out), ARG(mlp_h), ARG(mlp_out)));
+  const double abs = type == kHalf ? 2e-2 : 2e-4, rel = type == kHalf ? 1e-2 : 1e-3;
+  ExpectClose(d.Download(ln), want.ln, abs, rel, "ln_out");
+  ExpectClose(d.Download(q), want.q, abs, rel, "query");
+  ExpectClose(d.Download(k), want.k, abs, rel, "key");
+  ExpectClose(d.Download(v), want.v, abs, rel, "value");
+  ExpectClose(d.Download(pres_k), want.present_k, abs, rel, "present_key");
+  ExpectClose(d.Download(pres_v), want.present_v, abs, rel, "present_value");
+  ExpectClose(d.Download(attn_out), want.attn_out, abs, rel, "attn_out");
+  ExpectClose(d.Download(mlp_h), want.mlp_hidden, abs, rel, "mlp_hidden");
+  ExpectClose(d.Download(mlp_out), want.mlp_out, abs, rel, "mlp_out");
+  ExpectClose(d.Download(out), want.out, abs, rel, "out");
+  return tensorcore;
 }
 
-TEST(ClGPTJTest, BlockAgainstHostComposition) {
-  RunBlock(2, 7, 0, 5000);
-  RunBlock(1, 5, 3, 5100);
-}
-
-TEST(ClGPTJTest, DecodeStepAgainstHostComposition) {
-  const long B = 3, P = 6;
-  const Weights w(5200);
-  const DeviceWeights dw(w, kFloat);
-  const std::vector<double> x = RandomValues(B * kE, -1, 1, 5220);
-  std::vector<double> pos{6, 9, 11};
-  const std::vector<double> pk = RandomValues(B * kH * P * kD, -1, 1, 5221);
-  const std::vector<double> pv = RandomValues(B * kH * P * kD, -1, 1, 5222);
+bool RunDecode(long B, long P, unsigned seed, const AttentionTarget& d = {}) {
+  SCOPED_TRACE(StrCat("decode B ", B, " P ", P));
+  const Weights w(seed);
+  const DeviceWeights dw(w, d, kFloat);
+  const std::vector<double> x = RandomValues(B * kE, -1, 1, seed + 20);
+  std::vector<double> pos(B);
+  for (long b = 0; b < B; ++b) pos[b] = static_cast<double>((P + 3 * b) % kMaxPos);
+  const std::vector<double> pk = RandomValues(B * kH * P * kD, -1, 1, seed + 21);
+  const std::vector<double> pv = RandomValues(B * kH * P * kD, -1, 1, seed + 22);
   const HostBlock want = Reference(w, x, pos, pk, pv, B, 1, P);
-  Tensor hidden = UploadAs(x, {B, kE}, kFloat), positions = UploadAs(pos, {B}, kInt32);
-  Tensor kc = UploadAs(pk, {B, kH, P, kD}, kFloat), vc = UploadAs(pv, {B, kH, P, kD}, kFloat);
-  Tensor out = MakeOutput({B, kE}, kFloat), ln = MakeOutput({B, kE}, kFloat);
-  Tensor nk = MakeOutput({B, kH, P + 1, kD}, kFloat), nv = MakeOutput({B, kH, P + 1, kD}, kFloat);
-  Tensor qkv = MakeOutput({B, 3 * kE}, kFloat), attn_out = MakeOutput({B, kE}, kFloat);
-  Tensor mlp_h = MakeOutput({B, kI}, kFloat);
+  Tensor hidden = d.Upload(x, {B, kE}, kFloat), positions = d.Upload(pos, {B}, kInt32);
+  Tensor kc = d.Upload(pk, {B, kH, P, kD}, kFloat), vc = d.Upload(pv, {B, kH, P, kD}, kFloat);
+  Tensor out = d.Output({B, kE}, kFloat), ln = d.Output({B, kE}, kFloat);
+  Tensor nk = d.Output({B, kH, P + 1, kD}, kFloat), nv = d.Output({B, kH, P + 1, kD}, kFloat);
+  Tensor qkv = d.Output({B, 3 * kE}, kFloat), attn_out = d.Output({B, kE}, kFloat);
+  Tensor mlp_h = d.Output({B, kI}, kFloat);
   MaybeTensor none = Absent();
   GPTJDecodeOption option{static_cast<int>(kH), static_cast<int>(kD), static_cast<int>(kRot)};
-  TestQueue().Enqueue(GPTJ::Create(
-      TestQueue(), option, ARG(hidden), ARG(dw.lnw), ARG(dw.lnb), ARG(dw.wq), ARG(dw.wk),
-      ARG(dw.wv), ARG(dw.wo), ARG(dw.fiw), ARG(dw.fib), ARG(dw.fow), ARG(dw.fob), ARG(dw.sin),
-      ARG(dw.cos), none.option, none.buffer, ARG(positions), ARG(kc), ARG(vc), ARG(out), ARG(nk),
-      ARG(nv), ARG(ln), ARG(qkv), ARG(attn_out), ARG(mlp_h)));
+  const bool tensorcore =
+      Run(d, GPTJ::Create(d.queue(), option, ARG(hidden), ARG(dw.lnw), ARG(dw.lnb), ARG(dw.wq),
+                          ARG(dw.wk), ARG(dw.wv), ARG(dw.wo), ARG(dw.fiw), ARG(dw.fib), ARG(dw.fow),
+                          ARG(dw.fob), ARG(dw.sin), ARG(dw.cos), none.option, none.buffer,
+                          ARG(positions), ARG(kc), ARG(vc), ARG(out), ARG(nk), ARG(nv), ARG(ln),
+                          ARG(qkv), ARG(attn_out), ARG(mlp_h)));
   const double abs = 2e-4, rel = 1e-3;
   std::vector<double> want_qkv(B * 3 * kE);
   for (long b = 0; b < B; ++b)
@@ -215,12 +233,33 @@ TEST(ClGPTJTest, DecodeStepAgainstHostComposition) {
       want_qkv[b * 3 * kE + kE + e] = want.k[b * kE + e];
       want_qkv[b * 3 * kE + 2 * kE + e] = want.v[b * kE + e];
     }
-  ExpectClose(DownloadAs(qkv), want_qkv, abs, rel, "qkv");
-  ExpectClose(DownloadAs(nk), want.present_k, abs, rel, "new_key_cache");
-  ExpectClose(DownloadAs(nv), want.present_v, abs, rel, "new_value_cache");
-  ExpectClose(DownloadAs(attn_out), want.attn_out, abs, rel, "attn_out");
-  ExpectClose(DownloadAs(mlp_h), want.mlp_hidden, abs, rel, "mlp_hidden");
-  ExpectClose(DownloadAs(out), want.out, abs, rel, "out");
+  ExpectClose(d.Download(ln), want.ln, abs, rel, "ln_out");
+  ExpectClose(d.Download(qkv), want_qkv, abs, rel, "qkv");
+  ExpectClose(d.Download(nk), want.present_k, abs, rel, "new_key_cache");
+  ExpectClose(d.Download(nv), want.present_v, abs, rel, "new_value_cache");
+  ExpectClose(d.Download(attn_out), want.attn_out, abs, rel, "attn_out");
+  ExpectClose(d.Download(mlp_h), want.mlp_hidden, abs, rel, "mlp_hidden");
+  ExpectClose(d.Download(out), want.out, abs, rel, "out");
+  return tensorcore;
+}
+
+TEST(ClGPTJTest, BlockAgainstHostComposition) {
+  EXPECT_FALSE(RunBlock(2, 7, 0, 5000));
+  RunBlock(1, 5, 3, 5100);
+}
+
+TEST(ClGPTJTest, DecodeStepAgainstHostComposition) {
+  EXPECT_FALSE(RunDecode(3, 6, 5200));
+}
+
+TEST(ClGPTJTest, TensorCoreProgramsThroughTheEmulation) {
+  // Row counts past one 32-row tile and an inner size (96) of several
+  // column tiles, with and without past rows; decode batches of 1 and 33.
+  const AttentionTarget tc{&TcSession(), &TcQueue()};
+  EXPECT_TRUE(RunBlock(3, 13, 0, 5300, tc));
+  EXPECT_TRUE(RunBlock(1, 5, 4, 5400, tc, kHalf));
+  EXPECT_TRUE(RunDecode(1, 6, 5500, tc));
+  EXPECT_TRUE(RunDecode(33, 2, 5600, tc));
 }
 
 }  // namespace

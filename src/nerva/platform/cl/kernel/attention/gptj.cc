@@ -9,6 +9,7 @@
 #include "nerva/platform/cl/kernel/elementwise/binary.h"
 #include "nerva/platform/cl/kernel/gemm/matmul.h"
 #include "nerva/platform/cl/kernel/norm/layernorm.h"
+#include "nerva/platform/cl/kernel/tensorcore/tc_frame.h"
 #include "nerva/platform/cl/module.h"
 #include "nerva/platform/cl/program.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -244,11 +245,55 @@ Tensor GPTJKernel::Scratch(const std::shared_ptr<SessionImpl>& session,
   return t;
 }
 
+void GPTJKernel::RotationViews(Tensor* qd, Tensor* kd, Tensor* vd) const {
+  if (!config_.decode) {
+    *qd = t_[kQuery], *kd = t_[kKey], *vd = t_[kValue];
+    return;
+  }
+  const long b = B(), H = config_.heads, D = config_.head_dim, E = H * D;
+  const Tensor& qkv = t_[kQkv];
+  const long item = static_cast<long>(TypeTraitsHelper::GetSize(qkv.dtype()));
+  const std::vector<long> sizes{b, H, 1, D}, strides{3 * E, D, D, 1};
+  *qd = qkv.AsStrided(sizes, strides, qkv.storage_offset());
+  *kd = qkv.AsStrided(sizes, strides, qkv.storage_offset() + E * item);
+  *vd = qkv.AsStrided(sizes, strides, qkv.storage_offset() + 2 * E * item);
+}
+
+void GPTJKernel::CopyPast(const std::shared_ptr<SessionImpl>& session) {
+  const long b = B(), p = P(), H = config_.heads, D = config_.head_dim;
+  if (p == 0) return;
+  BuildOption options;
+  options.AddDefinition("DTYPE", GetDataTypeCode(t_[kHidden].dtype()));
+  MakeSubKernel(session, "GPTJ::rope", {"common.h", "random.h", "attention.h", "gptj_rope.cl"},
+                options, "gptj_past")
+      ->SetArgs(*FoldView(t_[kPastKey]), *FoldView(t_[kPastValue]), *FoldView(t_[kPresentKey]),
+                *FoldView(t_[kPresentValue]), static_cast<int>(p), static_cast<int>(D))
+      .SetGlobal({static_cast<size_t>(D), static_cast<size_t>(H * p), static_cast<size_t>(b)});
+}
+
+Tensor GPTJKernel::Attend(const std::shared_ptr<SessionImpl>& session, const Tensor& qd) {
+  const long b = B(), t = T(), H = config_.heads, D = config_.head_dim, E = H * D;
+  Tensor ctx = Scratch(session, {b, t, E}, t_[kHidden].dtype());
+  Tensor ctx_heads = ctx.AsStrided({b, H, t, D}, {t * E, D, E, 1}, 0);
+  Tensor lse = Scratch(session, {b, H, t}, kFloat);
+  ScaledDotProductAttentionOption attn;
+  attn.is_causal = config_.causal && !config_.decode;
+  attn.scale = config_.scale;
+  AddPart<ScaledDotProductAttentionKernel>(session, attn, qd, t_[kPresentKey], t_[kPresentValue],
+                                           t_[kMask], ctx_heads, lse, t_[kScores],
+                                           static_cast<int>(P()));
+  return ctx;
+}
+
 void GPTJKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const Config& c = config_;
   const DataType dt = t_[kHidden].dtype();
-  const long b = B(), t = T(), p = P(), H = c.heads, D = c.head_dim, E = H * D, I = Inner();
+  const long b = B(), t = T(), H = c.heads, D = c.head_dim, E = H * D, I = Inner();
   if (b * t == 0) return;
+  if (session->dev_supports_extension(kTensorCoreExtension)) {
+    CompileTensorCore(session);
+    return;
+  }
   const long rows = b * t;
   auto mat = [&](const Tensor& x, long r, long cols) {
     return Tensor(TensorOption{Shape({r, cols}), dt}, x.storage(), x.storage_offset());
@@ -271,42 +316,22 @@ void GPTJKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
   // Rotary embedding into the query/key/value views and the present cache.
   Tensor qd, kd, vd;
-  if (c.decode) {
-    const Tensor& qkv = t_[kQkv];
-    const long item = static_cast<long>(TypeTraitsHelper::GetSize(dt));
-    qd = qkv.AsStrided({b, H, 1, D}, {3 * E, D, D, 1}, qkv.storage_offset());
-    kd = qkv.AsStrided({b, H, 1, D}, {3 * E, D, D, 1}, qkv.storage_offset() + E * item);
-    vd = qkv.AsStrided({b, H, 1, D}, {3 * E, D, D, 1}, qkv.storage_offset() + 2 * E * item);
-  } else {
-    qd = t_[kQuery], kd = t_[kKey], vd = t_[kValue];
-  }
+  RotationViews(&qd, &kd, &vd);
+  CopyPast(session);
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(dt));
-  const std::vector<std::string> sources{"common.h", "random.h", "attention.h", "gptj_rope.cl"};
-  const Tensor &pk = t_[kPresentKey], &pv = t_[kPresentValue];
-  if (p > 0) {
-    MakeSubKernel(session, "GPTJ::rope", sources, options, "gptj_past")
-        ->SetArgs(*FoldView(t_[kPastKey]), *FoldView(t_[kPastValue]), *FoldView(pk), *FoldView(pv),
-                  static_cast<int>(p), static_cast<int>(D))
-        .SetGlobal({static_cast<size_t>(D), static_cast<size_t>(H * p), static_cast<size_t>(b)});
-  }
   const long max_pos = t_[kSin].shape().sizes()[0];
-  MakeSubKernel(session, "GPTJ::rope", sources, options, "gptj_rope")
+  MakeSubKernel(session, "GPTJ::rope", {"common.h", "random.h", "attention.h", "gptj_rope.cl"},
+                options, "gptj_rope")
       ->SetArgs(proj[0].storage(), proj[1].storage(), proj[2].storage(), t_[kSin].storage(),
                 t_[kCos].storage(), static_cast<int>(max_pos), c.rotary_dim / 2,
                 t_[kPositions].storage(), t_[kPositions].dtype() == kInt64 ? 1 : 0, *FoldView(qd),
-                *FoldView(kd), *FoldView(vd), *FoldView(pk), *FoldView(pv), static_cast<int>(p),
-                static_cast<int>(t), static_cast<int>(H), static_cast<int>(D))
+                *FoldView(kd), *FoldView(vd), *FoldView(t_[kPresentKey]),
+                *FoldView(t_[kPresentValue]), static_cast<int>(P()), static_cast<int>(t),
+                static_cast<int>(H), static_cast<int>(D))
       .SetGlobal({static_cast<size_t>(D / 2), static_cast<size_t>(t * H), static_cast<size_t>(b)});
   // Attention into the merged-head layout [B, T, H, D].
-  Tensor ctx = Scratch(session, {b, t, E}, dt);
-  Tensor ctx_heads = ctx.AsStrided({b, H, t, D}, {t * E, D, E, 1}, 0);
-  Tensor lse = Scratch(session, {b, H, t}, kFloat);
-  ScaledDotProductAttentionOption attn;
-  attn.is_causal = c.causal && !c.decode;
-  attn.scale = c.scale;
-  AddPart<ScaledDotProductAttentionKernel>(session, attn, qd, pk, pv, t_[kMask], ctx_heads, lse,
-                                           t_[kScores], static_cast<int>(p));
+  const Tensor ctx = Attend(session, qd);
   // Output projection and the MLP.
   const Tensor ctx2 = mat(ctx, rows, E), attn_out = mat(t_[kAttnOut], rows, E);
   Buffer attn_out_buf = attn_out.storage();

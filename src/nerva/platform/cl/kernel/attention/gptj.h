@@ -137,6 +137,15 @@ class GPTJKernel : public KernelImpl {
   // Verifies, compiles and appends a part built from `args`.
   template <typename K, typename... Args>
   void AddPart(const std::shared_ptr<SessionImpl>& session, Args&&... args);
+  // The query, key and value views the rotation writes: the outputs of the
+  // block, or slices of the decode step's qkv rows.
+  void RotationViews(Tensor* qd, Tensor* kd, Tensor* vd) const;
+  // Copies the past rows into the present key/value (no unit when P = 0).
+  void CopyPast(const std::shared_ptr<SessionImpl>& session);
+  // Attention of the rotated views over the present rows into [B, T, E].
+  Tensor Attend(const std::shared_ptr<SessionImpl>& session, const Tensor& qd);
+  // The block on the tensor unit ("tensorcore/gptj_*.cl", tc_gptj.cc).
+  void CompileTensorCore(const std::shared_ptr<SessionImpl>& session);
   Tensor Scratch(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& sizes,
                  DataType dtype);
 
