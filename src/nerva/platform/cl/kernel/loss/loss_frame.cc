@@ -109,7 +109,7 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
     keep_.push_back(result);
   }
   if (session->host_cpu()) {
-    CompileChunks(session, key, sources, options, count, divisor, result, total_weight, bind);
+    CompileChunks(session, program, options, count, divisor, result, total_weight, bind);
     return;
   }
   const long block = kReduceBlockSize;
@@ -126,20 +126,19 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
   CompileFinal(session, program, options, groups, part, divisor, result, total_weight);
 }
 
-void LossKernel::CompileChunks(const std::shared_ptr<SessionImpl>& session, const std::string& key,
-                               const std::vector<std::string>& sources, const BuildOption& options,
-                               long count, float divisor, const Tensor& out,
-                               const Tensor* total_weight,
+void LossKernel::CompileChunks(const std::shared_ptr<SessionImpl>& session,
+                               const std::string& program, const BuildOption& options, long count,
+                               float divisor, const Tensor& out, const Tensor* total_weight,
                                const std::function<void(KernelUnit&)>& bind) {
   const long chunks = std::clamp(count / kCpuChunkItems, 1L, kMaxGroups);
   // Chunks start on multiples of 16 items, so their vectors stay aligned.
   const long chunk = ((count + chunks - 1) / chunks + 15) / 16 * 16;
   Buffer part = PartialSums(session, chunks);
-  auto unit = MakeSubKernel(session, key, sources, options, "loss_chunks");
+  auto unit =
+      MakeSubKernel(session, "Loss::" + program, LossSources(program), options, "loss_chunks");
   unit->SetArgs(static_cast<cl_long>(count), static_cast<cl_long>(chunk), part);
   bind(*unit);
   unit->SetGlobal({static_cast<size_t>(chunks)}).SetLocal({1});
-  const std::string program = sources.back();
   CompileFinal(session, program, options, chunks, part, divisor, out, total_weight);
 }
 

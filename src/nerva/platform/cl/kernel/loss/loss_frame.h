@@ -57,10 +57,9 @@ class LossKernel : public KernelImpl {
                       const Tensor* total_weight, const std::function<void(KernelUnit&)>& bind);
   // Host CPU devices: the loss_chunks unit over `count` items (one work item per
   // contiguous chunk) and the loss_final unit folding its partial sums.
-  void CompileChunks(const std::shared_ptr<SessionImpl>& session, const std::string& key,
-                     const std::vector<std::string>& sources, const BuildOption& options,
-                     long count, float divisor, const Tensor& out, const Tensor* total_weight,
-                     const std::function<void(KernelUnit&)>& bind);
+  void CompileChunks(const std::shared_ptr<SessionImpl>& session, const std::string& program,
+                     const BuildOption& options, long count, float divisor, const Tensor& out,
+                     const Tensor* total_weight, const std::function<void(KernelUnit&)>& bind);
   // Device memory for the (loss, weight) sums of `groups` groups or items.
   Buffer PartialSums(const std::shared_ptr<SessionImpl>& session, long groups);
   // The loss_final unit folding `groups` (loss, weight) pairs of `part` into out (and the
