@@ -159,6 +159,61 @@ TEST(ClClassLossTest, LabelSmoothingHalfAndAllIgnored) {
   RunClassCase({{4, 3}, false, -100, 1, 0.1f}, true, LossReduction::kMean, seed++);
 }
 
+// Row lengths around the sixteen-lane steps of the host CPU programs (one work item per run of
+// rows, binary rows split into even and odd lanes), runs of rows across work items, weights,
+// ignore_index, smoothing, half and int32 targets.
+TEST(ClClassLossTest, RowLengthsAroundVectors) {
+  unsigned seed = 2250;
+  const std::vector<ClassCase> cases = {
+      {{37, 2}, true, -100, 5},
+      {{33, 2}, false, 1, 4, 0.0f, kHalf},
+      {{20, 1}, false, -100, 3},
+      {{19, 15}, true, -100, 4, 0.1f},
+      {{18, 17}, false, 3, 5, 0.0f, kHalf, kInt32},
+      {{3, 4097}, true, -100, 0, 0.2f},
+      {{4, 4097}, false, -100, 3, 0.0f, kHalf},
+      {{300, 17}, true, -100, 7},
+      {{10007, 2}, true, -100, 7},
+      {{9001, 3}, false, -100, 9, 0.0f, kFloat, kInt32},
+  };
+  for (bool ce : {false, true}) {
+    for (const ClassCase& c : cases) {
+      for (LossReduction r : kAllReductions) RunClassCase(c, ce, r, seed++);
+    }
+  }
+}
+
+// Rows whose first logits lie far below their maximum, large logits, a NaN logit and a maximum
+// among the leftover classes, on both device classes.
+TEST(ClClassLossTest, RowsFarFromTheirFirstLogits) {
+  const long rows = 4, classes = 4097;
+  std::vector<double> x = RandomValues(rows * classes, -3, 3, 2400);
+  for (long k = 0; k < 300; ++k) x[k] = -100 + 0.01 * k;
+  x[classes - 1] = -100;  // the leftover class
+  x[3000] = 60;
+  for (long k = 0; k < classes; ++k) x[classes + k] += 1000;
+  x[2 * classes + 700] = NAN;
+  x[4 * classes - 1] = 90;
+  const std::vector<double> target = {5, 4000, 12, 4096};
+  std::vector<double> want(rows);
+  for (long i = 0; i < rows; ++i) {
+    double m = -INFINITY, sum = 0;
+    for (long k = 0; k < classes; ++k) m = std::max(m, x[i * classes + k]);
+    for (long k = 0; k < classes; ++k) sum += std::exp(x[i * classes + k] - m);
+    want[i] = m + std::log(sum) - x[i * classes + static_cast<long>(target[i])];
+  }
+  want[2] = NAN;
+  for (bool gpu : {false, true}) {
+    const GpuPathsForTesting paths(gpu);
+    Tensor xt = UploadAs(x, {rows, classes}, kFloat), t = UploadAs(target, {rows}, kInt64);
+    Tensor out = MakeOutput({rows}, kFloat);
+    TestQueue().Enqueue(CrossEntropyLoss::Create(
+        TestQueue(), CrossEntropyLossOption{LossReduction::kNone}, xt.option(), xt.storage(),
+        t.option(), t.storage(), out.option(), out.storage()));
+    ExpectClose(DownloadAs(out), want, kFloat);
+  }
+}
+
 // Long rows are read once with a running maximum: rows whose maximum keeps growing,
 // masked (-inf) classes ahead of and among the finite ones, on both device classes.
 TEST(ClClassLossTest, LongRowsRescaleAndMaskedClasses) {

@@ -150,6 +150,15 @@ TEST(ClPointwiseLossTest, HalfAndLargeSums) {
   }
   RunForward(Op::kMse, LossReduction::kMean, {200003}, kFloat, seed++);
   RunForward(Op::kL1, LossReduction::kSum, {3, 70001}, kFloat, seed++);
+  // Lengths around the sixteen-lane steps and chunks of the host CPU programs.
+  for (Op op : {Op::kMse, Op::kL1, Op::kLogitsWeight}) {
+    for (long n : {15L, 16L, 17L, 4097L, 20011L}) {
+      for (LossReduction r : kAllReductions) {
+        RunForward(op, r, {n}, kHalf, seed++);
+        RunForward(op, r, {n}, kFloat, seed++);
+      }
+    }
+  }
 }
 
 // The GPU partial sums: many groups, four-way folds with leftovers.

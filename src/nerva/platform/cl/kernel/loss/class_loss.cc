@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/loss/class_loss.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
@@ -65,6 +66,8 @@ ClassLayout CheckClassInputs(const std::string& op, const Tensor& input, const T
 
 // Rows of at least this many classes take a work group each in CrossEntropyLoss.
 constexpr long kRowClasses = 256;
+// Host CPU devices: CrossEntropyLoss work items (each a run of contiguous rows) at most.
+constexpr long kCpuRowChunks = 256;
 
 BuildOption ClassOptions(DataType dtype, DataType target) {
   BuildOption options;
@@ -123,12 +126,26 @@ void ClassLossKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const ClassLayout l = layout;
   const long ignore = ignore_index_;
   const BuildOption options = ClassOptions(input_.dtype(), target_.dtype());
+  if (smoothing && items > 0 && l.inner == 1 && session->host_cpu()) {
+    // Contiguous rows on the host CPU: each work item takes a run of rows.
+    const long chunks = std::min(items, kCpuRowChunks);
+    const long per = (items + chunks - 1) / chunks;
+    Buffer part = PartialSums(session, chunks);
+    MakeSubKernel(session, "Loss::" + program_, LossSources(program_), options, "ce_row_chunks")
+        ->SetArgs(static_cast<cl_long>(items), static_cast<cl_long>(per), part,
+                  static_cast<int>(!Reduced()), MakeLossArg(out_), MakeLossArg(x), MakeLossArg(t),
+                  MakeLossArg(w), static_cast<int>(has_w), static_cast<cl_long>(l.classes),
+                  static_cast<cl_long>(l.inner), static_cast<cl_long>(ignore), eps)
+        .SetGlobal({static_cast<size_t>(chunks)})
+        .SetLocal({1});
+    if (Reduced()) CompileFinal(session, program_, options, chunks, part, -1.0f, out_, nullptr);
+    return;
+  }
   if (smoothing && items > 0 && layout.classes >= kRowClasses) {
     // Long rows: one group per item, then the frame's final fold.
     Buffer part = PartialSums(session, items);
     auto rows =
-        MakeSubKernel(session, "Loss::" + program_,
-                      {"common.h", "reduce.h", "loss_frame.cl", program_}, options, "ce_rows");
+        MakeSubKernel(session, "Loss::" + program_, LossSources(program_), options, "ce_rows");
     rows->SetArgs(part, static_cast<int>(!Reduced()), MakeLossArg(out_), MakeLossArg(x),
                   MakeLossArg(t), MakeLossArg(w), static_cast<int>(has_w),
                   static_cast<cl_long>(l.classes), static_cast<cl_long>(l.inner),
@@ -185,8 +202,7 @@ void NllLossBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   Tensor t = Dense(session, target_, l.target_sizes);
   const bool has_w = Defined(weight_);
   Tensor w = has_w ? Dense(session, weight_, weight_.shape().sizes()) : go;
-  MakeSubKernel(session, "Loss::nlllossbackward.cl",
-                {"common.h", "reduce.h", "loss_frame.cl", "nlllossbackward.cl"},
+  MakeSubKernel(session, "Loss::nlllossbackward.cl", LossSources("nlllossbackward.cl"),
                 ClassOptions(input_.dtype(), target_.dtype()), "nll_backward")
       ->SetArgs(static_cast<cl_long>(count), MakeLossArg(go),
                 static_cast<cl_long>(Reduced() ? 0 : 1), MakeLossArg(tw),

@@ -142,3 +142,118 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
   part[2 * i + 1] = weight;
   if (store_out) LOSS_STORE(out, i, loss);
 }
+
+#ifdef NERVA_HOST_CPU_DEVICE
+/* 2^y for y <= 0 (and -inf), lane-wise: y clamped below at -127, 2^round(y)
+ * built in the exponent bits (adding 1.5 * 2^23 + 127 leaves round(y) + 127
+ * in the low mantissa bits) times a degree-5 fit of 2^f on [-0.5, 0.5]
+ * (relative error below 1e-7). NaN stays NaN. */
+inline float16 ce_exp2_nonpositive(float16 y) {
+  y = select(y, (float16)(-127.0f), y < -127.0f);
+  const float16 shifted = y + 12583039.0f;
+  const float16 f = y - (shifted - 12583039.0f);
+  float16 p = 1.32669752e-3f;
+  p = p * f + 9.67546458e-3f;
+  p = p * f + 5.55074265e-2f;
+  p = p * f + 2.40221217e-1f;
+  p = p * f + 6.93146949e-1f;
+  p = p * f + 1.00000007f;
+  return p * as_float16(as_int16(shifted) << 23);
+}
+/* Lane-wise maximum (a NaN lane in v is skipped: the sums carry NaN). */
+#define CE_MAX(m, v) select((m), (v), (v) > (m))
+#define CE_MAX16(v) LANE_FOLD(4, fmax(fmax((v).lo, (v).hi).lo, fmax((v).lo, (v).hi).hi), fmax)
+#define CE_SUM16(v) LANE_SUM(4, ((v).lo + (v).hi).lo + ((v).lo + (v).hi).hi)
+/* Elements of a row whose maximum serves as the reference of the exponentials. */
+#define CE_LEAD 256
+/* A row's reference may lie this far below its maximum (e^64 times 2^31
+ * terms stays finite) before the row is summed again from its maximum. */
+#define CE_HEADROOM 64.0f
+
+/* The sum of exp(x - ref) over the whole vectors of the row at `base`. */
+inline float ce_exp_sum(long base, long vl, float ref LOSS_PARAMS) {
+  float16 s16 = 0.0f;
+  for (long k = 0; k < vl; k += 16) {
+    s16 += ce_exp2_nonpositive((LOSS_LOAD16(x, base + k) - ref) * NERVA_LOG2E);
+  }
+  return CE_SUM16(s16);
+}
+
+/* The loss and weight of contiguous row i (inner 1), read once: the maximum
+ * of the row's first CE_LEAD elements (and its leftover ones) is the
+ * reference of the exponentials summed while the row's maximum is found;
+ * a row whose maximum exceeds the reference by more than CE_HEADROOM is
+ * summed again from its maximum (it is in cache). Sixteen lanes at a time,
+ * the leftover one at a time. */
+inline float ce_row(long i, float* weight LOSS_PARAMS) {
+  const long c = LOSS_TARGET(i);
+  if (c == ignore_index) {
+    *weight = 0.0f;
+    return 0.0f;
+  }
+  if (c < 0 || c >= classes) {
+    *weight = NAN;
+    return NAN;
+  }
+  const long base = i * classes, vl = classes / 16 * 16;
+  float16 m16 = -INFINITY;
+  for (long k = 0; k < min(vl, (long)CE_LEAD); k += 16) m16 = CE_MAX(m16, LOSS_LOAD16(x, base + k));
+  float ref = CE_MAX16(m16);
+  for (long k = vl; k < classes; ++k) ref = fmax(ref, LOSS_LOAD(x, base + k));
+  float16 s16 = 0.0f, wx16 = 0.0f, ws16 = 0.0f;
+  if (smoothing == 0.0f) {
+    for (long k = 0; k < vl; k += 16) {
+      const float16 v = LOSS_LOAD16(x, base + k);
+      m16 = CE_MAX(m16, v);
+      s16 += ce_exp2_nonpositive((v - ref) * NERVA_LOG2E);
+    }
+  } else {
+    for (long k = 0; k < vl; k += 16) {
+      const float16 v = LOSS_LOAD16(x, base + k);
+      const float16 wk = has_w ? LOSS_LOAD16(w, k) : (float16)(1.0f);
+      m16 = CE_MAX(m16, v);
+      s16 += ce_exp2_nonpositive((v - ref) * NERVA_LOG2E);
+      wx16 += wk * v;
+      ws16 += wk;
+    }
+  }
+  float s = CE_SUM16(s16), wx = CE_SUM16(wx16), ws = CE_SUM16(ws16);
+  const float m = fmax(CE_MAX16(m16), ref);
+  if (m > ref + CE_HEADROOM) {
+    ref = m;
+    s = ce_exp_sum(base, vl, ref LOSS_ARGS);
+  }
+  for (long k = vl; k < classes; ++k) {
+    const float v = LOSS_LOAD(x, base + k), wk = LOSS_WEIGHT(k);
+    s += NERVA_EXP(v - ref);
+    wx += wk * v;
+    ws += wk;
+  }
+  const float lse = ref + log(s);
+  const float w = LOSS_WEIGHT(c);
+  *weight = w;
+  const float nll = -w * (LOSS_LOAD(x, base + c) - lse);
+  if (smoothing == 0.0f) return nll;
+  return (1.0f - smoothing) * nll - smoothing / (float)classes * (wx - ws * lse);
+}
+
+/* Host CPU devices, contiguous rows: work item g takes rows [g * per,
+ * (g + 1) * per) one after the other, no barriers. Their losses and weights
+ * sum into part[2g], part[2g + 1], which loss_final folds; under 'none'
+ * (store_out) each row's loss goes to out. */
+__kernel void ce_row_chunks(long rows, long per, __global float* part,
+                            int store_out LOSS_TENSOR(out) LOSS_PARAMS) {
+  const long g = get_global_id(0);
+  const long lo = min(rows, g * per), hi = min(rows, lo + per);
+  float v = 0.0f, w = 0.0f;
+  for (long i = lo; i < hi; ++i) {
+    float wi;
+    const float vi = ce_row(i, &wi LOSS_ARGS);
+    if (store_out) LOSS_STORE(out, i, vi);
+    v += vi;
+    w += wi;
+  }
+  part[2 * g] = v;
+  part[2 * g + 1] = w;
+}
+#endif

@@ -15,10 +15,12 @@ namespace cl {
 namespace {
 // Items each work item of a partial-sum group folds, at least.
 constexpr long kItemsPerWorkItem = 8;
-// Partial-sum groups at most: on the host CPU a few per core; on GPUs enough
-// to keep every compute unit busy (the final fold reads them all, so not more).
+// Partial sums at most on host CPU devices; on GPUs groups enough to keep every
+// compute unit busy (the final fold reads them all, so not more).
 constexpr long kMaxGroups = 256;
 constexpr long kGroupsPerComputeUnit = 16;
+// Host CPU devices: items per loss_chunks work item at least (a multiple of 16).
+constexpr long kCpuChunkItems = 4096;
 }  // namespace
 
 void LossKernel::CheckReduction() const {
@@ -75,6 +77,10 @@ Tensor LossKernel::Dense(const std::shared_ptr<SessionImpl>& session, const Tens
   return t;
 }
 
+std::vector<std::string> LossKernel::LossSources(const std::string& program) {
+  return {"common.h", "math.h", "reduce.h", "loss_frame.cl", program};
+}
+
 BuildOption LossKernel::LossOptions(DataType dtype) {
   BuildOption options;
   options.AddDefinition("DTYPE", GetDataTypeCode(dtype))
@@ -86,7 +92,7 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
                                 const std::string& program, const BuildOption& options, long count,
                                 float divisor, const Tensor& out, const Tensor* total_weight,
                                 const std::function<void(KernelUnit&)>& bind) {
-  const std::vector<std::string> sources = {"common.h", "reduce.h", "loss_frame.cl", program};
+  const std::vector<std::string> sources = LossSources(program);
   const std::string key = "Loss::" + program;
   Tensor result = out;
   if (!Reduced()) {
@@ -102,10 +108,12 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
         Tensor(TensorOption{Shape({1}), total_weight->dtype()}, MakeScratchBuffer(session, 8), 0);
     keep_.push_back(result);
   }
+  if (session->host_cpu()) {
+    CompileChunks(session, program, options, count, divisor, result, total_weight, bind);
+    return;
+  }
   const long block = kReduceBlockSize;
-  const long most = session->host_cpu()
-                        ? kMaxGroups
-                        : static_cast<long>(session->compute_units()) * kGroupsPerComputeUnit;
+  const long most = static_cast<long>(session->compute_units()) * kGroupsPerComputeUnit;
   const long groups =
       std::clamp((count + block * kItemsPerWorkItem - 1) / (block * kItemsPerWorkItem), 1L,
                  std::max(most, 1L));
@@ -116,6 +124,22 @@ void LossKernel::CompileForward(const std::shared_ptr<SessionImpl>& session,
   bind(*partial);
   partial->SetGlobal({static_cast<size_t>(groups * block)}).SetLocal({static_cast<size_t>(block)});
   CompileFinal(session, program, options, groups, part, divisor, result, total_weight);
+}
+
+void LossKernel::CompileChunks(const std::shared_ptr<SessionImpl>& session,
+                               const std::string& program, const BuildOption& options, long count,
+                               float divisor, const Tensor& out, const Tensor* total_weight,
+                               const std::function<void(KernelUnit&)>& bind) {
+  const long chunks = std::clamp(count / kCpuChunkItems, 1L, kMaxGroups);
+  // Chunks start on multiples of 16 items, so their vectors stay aligned.
+  const long chunk = ((count + chunks - 1) / chunks + 15) / 16 * 16;
+  Buffer part = PartialSums(session, chunks);
+  auto unit =
+      MakeSubKernel(session, "Loss::" + program, LossSources(program), options, "loss_chunks");
+  unit->SetArgs(static_cast<cl_long>(count), static_cast<cl_long>(chunk), part);
+  bind(*unit);
+  unit->SetGlobal({static_cast<size_t>(chunks)}).SetLocal({1});
+  CompileFinal(session, program, options, chunks, part, divisor, out, total_weight);
 }
 
 Buffer LossKernel::PartialSums(const std::shared_ptr<SessionImpl>& session, long groups) {
@@ -132,8 +156,7 @@ void LossKernel::CompileFinal(const std::shared_ptr<SessionImpl>& session,
   const long block = kReduceBlockSize;
   const bool has_tw = total_weight != nullptr;
   auto final_unit =
-      MakeSubKernel(session, "Loss::" + program, {"common.h", "reduce.h", "loss_frame.cl", program},
-                    options, "loss_final");
+      MakeSubKernel(session, "Loss::" + program, LossSources(program), options, "loss_final");
   final_unit->SetArgs(
       static_cast<int>(groups), static_cast<int>(reduction() == LossReduction::kMean), divisor,
       part, MakeLossArg(out), MakeLossArg(has_tw ? *total_weight : out), static_cast<int>(has_tw));
@@ -145,7 +168,7 @@ void LossKernel::CompileBackward(const std::shared_ptr<SessionImpl>& session,
                                  const Tensor& grad_output, const Tensor& grad_input,
                                  const std::function<void(KernelUnit&)>& bind) {
   if (count == 0) return;
-  const std::vector<std::string> sources = {"common.h", "reduce.h", "loss_frame.cl", program};
+  const std::vector<std::string> sources = LossSources(program);
   const float scale = reduction() == LossReduction::kMean
                           ? static_cast<float>(1.0 / static_cast<double>(count))
                           : 1.0f;

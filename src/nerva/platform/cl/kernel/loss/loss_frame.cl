@@ -6,18 +6,26 @@
  * and a forward program
  *   float loss_item(long i, float* weight LOSS_PARAMS): the loss of item i
  *                 and, in *weight, its share of a 'mean' divisor;
- * then expands LOSS_FORWARD_KERNELS; a gradient program defines
+ * then expands LOSS_FORWARD_KERNELS. On host CPU devices a program may also
+ * define, after LOSS_ITEMS16_FROM_ITEMS,
+ *   float16 loss_vec16(long i, float16* weight LOSS_PARAMS): items i to i + 15
+ *                 as vectors (loss_items16 gives them one item at a time)
+ * and expand LOSS_FORWARD_KERNELS_VEC instead. A gradient program defines
  *   float loss_grad(long i LOSS_PARAMS): d loss_item / d input[i]
  * and expands LOSS_BACKWARD_KERNELS. Tensors are a byte pointer and a byte
  * offset; DTYPE is the floating type of the input, the output and the
  * gradients (half or float); sums are in float.
  */
 // #include "common.h"
+// #include "math.h"
 // #include "reduce.h"
 
 #define LOSS_PTR(T, p, off) ((__global T*)((p) + (off)))
 /* Element i of a DTYPE tensor `name`, as float. */
 #define LOSS_LOAD(name, i) CONVERT(float, 1, VLOAD(DTYPE, 1, LOSS_PTR(DTYPE, name##_ptr, name##_off) + (i)))
+/* Elements i to i + 15 of a DTYPE tensor `name`, as float16. */
+#define LOSS_LOAD16(name, i) \
+  CONVERT(float, 16, VLOAD(DTYPE, 16, LOSS_PTR(DTYPE, name##_ptr, name##_off) + (i)))
 #define LOSS_STORE(name, i, v) \
   VSTORE(DTYPE, 1, CONVERT(DTYPE, 1, (float)(v)), LOSS_PTR(DTYPE, name##_ptr, name##_off) + (i))
 #define LOSS_TENSOR(name) , __global uchar *name##_ptr, ulong name##_off
@@ -91,7 +99,7 @@
  * (weights). loss_final: one group folds the partial sums; 'mean' divides
  * the loss by `divisor`, or by the summed weights when divisor < 0; the
  * summed weights go to total weight when has_tw. */
-#define LOSS_FORWARD_KERNELS                                                   \
+#define LOSS_GROUP_KERNELS                                                   \
   __kernel void loss_none(long n LOSS_TENSOR(out) LOSS_PARAMS) {               \
     const long i = get_global_id(0);                                           \
     if (i >= n) return;                                                        \
@@ -135,6 +143,49 @@
       if (has_tw) LOSS_STORE(tw, 0, loss_w[0]);                                \
     }                                                                          \
   }
+
+/* Host CPU devices fold contiguous chunks instead of groups: loss_chunks item
+ * g folds items [g * chunk, (g + 1) * chunk) sixteen at a time into float16
+ * sums (the rest one at a time) and writes part[2g] (losses) and
+ * part[2g + 1] (weights); loss_final folds those. No barriers, so the work
+ * items of a group run one after the other without spilling. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define LOSS_LANE_SUM16(v) LANE_SUM(4, ((v).lo + (v).hi).lo + ((v).lo + (v).hi).hi)
+#define LOSS_ITEMS16_FROM_ITEMS                                                \
+  inline float16 loss_items16(long i, float16* weight LOSS_PARAMS) {           \
+    float v[16], w[16];                                                        \
+    _Pragma("unroll") for (int u = 0; u < 16; ++u) v[u] = loss_item(i + u, &w[u] LOSS_ARGS); \
+    *weight = vload16(0, w);                                                   \
+    return vload16(0, v);                                                      \
+  }
+#define LOSS_CHUNK_KERNEL(ITEMS16)                                             \
+  __kernel void loss_chunks(long n, long chunk, __global float* part LOSS_PARAMS) { \
+    const long g = get_global_id(0);                                           \
+    const long lo = min(n, g * chunk), hi = min(n, lo + chunk);                \
+    float16 va = 0.0f, wa = 0.0f;                                              \
+    long j = lo;                                                               \
+    for (; j + 16 <= hi; j += 16) {                                            \
+      float16 wj;                                                              \
+      va += ITEMS16(j, &wj LOSS_ARGS);                                         \
+      wa += wj;                                                                \
+    }                                                                          \
+    float v = LOSS_LANE_SUM16(va), w = LOSS_LANE_SUM16(wa);                    \
+    for (; j < hi; ++j) {                                                      \
+      float wj;                                                                \
+      v += loss_item(j, &wj LOSS_ARGS);                                        \
+      w += wj;                                                                 \
+    }                                                                          \
+    part[2 * g] = v;                                                           \
+    part[2 * g + 1] = w;                                                       \
+  }
+#else
+#define LOSS_ITEMS16_FROM_ITEMS
+#define LOSS_CHUNK_KERNEL(ITEMS16)
+#endif
+
+#define LOSS_FORWARD_KERNELS \
+  LOSS_ITEMS16_FROM_ITEMS LOSS_CHUNK_KERNEL(loss_items16) LOSS_GROUP_KERNELS
+#define LOSS_FORWARD_KERNELS_VEC LOSS_CHUNK_KERNEL(loss_vec16) LOSS_GROUP_KERNELS
 
 /* grad_input[i] = loss_grad(i) * grad_output[i * go_step] * scale: go_step is
  * 1 after 'none' and 0 after a reduction; scale is 1 / n after 'mean'. */

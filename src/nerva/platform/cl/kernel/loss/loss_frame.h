@@ -44,15 +44,22 @@ class LossKernel : public KernelImpl {
   Tensor Dense(const std::shared_ptr<SessionImpl>& session, const Tensor& tensor,
                const std::vector<long>& sizes);
 
+  // The device sources of a loss program: the shared headers, the frame and `program`.
+  static std::vector<std::string> LossSources(const std::string& program);
   // Build definitions of a loss program over `dtype` values.
   static BuildOption LossOptions(DataType dtype);
   // Units of a forward program over `count` items: loss_none, or loss_partial
-  // and loss_final. `divisor` is the 'mean' divisor, negative for the summed
-  // item weights; `total_weight` (when not null) receives the summed weights.
-  // `bind` appends the program's own arguments (LOSS_PARAMS).
+  // (loss_chunks on host CPU devices) and loss_final. `divisor` is the 'mean' divisor, negative for
+  // the summed item weights; `total_weight` (when not null) receives the summed weights. `bind`
+  // appends the program's own arguments (LOSS_PARAMS).
   void CompileForward(const std::shared_ptr<SessionImpl>& session, const std::string& program,
                       const BuildOption& options, long count, float divisor, const Tensor& out,
                       const Tensor* total_weight, const std::function<void(KernelUnit&)>& bind);
+  // Host CPU devices: the loss_chunks unit over `count` items (one work item per
+  // contiguous chunk) and the loss_final unit folding its partial sums.
+  void CompileChunks(const std::shared_ptr<SessionImpl>& session, const std::string& program,
+                     const BuildOption& options, long count, float divisor, const Tensor& out,
+                     const Tensor* total_weight, const std::function<void(KernelUnit&)>& bind);
   // Device memory for the (loss, weight) sums of `groups` groups or items.
   Buffer PartialSums(const std::shared_ptr<SessionImpl>& session, long groups);
   // The loss_final unit folding `groups` (loss, weight) pairs of `part` into out (and the

@@ -6,4 +6,11 @@ inline float loss_item(long i, float* weight LOSS_PARAMS) {
   *weight = 1.0f;
   return d * d;
 }
-LOSS_FORWARD_KERNELS
+#ifdef NERVA_HOST_CPU_DEVICE
+inline float16 loss_vec16(long i, float16* weight LOSS_PARAMS) {
+  const float16 d = LOSS_LOAD16(x, i) - LOSS_LOAD16(t, i);
+  *weight = 1.0f;
+  return d * d;
+}
+#endif
+LOSS_FORWARD_KERNELS_VEC
