@@ -162,8 +162,6 @@ inline float16 ce_exp2_nonpositive(float16 y) {
 }
 /* Lane-wise maximum (a NaN lane in v is skipped: the sums carry NaN). */
 #define CE_MAX(m, v) select((m), (v), (v) > (m))
-#define CE_MAX16(v) LANE_FOLD(4, fmax(fmax((v).lo, (v).hi).lo, fmax((v).lo, (v).hi).hi), fmax)
-#define CE_SUM16(v) LANE_SUM(4, ((v).lo + (v).hi).lo + ((v).lo + (v).hi).hi)
 /* Elements of a row whose maximum serves as the reference of the exponentials. */
 #define CE_LEAD 256
 /* A row's reference may lie this far below its maximum (e^64 times 2^31
@@ -176,7 +174,7 @@ inline float ce_exp_sum(long base, long vl, float ref LOSS_PARAMS) {
   for (long k = 0; k < vl; k += 16) {
     s16 += ce_exp2_nonpositive((LOSS_LOAD16(x, base + k) - ref) * NERVA_LOG2E);
   }
-  return CE_SUM16(s16);
+  return LANE_SUM(16, s16);
 }
 
 /* The loss and weight of contiguous row i (inner 1), read once: the maximum
@@ -198,7 +196,7 @@ inline float ce_row(long i, float* weight LOSS_PARAMS) {
   const long base = i * classes, vl = classes / 16 * 16;
   float16 m16 = -INFINITY;
   for (long k = 0; k < min(vl, (long)CE_LEAD); k += 16) m16 = CE_MAX(m16, LOSS_LOAD16(x, base + k));
-  float ref = CE_MAX16(m16);
+  float ref = LANE_FOLD(16, m16, fmax);
   for (long k = vl; k < classes; ++k) ref = fmax(ref, LOSS_LOAD(x, base + k));
   float16 s16 = 0.0f, wx16 = 0.0f, ws16 = 0.0f;
   if (smoothing == 0.0f) {
@@ -217,8 +215,8 @@ inline float ce_row(long i, float* weight LOSS_PARAMS) {
       ws16 += wk;
     }
   }
-  float s = CE_SUM16(s16), wx = CE_SUM16(wx16), ws = CE_SUM16(ws16);
-  const float m = fmax(CE_MAX16(m16), ref);
+  float s = LANE_SUM(16, s16), wx = LANE_SUM(16, wx16), ws = LANE_SUM(16, ws16);
+  const float m = fmax(LANE_FOLD(16, m16, fmax), ref);
   if (m > ref + CE_HEADROOM) {
     ref = m;
     s = ce_exp_sum(base, vl, ref LOSS_ARGS);

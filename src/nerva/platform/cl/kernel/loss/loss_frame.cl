@@ -150,7 +150,6 @@
  * part[2g + 1] (weights); loss_final folds those. No barriers, so the work
  * items of a group run one after the other without spilling. */
 #ifdef NERVA_HOST_CPU_DEVICE
-#define LOSS_LANE_SUM16(v) LANE_SUM(4, ((v).lo + (v).hi).lo + ((v).lo + (v).hi).hi)
 #define LOSS_ITEMS16_FROM_ITEMS                                                \
   inline float16 loss_items16(long i, float16* weight LOSS_PARAMS) {           \
     float v[16], w[16];                                                        \
@@ -169,7 +168,7 @@
       va += ITEMS16(j, &wj LOSS_ARGS);                                         \
       wa += wj;                                                                \
     }                                                                          \
-    float v = LOSS_LANE_SUM16(va), w = LOSS_LANE_SUM16(wa);                    \
+    float v = LANE_SUM(16, va), w = LANE_SUM(16, wa);                    \
     for (; j < hi; ++j) {                                                      \
       float wj;                                                                \
       v += loss_item(j, &wj LOSS_ARGS);                                        \
