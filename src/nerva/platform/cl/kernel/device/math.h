@@ -46,6 +46,27 @@ NERVA_DEFINE_EXP2(float16, int16)
 #define NERVA_EXP2(y) exp2(y)
 #endif
 
+/* 2^y for y <= 0 (and -inf), lane-wise, in pure arithmetic on every device:
+ * y clamped below at -127, 2^round(y) built in the exponent bits (adding
+ * 1.5 * 2^23 + 127 leaves round(y) + 127 in the low mantissa bits) times a
+ * degree-5 fit of 2^f on [-0.5, 0.5] (relative error below 1e-7). NaN stays
+ * NaN. Cheaper than NERVA_EXP2 where the argument cannot be positive. */
+#define NERVA_DEFINE_EXP2_NONPOSITIVE(VT, IT)                                  \
+  inline VT __attribute__((overloadable)) nerva_exp2_nonpositive(VT y) {      \
+    y = select(y, (VT)(-127.0f), y < -127.0f);                               \
+    const VT shifted = y + 12583039.0f;                                      \
+    const VT f = y - (shifted - 12583039.0f);                                \
+    VT p = 1.32669752e-3f;                                                   \
+    p = p * f + 9.67546458e-3f;                                              \
+    p = p * f + 5.55074265e-2f;                                              \
+    p = p * f + 2.40221217e-1f;                                              \
+    p = p * f + 6.93146949e-1f;                                              \
+    p = p * f + 1.00000007f;                                                 \
+    return p * as_##VT(as_##IT(shifted) << 23);                              \
+  }
+NERVA_DEFINE_EXP2_NONPOSITIVE(float, int)
+NERVA_DEFINE_EXP2_NONPOSITIVE(float16, int16)
+
 #define NERVA_EXP(y) NERVA_EXP2((y) * NERVA_LOG2E)
 #define NERVA_LOG(y) (log2(y) * NERVA_INV_LOG2E)
 /* tanh(y) = 2 / (1 + e^(-2y)) - 1. */

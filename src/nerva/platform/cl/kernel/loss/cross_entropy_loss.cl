@@ -144,22 +144,6 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void ce_rows(
 }
 
 #ifdef NERVA_HOST_CPU_DEVICE
-/* 2^y for y <= 0 (and -inf), lane-wise: y clamped below at -127, 2^round(y)
- * built in the exponent bits (adding 1.5 * 2^23 + 127 leaves round(y) + 127
- * in the low mantissa bits) times a degree-5 fit of 2^f on [-0.5, 0.5]
- * (relative error below 1e-7). NaN stays NaN. */
-inline float16 ce_exp2_nonpositive(float16 y) {
-  y = select(y, (float16)(-127.0f), y < -127.0f);
-  const float16 shifted = y + 12583039.0f;
-  const float16 f = y - (shifted - 12583039.0f);
-  float16 p = 1.32669752e-3f;
-  p = p * f + 9.67546458e-3f;
-  p = p * f + 5.55074265e-2f;
-  p = p * f + 2.40221217e-1f;
-  p = p * f + 6.93146949e-1f;
-  p = p * f + 1.00000007f;
-  return p * as_float16(as_int16(shifted) << 23);
-}
 /* Lane-wise maximum (a NaN lane in v is skipped: the sums carry NaN). */
 #define CE_MAX(m, v) select((m), (v), (v) > (m))
 /* Elements of a row whose maximum serves as the reference of the exponentials. */
@@ -172,7 +156,7 @@ inline float16 ce_exp2_nonpositive(float16 y) {
 inline float ce_exp_sum(long base, long vl, float ref LOSS_PARAMS) {
   float16 s16 = 0.0f;
   for (long k = 0; k < vl; k += 16) {
-    s16 += ce_exp2_nonpositive((LOSS_LOAD16(x, base + k) - ref) * NERVA_LOG2E);
+    s16 += nerva_exp2_nonpositive((LOSS_LOAD16(x, base + k) - ref) * NERVA_LOG2E);
   }
   return LANE_SUM(16, s16);
 }
@@ -203,14 +187,14 @@ inline float ce_row(long i, float* weight LOSS_PARAMS) {
     for (long k = 0; k < vl; k += 16) {
       const float16 v = LOSS_LOAD16(x, base + k);
       m16 = CE_MAX(m16, v);
-      s16 += ce_exp2_nonpositive((v - ref) * NERVA_LOG2E);
+      s16 += nerva_exp2_nonpositive((v - ref) * NERVA_LOG2E);
     }
   } else {
     for (long k = 0; k < vl; k += 16) {
       const float16 v = LOSS_LOAD16(x, base + k);
       const float16 wk = has_w ? LOSS_LOAD16(w, k) : (float16)(1.0f);
       m16 = CE_MAX(m16, v);
-      s16 += ce_exp2_nonpositive((v - ref) * NERVA_LOG2E);
+      s16 += nerva_exp2_nonpositive((v - ref) * NERVA_LOG2E);
       wx16 += wk * v;
       ws16 += wk;
     }
