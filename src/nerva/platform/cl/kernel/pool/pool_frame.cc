@@ -269,6 +269,18 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
   return unit;
 }
 
+std::shared_ptr<KernelUnit> MakeRowUnit(KernelImpl& kernel,
+                                        const std::shared_ptr<SessionImpl>& session,
+                                        const std::string& program, const std::string& kernel_name,
+                                        const BuildOption& options, long planes, long height,
+                                        long group) {
+  auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
+                                   options, kernel_name);
+  const size_t rows = static_cast<size_t>(std::min(height, group));
+  unit->SetGlobal({static_cast<size_t>(height), static_cast<size_t>(planes)}).SetLocal({rows, 1});
+  return unit;
+}
+
 std::shared_ptr<KernelUnit> MakePlaneItemUnit(
     KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session, const std::string& program,
     const std::string& kernel_name, const BuildOption& options, long planes, long positions) {
