@@ -23,6 +23,14 @@ const std::vector<BlockCase> kBlocks = {
     {{1, 2, 5, 5}, {2, 2}, {1, 1}, {0, 0}, {1, 1}, kHalf},
     {{1, 2, 4, 29}, {2, 3}, {1, 2}, {1, 2}, {1, 3}},      // rows of 8+ blocks, stride 3
     {{2, 5, 21}, {3, 3}, {1, 1}, {1, 1}, {2, 2}, kHalf},  // rows of 8+ blocks, stride 2
+    // Rows of 16+ blocks (CPU devices copy whole rows in vectors of 16):
+    // padding 1 and 2, dilation 2 and 3, stride 2 on narrow (31) and wide
+    // images, half.
+    {{2, 3, 5, 17}, {3, 3}, {1, 1}, {1, 1}, {1, 1}},
+    {{1, 2, 6, 40}, {3, 3}, {2, 3}, {2, 2}, {1, 1}},
+    {{3, 4, 71}, {2, 3}, {1, 1}, {0, 1}, {2, 2}},
+    {{1, 2, 3, 31}, {1, 1}, {1, 1}, {0, 0}, {2, 2}},
+    {{1, 3, 4, 33}, {3, 3}, {1, 2}, {1, 2}, {1, 1}, kHalf},
 };
 
 long Blocks(long in, long k, long d, long p, long s) {

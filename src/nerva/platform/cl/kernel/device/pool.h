@@ -100,11 +100,24 @@ inline pool_wide pool_load_wide(__global const DTYPE *p, int s, int x, int width
 }
 
 /* The outputs [*lo, *hi) of a row of `out` whose taps x * s - p + j * d
- * (0 <= j < k) all lie in [0, in). */
+ * (0 <= j < k) all lie in [0, in); p may be negative. */
 inline void pool_inner_range(int in, int out, int k, int s, int p, int d, int *lo, int *hi) {
   const int last = in - 1 + p - (k - 1) * d;
-  *lo = min((p + s - 1) / s, out);
+  *lo = p > 0 ? min((p + s - 1) / s, out) : 0;
   *hi = last < 0 ? 0 : min(last / s + 1, out);
+  if (*hi < *lo) *hi = *lo;
+}
+
+/* Zeros into p[0], ..., p[n - 1], written as bits (a constant vstore_half16
+ * may become an aligned store). */
+inline void pool_zero(__global DTYPE *p, int n) {
+  int x = 0;
+  if (sizeof(DTYPE) == 2) {
+    for (; x + POOL_W <= n; x += POOL_W) vstore16((ushort16)(0), 0, (__global ushort *)p + x);
+  } else {
+    for (; x + POOL_W <= n; x += POOL_W) vstore16((uint16)(0), 0, (__global uint *)p + x);
+  }
+  for (; x < n; ++x) POOL_STORE(0.0f, p, x);
 }
 
 /* ---- max pooling ----

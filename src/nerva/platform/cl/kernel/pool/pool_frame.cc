@@ -277,7 +277,8 @@ std::shared_ptr<KernelUnit> MakeRowUnit(KernelImpl& kernel,
   auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
                                    options, kernel_name);
   const size_t rows = static_cast<size_t>(std::min(height, group));
-  unit->SetGlobal({static_cast<size_t>(height), static_cast<size_t>(planes)}).SetLocal({rows, 1});
+  const size_t lp = height == 1 ? static_cast<size_t>(std::min(planes, group)) : 1;
+  unit->SetGlobal({static_cast<size_t>(height), static_cast<size_t>(planes)}).SetLocal({rows, lp});
   return unit;
 }
 

@@ -144,7 +144,8 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
 
 // One unit of `program`'s whole-row kernel `kernel_name` (CPU devices): one
 // work item per output row (`height` rows of each of `planes` planes), over
-// (height, planes), in work-groups of `group` rows.
+// (height, planes), in work-groups of `group` rows (of `group` planes when
+// `height` is 1).
 std::shared_ptr<KernelUnit> MakeRowUnit(KernelImpl& kernel,
                                         const std::shared_ptr<SessionImpl>& session,
                                         const std::string& program, const std::string& kernel_name,
