@@ -245,6 +245,29 @@ TEST(ClResize, EveryMode) {
   for (const auto& c : cases) RunResize(c, seed++);
 }
 
+// (Bi)linear doubling of the width: CPU devices take whole rows in vectors
+// of 16 sources from 18 sources up (17 gathers), with any height scale; the
+// GPU program's row blocks run them too.
+const std::vector<ResizeCase> kDoubling = {
+    {{1, 2, 3, 18}, {1, 2, 6, 36}, InterpolateMode::kBilinear},
+    {{2, 1, 3, 37}, {2, 1, 7, 74}, InterpolateMode::kBilinear},
+    {{1, 2, 4, 17}, {1, 2, 8, 34}, InterpolateMode::kBilinear},
+    {{1, 3, 33}, {1, 3, 66}, InterpolateMode::kLinear},
+    {{1, 2, 5, 50}, {1, 2, 7, 100}, InterpolateMode::kBilinear, false, {1.5, 2.0}},
+    {{1, 2, 3, 35}, {1, 2, 6, 70}, InterpolateMode::kBilinear, false, {}, kHalf},
+};
+
+TEST(ClResize, DoublingRows) {
+  unsigned seed = 850;
+  for (const auto& c : kDoubling) RunResize(c, seed++);
+}
+
+TEST(ClResize, DoublingRowsGpuProgram) {
+  GpuPathsForTesting gpu;
+  unsigned seed = 870;
+  for (const auto& c : kDoubling) RunResize(c, seed++);
+}
+
 }  // namespace
 }  // namespace testing
 }  // namespace cl
