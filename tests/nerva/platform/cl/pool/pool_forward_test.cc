@@ -91,6 +91,7 @@ const std::vector<PoolCase> kMax2D = {
     {{1, 2, 6, 35}, {3, 3}, {1, 1}, {1, 1}, {1, 1}},
     {{1, 2, 4, 53}, {2, 5}, {1, 1}, {1, 2}, {1, 2}, true, kHalf},
     {{2, 2, 7, 97}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true, kHalf},
+    {{2, 40, 5, 37}, {3, 3}, {2, 2}, {1, 1}, {1, 1}},  // 64+ planes: a plane per work item
 };
 
 TEST(ClMaxPool, TwoD) {

@@ -149,19 +149,11 @@ inline pool_wide maxpool2d_wide(__global const DTYPE *in, int ih, int iw, int hs
   return select(m, (pool_wide)(NAN), nan);
 }
 
-/* maxpool2d_rows (CPU devices, values only, width stride 1 or 2): one work
- * item per output row (see "pool.h"). */
-__kernel void maxpool2d_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
-                             int write_index, int ih, int iw, int oh, int ow, int planes, int kh,
-                             int kw, int sh, int sw, int ph, int pw, int dh, int dw) {
-  const int y = get_global_id(0), plane = get_global_id(1);
-  if (y >= oh || plane >= planes) return;
-  __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
-  __global DTYPE *out = POOL_DST(dst) + ((long)plane * oh + y) * ow;
-  int lo, hi;
-  pool_inner_range(iw, ow, kw, sw, pw, dw, &lo, &hi);
-  if (hi - lo < POOL_W || (sw == 2 && iw < 32)) lo = hi = ow;
-  const bool fast = sw == 2 && dw == 1 && (kw == 2 || kw == 3);
+/* Output row y of a plane: outputs [lo, hi) in vectors of POOL_W (fast: the
+ * stride-2 form first), the others one at a time. */
+inline void maxpool2d_row(__global const DTYPE *in, __global DTYPE *out, int ih, int iw, int y,
+                          int ow, int kh, int kw, int sh, int sw, int ph, int pw, int dh, int dw,
+                          int lo, int hi, bool fast) {
   const int hs = y * sh - ph;
   for (int x0 = lo; x0 < hi; x0 += POOL_W) {
     const int x = min(x0, hi - POOL_W), ws = x * sw - pw;
@@ -177,5 +169,24 @@ __kernel void maxpool2d_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR
     if (x >= ow) break;
     int index;
     POOL_STORE(pool_max_window(in, isz, (int4)(0, y, x, 0), k, s, p, dl, &index), out, x);
+  }
+}
+
+/* maxpool2d_rows (CPU devices, values only, width stride 1 or 2): work items
+ * over (row sets, planes); item r of a plane takes its output rows r,
+ * r + get_global_size(0), ... (see "pool.h"). */
+__kernel void maxpool2d_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSOR1D(idx),
+                             int write_index, int ih, int iw, int oh, int ow, int planes, int kh,
+                             int kw, int sh, int sw, int ph, int pw, int dh, int dw) {
+  const int plane = get_global_id(1);
+  if (plane >= planes) return;
+  __global const DTYPE *in = POOL_SRC(src) + (long)plane * ih * iw;
+  int lo, hi;
+  pool_inner_range(iw, ow, kw, sw, pw, dw, &lo, &hi);
+  if (hi - lo < POOL_W || (sw == 2 && iw < 32)) lo = hi = ow;
+  const bool fast = sw == 2 && dw == 1 && (kw == 2 || kw == 3);
+  for (int y = get_global_id(0); y < oh; y += get_global_size(0)) {
+    maxpool2d_row(in, POOL_DST(dst) + ((long)plane * oh + y) * ow, ih, iw, y, ow, kh, kw, sh, sw,
+                  ph, pw, dh, dw, lo, hi, fast);
   }
 }
