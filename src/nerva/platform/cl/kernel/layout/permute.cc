@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kBlock = 8;    // the block one work item of permute_2d.cl transposes
 constexpr size_t kGroup = 256;  // blocks per work group (256 x 64 elements)
 // Permute2D16 (CPU devices): 16 x 16 blocks, 1024 per work group.
-constexpr size_t kWideBlock = 16, kWideGroup = 1024;
+constexpr size_t kWideBlock = 16, kWideGroup = 1024, kWideGroupX = 16;
 constexpr long kWideMin = 256;
 // Permute2DTile (GPUs): 32 x 32 tiles moved by 32 x 8 work items.
 constexpr size_t kTile = 32, kTileRows = 8;
@@ -116,11 +116,12 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
   }
   const size_t block = wide ? kWideBlock : kBlock;
   const size_t bx = Groups(layout.sizes[0], block), by = Groups(layout.sizes[1], block);
-  // Tiles of 32 x 8 blocks (measured best of 16, 32, 64 along x; 16 x 64
-  // blocks of 16), x narrowed to the blocks there are so few work items fall
-  // outside.
-  const size_t gx = std::min<size_t>(wide ? 16 : 32, Pow2(bx));
-  const size_t gy = std::min((wide ? kWideGroup : kGroup) / gx, Pow2(by));
+  // Tiles of 32 x 8 blocks (measured best of 16, 32, 64 along x), x narrowed
+  // to the blocks there are so few work items fall outside. Blocks of 16:
+  // always 16 x 64 (one group shape, one build of the work-group loop; both
+  // sides span 16 blocks or more).
+  const size_t gx = wide ? kWideGroupX : std::min<size_t>(32, Pow2(bx));
+  const size_t gy = wide ? kWideGroup / kWideGroupX : std::min(kGroup / gx, Pow2(by));
   unit->SetGlobal({bx, by, static_cast<size_t>(batch)});
   unit->SetLocal({gx, gy, 1});
 }
