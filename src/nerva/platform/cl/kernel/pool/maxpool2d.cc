@@ -54,7 +54,7 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   constexpr long kPlaneItems = 64;
   const bool rows = spatial_ == 2 && session->host_cpu() && !with_indices && g.dim[2].stride <= 2;
   auto unit = rows    ? MakeRowUnit(*this, session, program + ".cl", program + "_rows", options,
-                                    g.planes, g.planes >= kPlaneItems ? 1 : g.dim[1].out, 8)
+                                    g.planes, g.planes >= kPlaneItems ? 1 : g.dim[1].out)
               : items ? MakePlaneItemUnit(*this, session, program + ".cl", program + "_items",
                                           options, g.planes, g.dim[1].out * g.dim[2].out)
               : spatial_ == 2

@@ -146,7 +146,7 @@ void ResizeKernel::Compile(std::shared_ptr<SessionImpl> session) {
       g.dim[2].out == 2 * g.dim[2].in && g.dim[2].in >= 18 && scale.value.s[2] == 0.5f;
   if (spatial <= 2 && mode <= static_cast<int>(InterpolateMode::kBilinear)) {
     auto unit = doubling ? MakeRowUnit(*this, session, "resize.cl", "resize_wide_rows",
-                                       PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out, 8)
+                                       PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out)
                          : MakeRowBlockUnit(*this, session, "resize.cl", "resize_rows",
                                             PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out,
                                             g.dim[2].out);
