@@ -99,9 +99,9 @@ __kernel void maxpool2d_items(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), DECL_TENSO
 
 /* The maxima of POOL_W outputs whose windows start at column ws of rows hs,
  * hs + dh, ... and span kw (2 or 3) columns at width stride 2: the rows'
- * element-wise maximum first, then the kw column taps. NaN shows in running
- * sums; false when one holds NaN (or inf - inf), and the caller takes the
- * exact path. */
+ * element-wise maximum first, then the kw column taps. NaN shows in the sum
+ * of all sources: false when that is NaN (a NaN, or inf - inf), and the
+ * caller takes the exact path. */
 inline bool maxpool2d_wide_s2(__global const DTYPE *in, int ih, int iw, int hs, int kh, int dh,
                               int ws, int kw, pool_wide *out) {
   pool_wide a = (pool_wide)(-INFINITY), b = a, sa = (pool_wide)(0.0f), sb = sa;
@@ -128,7 +128,10 @@ inline bool maxpool2d_wide_s2(__global const DTYPE *in, int ih, int iw, int hs, 
     m = next > m ? next : m;
   }
   *out = m;
-  return !any(isnan(sa + sb)) && !isnan(sc);
+  const pool_wide s = sa + sb;
+  const float8 s8 = s.lo + s.hi;
+  const float4 s4 = s8.lo + s8.hi;
+  return !isnan(s4.x + s4.y + s4.z + s4.w + sc);
 }
 
 /* The maxima of POOL_W outputs whose windows start at column ws of rows hs,
