@@ -83,10 +83,11 @@ inline pool_vec pool_gather(__global const DTYPE *p, int8 i) {
 }
 
 /* ---- whole rows (CPU devices) ----
- * The CPU programs (names ending in _rows) take one work item per output row
- * of a plane over (rows, planes) and walk the row in vectors of POOL_W
- * outputs, the last one ending at the row's end (overlapping the one before
- * it); outputs whose sources fall outside the row go one at a time. */
+ * The CPU programs maxpool2d_rows, im2col_rows and resize_wide_rows give a
+ * work item whole output rows (one, or all rows of a plane or column row) and
+ * walk each row in vectors of POOL_W outputs, the last one ending at the
+ * row's end (overlapping the one before it); outputs whose sources fall
+ * outside the row go one at a time. */
 #define POOL_W 16
 typedef float16 pool_wide;
 
