@@ -52,27 +52,18 @@ __kernel void Permute2D(uint n0, uint n1, __global uchar *out_ptr, uint out_offs
           *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
 }
 
+/* One 8 x 8 block: in at its first input row, out at its first output row. */
+inline void pt_block8(__global const uchar *in, __global uchar *out, uint in_s0, uint out_s1) {
+  PT_LOAD(0) PT_LOAD(1) PT_LOAD(2) PT_LOAD(3) PT_LOAD(4) PT_LOAD(5) PT_LOAD(6) PT_LOAD(7)
+  PT_STORE(0) PT_STORE(1) PT_STORE(2) PT_STORE(3) PT_STORE(4) PT_STORE(5) PT_STORE(6) PT_STORE(7)
+}
+
 /*
- * Permute2D16 (CPU devices, elements of up to 4 bytes): the same with 16 x 16
- * blocks, so for 4-byte elements every load and store is a whole 64-byte
- * cache line.
+ * Permute2D16 (CPU devices): the same with 16 x 16 blocks moved as four 8 x 8
+ * blocks, the two halves of each output row one after the other, so for
+ * 4-byte elements every input and output cache line of the block is used
+ * whole while it is in L1 (one 16 x 16 register transpose spills).
  */
-#if LY_SIZE <= 4
-#if LY_SIZE == 1
-typedef uchar16 ly_t16;
-#elif LY_SIZE == 2
-typedef ushort16 ly_t16;
-#else
-typedef uint16 ly_t16;
-#endif
-
-#define PT16_COL(j)                                                                             \
-  (ly_t16)(a0.s##j, a1.s##j, a2.s##j, a3.s##j, a4.s##j, a5.s##j, a6.s##j, a7.s##j, a8.s##j,     \
-           a9.s##j, a10.s##j, a11.s##j, a12.s##j, a13.s##j, a14.s##j, a15.s##j)
-#define PT16_LOAD(i) \
-  const ly_t16 a##i = vload16(0, (__global const ly_t *)(in + (ulong)(i) * in_s0));
-#define PT16_STORE(j, r) vstore16(PT16_COL(j), 0, (__global ly_t *)(out + (ulong)(r) * out_s1));
-
 __kernel void Permute2D16(uint n0, uint n1, __global uchar *out_ptr, uint out_offset, uint out_s1,
                           uint out_sb, __global uchar *in_ptr, uint in_offset, uint in_s0,
                           uint in_sb) {
@@ -83,13 +74,11 @@ __kernel void Permute2D16(uint n0, uint n1, __global uchar *out_ptr, uint out_of
       in_ptr + (in_offset + b * in_sb + (ulong)x0 * in_s0 + (ulong)y0 * LY_SIZE);
   __global uchar *out = out_ptr + (out_offset + b * out_sb + (ulong)y0 * out_s1 + (ulong)x0 * LY_SIZE);
   if (x0 + 16 <= n0 && y0 + 16 <= n1) {
-    PT16_LOAD(0) PT16_LOAD(1) PT16_LOAD(2) PT16_LOAD(3) PT16_LOAD(4) PT16_LOAD(5) PT16_LOAD(6)
-    PT16_LOAD(7) PT16_LOAD(8) PT16_LOAD(9) PT16_LOAD(10) PT16_LOAD(11) PT16_LOAD(12)
-    PT16_LOAD(13) PT16_LOAD(14) PT16_LOAD(15)
-    PT16_STORE(0, 0) PT16_STORE(1, 1) PT16_STORE(2, 2) PT16_STORE(3, 3) PT16_STORE(4, 4)
-    PT16_STORE(5, 5) PT16_STORE(6, 6) PT16_STORE(7, 7) PT16_STORE(8, 8) PT16_STORE(9, 9)
-    PT16_STORE(a, 10) PT16_STORE(b, 11) PT16_STORE(c, 12) PT16_STORE(d, 13) PT16_STORE(e, 14)
-    PT16_STORE(f, 15)
+    const ulong in8 = 8 * (ulong)in_s0, out8 = 8 * (ulong)out_s1;
+    pt_block8(in, out, in_s0, out_s1);
+    pt_block8(in + in8, out + 8 * LY_SIZE, in_s0, out_s1);
+    pt_block8(in + 8 * LY_SIZE, out + out8, in_s0, out_s1);
+    pt_block8(in + in8 + 8 * LY_SIZE, out + out8 + 8 * LY_SIZE, in_s0, out_s1);
     return;
   }
   const uint nx = min(16u, n0 - x0), ny = min(16u, n1 - y0);
@@ -98,7 +87,6 @@ __kernel void Permute2D16(uint n0, uint n1, __global uchar *out_ptr, uint out_of
       *(__global ly_t *)(out + (ulong)j * out_s1 + i * LY_SIZE) =
           *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
 }
-#endif /* LY_SIZE <= 4 */
 
 #define PT_TILE 32
 #define PT_ROWS 8
