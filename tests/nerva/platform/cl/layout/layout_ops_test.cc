@@ -47,6 +47,35 @@ TEST(LayoutPermute, MatchesReferenceForEveryType) {
   }
 }
 
+// Transposes on CPU devices with both sides 256 or longer move 16 x 16
+// blocks (elements of up to 4 bytes): whole and cut blocks on either edge,
+// batched, strided rows; and thin shapes beside them.
+TEST(LayoutPermute, WideTransposeBlocks) {
+  const PermuteCase cases[] = {
+      {{257, 300}, {}, {1, 0}},        // cut blocks on both edges
+      {{256, 512}, {}, {1, 0}},        // whole blocks
+      {{2, 270, 259}, {}, {0, 2, 1}},  // batched
+      {{260, 270}, {280, 1}, {1, 0}},  // strided rows
+      {{17, 33}, {}, {1, 0}},         {{1, 300}, {}, {1, 0}}, {{300, 1}, {}, {1, 0}},
+  };
+  for (DataType type : {kFloat, kHalf, kInt8}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(StrCat(Shape(c.sizes), " ", type));
+      DevTensor in = RandomTensor(c.sizes, type, c.strides);
+      std::vector<long> out_sizes;
+      for (int d : c.dims) out_sizes.push_back(c.sizes[d]);
+      DevTensor out = OutTensor(out_sizes, type);
+      TestQueue().Enqueue(
+          Permute::Create(TestQueue(), PermuteOption{c.dims}, in.opt, in.buf, out.opt, out.buf));
+      ExpectMoved(out, in, [&](const std::vector<long>& o, std::vector<long>* i) {
+        i->assign(o.size(), 0);
+        for (size_t d = 0; d < o.size(); ++d) (*i)[c.dims[d]] = o[d];
+        return true;
+      });
+    }
+  }
+}
+
 TEST(LayoutSlice, StepsNegativeBoundsAndClamping) {
   struct Case {
     std::vector<long> sizes, starts, ends, steps;

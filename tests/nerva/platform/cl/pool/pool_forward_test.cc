@@ -81,6 +81,17 @@ const std::vector<PoolCase> kMax2D = {
     {{2, 4, 20}, {3, 3}, {1, 1}, {0, 0}, {1, 2}},
     {{1, 2, 3, 41}, {2, 3}, {1, 3}, {0, 1}, {1, 1}, true},
     {{1, 3, 6, 33}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true, kHalf},
+    // Rows of 16 or more outputs (CPU devices walk whole rows in vectors of
+    // 16): stride 2 with 2- and 3-wide windows, odd and even widths, padding,
+    // ceil_mode, dilation 2 in either dimension, stride 1, half.
+    {{2, 3, 9, 71}, {3, 3}, {2, 2}, {1, 1}, {1, 1}},
+    {{1, 2, 7, 70}, {3, 3}, {2, 2}, {0, 0}, {2, 1}, true},
+    {{1, 2, 5, 66}, {2, 2}, {2, 2}, {0, 0}, {1, 1}},
+    {{3, 4, 67}, {3, 3}, {2, 2}, {1, 1}, {1, 2}, true},
+    {{1, 2, 6, 35}, {3, 3}, {1, 1}, {1, 1}, {1, 1}},
+    {{1, 2, 4, 53}, {2, 5}, {1, 1}, {1, 2}, {1, 2}, true, kHalf},
+    {{2, 2, 7, 97}, {3, 3}, {2, 2}, {1, 1}, {1, 1}, true, kHalf},
+    {{2, 40, 5, 37}, {3, 3}, {2, 2}, {1, 1}, {1, 1}},  // 64+ planes: a plane per work item
 };
 
 TEST(ClMaxPool, TwoD) {
@@ -127,16 +138,17 @@ TEST(ClMaxPool, NanWinsAndInt32Indices) {
   EXPECT_EQ(DownloadAs(indices), (std::vector<double>{1, 2, 6, 8}));
 }
 
-TEST(ClMaxPool, NanInVectorBlocks) {
-  const PoolCase c{{1, 3, 20}, {2, 2}, {1, 1}, {0, 0}, {1, 1}};
+void CheckMaxPoolNan(const PoolCase& c, const std::vector<long>& nan_at) {
   const Window w = MakeWindow(c, 2, true);
   std::vector<double> x = RoundTrip(RandomValues(Count(c.sizes), -4, 4, 55), kFloat);
-  x[29] = NAN;  // row 1, column 9
+  for (long i : nan_at) x[i] = NAN;
+  x[3] = INFINITY, x[c.sizes.back() + 3] = -INFINITY;  // one column: inf - inf is NaN
   std::vector<double> want, want_index;
-  RefMaxPool(x, 1, w, &want, &want_index);
+  RefMaxPool(x, Planes(c.sizes, 2), w, &want, &want_index);
   for (bool with_indices : {false, true}) {
-    Tensor input = UploadAs(x, c.sizes, kFloat), output = MakeOutput({1, 2, 19}, kFloat);
-    Tensor indices = MakeOutput({1, 2, 19}, kInt64);
+    const std::vector<long> out_sizes = OutSizes(c.sizes, w.out, 2);
+    Tensor input = UploadAs(x, c.sizes, kFloat), output = MakeOutput(out_sizes, kFloat);
+    Tensor indices = MakeOutput(out_sizes, kInt64);
     const MaxPool2DOption o{c.kernel, c.stride, c.padding, c.dilation};
     TestQueue().Enqueue(with_indices
                             ? MaxPool2D::Create(TestQueue(), o, input.option(), input.storage(),
@@ -155,6 +167,15 @@ TEST(ClMaxPool, NanInVectorBlocks) {
       EXPECT_EQ(DownloadAs(indices), want_index);
     }
   }
+}
+
+TEST(ClMaxPool, NanInVectorBlocks) {
+  CheckMaxPoolNan({{1, 3, 20}, {2, 2}, {1, 1}, {0, 0}, {1, 1}}, {29});  // row 1, column 9
+  // Rows of 16 or more outputs, stride 2: NaN inside a vector of outputs,
+  // at the column a 3-wide window shares with the next vector, and in the
+  // last column; inf and -inf beside them.
+  CheckMaxPoolNan({{2, 5, 71}, {3, 3}, {2, 2}, {1, 1}, {1, 1}}, {71 + 9, 2 * 71 + 32, 355 + 70});
+  CheckMaxPoolNan({{1, 4, 66}, {2, 2}, {2, 2}, {0, 0}, {1, 1}}, {66 + 31});
 }
 
 TEST(ClAvgPool, TwoD) {

@@ -23,6 +23,14 @@ const std::vector<BlockCase> kBlocks = {
     {{1, 2, 5, 5}, {2, 2}, {1, 1}, {0, 0}, {1, 1}, kHalf},
     {{1, 2, 4, 29}, {2, 3}, {1, 2}, {1, 2}, {1, 3}},      // rows of 8+ blocks, stride 3
     {{2, 5, 21}, {3, 3}, {1, 1}, {1, 1}, {2, 2}, kHalf},  // rows of 8+ blocks, stride 2
+    // Rows of 16+ blocks (CPU devices copy whole rows in vectors of 16):
+    // padding 1 and 2, dilation 2 and 3, stride 2 on narrow (31) and wide
+    // images, half.
+    {{2, 3, 5, 17}, {3, 3}, {1, 1}, {1, 1}, {1, 1}},
+    {{1, 2, 6, 40}, {3, 3}, {2, 3}, {2, 2}, {1, 1}},
+    {{3, 4, 71}, {2, 3}, {1, 1}, {0, 1}, {2, 2}},
+    {{1, 2, 3, 31}, {1, 1}, {1, 1}, {0, 0}, {2, 2}},
+    {{1, 3, 4, 33}, {3, 3}, {1, 2}, {1, 2}, {1, 1}, kHalf},
 };
 
 long Blocks(long in, long k, long d, long p, long s) {
@@ -235,6 +243,29 @@ TEST(ClResize, EveryMode) {
   };
   unsigned seed = 800;
   for (const auto& c : cases) RunResize(c, seed++);
+}
+
+// (Bi)linear doubling of the width: CPU devices take whole rows in vectors
+// of 16 sources from 18 sources up (17 gathers), with any height scale; the
+// GPU program's row blocks run them too.
+const std::vector<ResizeCase> kDoubling = {
+    {{1, 2, 3, 18}, {1, 2, 6, 36}, InterpolateMode::kBilinear},
+    {{2, 1, 3, 37}, {2, 1, 7, 74}, InterpolateMode::kBilinear},
+    {{1, 2, 4, 17}, {1, 2, 8, 34}, InterpolateMode::kBilinear},
+    {{1, 3, 33}, {1, 3, 66}, InterpolateMode::kLinear},
+    {{1, 2, 5, 50}, {1, 2, 7, 100}, InterpolateMode::kBilinear, false, {1.5, 2.0}},
+    {{1, 2, 3, 35}, {1, 2, 6, 70}, InterpolateMode::kBilinear, false, {}, kHalf},
+};
+
+TEST(ClResize, DoublingRows) {
+  unsigned seed = 850;
+  for (const auto& c : kDoubling) RunResize(c, seed++);
+}
+
+TEST(ClResize, DoublingRowsGpuProgram) {
+  GpuPathsForTesting gpu;
+  unsigned seed = 870;
+  for (const auto& c : kDoubling) RunResize(c, seed++);
 }
 
 }  // namespace

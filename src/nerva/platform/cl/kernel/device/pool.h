@@ -82,6 +82,45 @@ inline pool_vec pool_gather(__global const DTYPE *p, int8 i) {
                     POOL_LOAD(p, i.s4), POOL_LOAD(p, i.s5), POOL_LOAD(p, i.s6), POOL_LOAD(p, i.s7));
 }
 
+/* ---- whole rows (CPU devices) ----
+ * The CPU programs maxpool2d_rows, im2col_rows and resize_wide_rows give a
+ * work item whole output rows (one, or all rows of a plane or column row) and
+ * walk each row in vectors of POOL_W outputs, the last one ending at the
+ * row's end (overlapping the one before it); outputs whose sources fall
+ * outside the row go one at a time. */
+#define POOL_W 16
+typedef float16 pool_wide;
+
+/* POOL_W elements p[0], p[s], ..., p[15 * s] for s = 1 or 2, p being at
+ * position x of a row of `width` elements and all of them inside it (for
+ * s = 2, width >= 32). */
+inline pool_wide pool_load_wide(__global const DTYPE *p, int s, int x, int width) {
+  if (s == 1) return VLOAD(DTYPE, 16, p);
+  if (x + 32 <= width) return (pool_wide)(VLOAD(DTYPE, 16, p).even, VLOAD(DTYPE, 16, p + 16).even);
+  return (pool_wide)(VLOAD(DTYPE, 16, p - 1).odd, VLOAD(DTYPE, 16, p + 15).odd);
+}
+
+/* The outputs [*lo, *hi) of a row of `out` whose taps x * s - p + j * d
+ * (0 <= j < k) all lie in [0, in); p may be negative. */
+inline void pool_inner_range(int in, int out, int k, int s, int p, int d, int *lo, int *hi) {
+  const int last = in - 1 + p - (k - 1) * d;
+  *lo = p > 0 ? min((p + s - 1) / s, out) : 0;
+  *hi = last < 0 ? 0 : min(last / s + 1, out);
+  if (*hi < *lo) *hi = *lo;
+}
+
+/* Zeros into p[0], ..., p[n - 1], written as bits (a constant vstore_half16
+ * may become an aligned store). */
+inline void pool_zero(__global DTYPE *p, int n) {
+  int x = 0;
+  if (sizeof(DTYPE) == 2) {
+    for (; x + POOL_W <= n; x += POOL_W) vstore16((ushort16)(0), 0, (__global ushort *)p + x);
+  } else {
+    for (; x + POOL_W <= n; x += POOL_W) vstore16((uint16)(0), 0, (__global uint *)p + x);
+  }
+  for (; x < n; ++x) POOL_STORE(0.0f, p, x);
+}
+
 /* ---- max pooling ----
  * The maximum of the window of output position o (NaN wins, the first
  * maximum is kept) and its flat index within the plane; the index starts at

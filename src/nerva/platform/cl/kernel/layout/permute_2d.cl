@@ -52,6 +52,42 @@ __kernel void Permute2D(uint n0, uint n1, __global uchar *out_ptr, uint out_offs
           *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
 }
 
+/* One 8 x 8 block: in at its first input row, out at its first output row. */
+inline void pt_block8(__global const uchar *in, __global uchar *out, uint in_s0, uint out_s1) {
+  PT_LOAD(0) PT_LOAD(1) PT_LOAD(2) PT_LOAD(3) PT_LOAD(4) PT_LOAD(5) PT_LOAD(6) PT_LOAD(7)
+  PT_STORE(0) PT_STORE(1) PT_STORE(2) PT_STORE(3) PT_STORE(4) PT_STORE(5) PT_STORE(6) PT_STORE(7)
+}
+
+/*
+ * Permute2D16 (CPU devices): the same with 16 x 16 blocks moved as four 8 x 8
+ * blocks, the two halves of each output row one after the other, so for
+ * 4-byte elements every input and output cache line of the block is used
+ * whole while it is in L1 (one 16 x 16 register transpose spills).
+ */
+__kernel void Permute2D16(uint n0, uint n1, __global uchar *out_ptr, uint out_offset, uint out_s1,
+                          uint out_sb, __global uchar *in_ptr, uint in_offset, uint in_s0,
+                          uint in_sb) {
+  const uint x0 = get_global_id(0) * 16, y0 = get_global_id(1) * 16;
+  if (x0 >= n0 || y0 >= n1) return;
+  const ulong b = get_global_id(2);
+  __global const uchar *in =
+      in_ptr + (in_offset + b * in_sb + (ulong)x0 * in_s0 + (ulong)y0 * LY_SIZE);
+  __global uchar *out = out_ptr + (out_offset + b * out_sb + (ulong)y0 * out_s1 + (ulong)x0 * LY_SIZE);
+  if (x0 + 16 <= n0 && y0 + 16 <= n1) {
+    const ulong in8 = 8 * (ulong)in_s0, out8 = 8 * (ulong)out_s1;
+    pt_block8(in, out, in_s0, out_s1);
+    pt_block8(in + in8, out + 8 * LY_SIZE, in_s0, out_s1);
+    pt_block8(in + 8 * LY_SIZE, out + out8, in_s0, out_s1);
+    pt_block8(in + in8 + 8 * LY_SIZE, out + out8 + 8 * LY_SIZE, in_s0, out_s1);
+    return;
+  }
+  const uint nx = min(16u, n0 - x0), ny = min(16u, n1 - y0);
+  for (uint i = 0; i < nx; ++i)
+    for (uint j = 0; j < ny; ++j)
+      *(__global ly_t *)(out + (ulong)j * out_s1 + i * LY_SIZE) =
+          *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
+}
+
 #define PT_TILE 32
 #define PT_ROWS 8
 

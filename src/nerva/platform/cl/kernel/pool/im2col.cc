@@ -113,9 +113,10 @@ void Im2colKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (rows * blocks == 0) return;
   input_ = MakeContiguous(*this, session, input_);
   const BuildOption options = PoolBuildOption(input_.dtype());
+  // CPU devices: one work item per column row.
+  const long column_rows = g.planes * g.dim[1].kernel * g.dim[2].kernel;
   auto unit = session->host_cpu()
-                  ? MakeRowBlockUnit(*this, session, "im2col.cl", "im2col", options, g.planes,
-                                     g.dim[1].out, g.dim[2].out)
+                  ? MakeRowUnit(*this, session, "im2col.cl", "im2col_rows", options, column_rows, 1)
                   : MakePlaneItemUnit(*this, session, "im2col.cl", "im2col_items", options,
                                       g.planes, g.dim[1].out * g.dim[2].out);
   unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));

@@ -64,3 +64,40 @@ __kernel void im2col_items(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int i
     }
   }
 }
+
+/* im2col_rows (CPU devices): one work item per column row
+ * r = (plane * kh + i) * kw + j, writing its oh * ow contiguous positions
+ * output row by output row: zeros where the source falls in the padding,
+ * vectors of POOL_W sources (width stride 1 or 2, the last vector ending at
+ * the inner range's end) between. */
+__kernel void im2col_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh, int ow,
+                          int planes, int kh, int kw, int sh, int sw, int ph, int pw, int dh,
+                          int dw) {
+  const int r = get_global_id(1);
+  if (r >= planes * kh * kw) return;
+  const int plane = r / (kh * kw), i = r / kw % kh, j = r % kw;
+  __global DTYPE *out = POOL_DST(dst) + (long)r * oh * ow;
+  __global const DTYPE *image = POOL_SRC(src) + (long)plane * ih * iw;
+  const int p = pw - j * dw; /* position x reads image row x * sw - p */
+  int lo, hi;
+  pool_inner_range(iw, ow, 1, sw, p, 1, &lo, &hi);
+  const bool wide = hi - lo >= POOL_W && sw <= 2 && (sw == 1 || iw >= 32);
+  for (int y = 0; y < oh; ++y, out += ow) {
+    const int h = y * sh - ph + i * dh;
+    if (h < 0 || h >= ih) {
+      pool_zero(out, ow);
+      continue;
+    }
+    __global const DTYPE *in = image + h * iw;
+    pool_zero(out, lo);
+    pool_zero(out + hi, ow - hi);
+    int x = lo;
+    if (wide) {
+      for (; x < hi; x += POOL_W) {
+        const int at = min(x, hi - POOL_W), w = at * sw - p;
+        VSTORE(DTYPE, 16, pool_load_wide(in + w, sw, w, iw), out + at);
+      }
+    }
+    for (; x < hi; ++x) POOL_STORE(POOL_LOAD(in, x * sw - p), out, x);
+  }
+}

@@ -49,8 +49,14 @@ void MaxPoolKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const BuildOption options =
       PoolBuildOption(input_.dtype(), with_indices ? indices_.dtype() : kInt64);
   const bool items = spatial_ == 2 && !session->host_cpu();
-  auto unit = items ? MakePlaneItemUnit(*this, session, program + ".cl", program + "_items",
-                                        options, g.planes, g.dim[1].out * g.dim[2].out)
+  // CPU devices, values only, width stride 1 or 2: whole output rows, all
+  // rows of a plane in one work item when there are planes enough.
+  constexpr long kPlaneItems = 64;
+  const bool rows = spatial_ == 2 && session->host_cpu() && !with_indices && g.dim[2].stride <= 2;
+  auto unit = rows    ? MakeRowUnit(*this, session, program + ".cl", program + "_rows", options,
+                                    g.planes, g.planes >= kPlaneItems ? 1 : g.dim[1].out)
+              : items ? MakePlaneItemUnit(*this, session, program + ".cl", program + "_items",
+                                          options, g.planes, g.dim[1].out * g.dim[2].out)
               : spatial_ == 2
                   ? MakeRowBlockUnit(*this, session, program + ".cl", program, options, g.planes,
                                      g.dim[1].out, g.dim[2].out)

@@ -269,6 +269,20 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
   return unit;
 }
 
+std::shared_ptr<KernelUnit> MakeRowUnit(KernelImpl& kernel,
+                                        const std::shared_ptr<SessionImpl>& session,
+                                        const std::string& program, const std::string& kernel_name,
+                                        const BuildOption& options, long planes, long height) {
+  auto unit = kernel.MakeSubKernel(session, StrCat("Pool::", program), PoolSources(program),
+                                   options, kernel_name);
+  // One group shape whatever the sizes (items past the end return): PoCL
+  // builds the work-group loop once per shape.
+  const size_t n = static_cast<size_t>(kRowGroup);
+  unit->SetGlobal({static_cast<size_t>(height), static_cast<size_t>(planes)})
+      .SetLocal({height == 1 ? 1 : n, height == 1 ? n : 1});
+  return unit;
+}
+
 std::shared_ptr<KernelUnit> MakePlaneItemUnit(
     KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session, const std::string& program,
     const std::string& kernel_name, const BuildOption& options, long planes, long positions) {

@@ -142,6 +142,16 @@ std::shared_ptr<KernelUnit> MakeRowBlockUnit(KernelImpl& kernel,
                                              const BuildOption& options, long planes, long height,
                                              long width);
 
+// One unit of `program`'s whole-row kernel `kernel_name` (CPU devices): one
+// work item per output row (`height` rows of each of `planes` planes), over
+// (height, planes), in work-groups of kRowGroup rows (of kRowGroup planes
+// when `height` is 1).
+constexpr long kRowGroup = 8;
+std::shared_ptr<KernelUnit> MakeRowUnit(KernelImpl& kernel,
+                                        const std::shared_ptr<SessionImpl>& session,
+                                        const std::string& program, const std::string& kernel_name,
+                                        const BuildOption& options, long planes, long height);
+
 // The GPU form of a row-block kernel (`kernel_name`, same arguments): one
 // work item per output position of a plane (`positions` of them), over
 // (positions, planes) in groups of 256 positions of one plane.

@@ -139,10 +139,17 @@ void ResizeKernel::Compile(std::shared_ptr<SessionImpl> session) {
     scale.value.s[j] = i < 0 ? 1.0f : Scale(g.dim[j], i, spatial);
   }
   const int mode = static_cast<int>(option_.mode);
+  // CPU devices: (bi)linear doubling of the width in whole rows.
+  const bool doubling =
+      session->host_cpu() && !option_.align_corners &&
+      (option_.mode == InterpolateMode::kLinear || option_.mode == InterpolateMode::kBilinear) &&
+      g.dim[2].out == 2 * g.dim[2].in && g.dim[2].in >= 18 && scale.value.s[2] == 0.5f;
   if (spatial <= 2 && mode <= static_cast<int>(InterpolateMode::kBilinear)) {
-    auto unit =
-        MakeRowBlockUnit(*this, session, "resize.cl", "resize_rows",
-                         PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out, g.dim[2].out);
+    auto unit = doubling ? MakeRowUnit(*this, session, "resize.cl", "resize_wide_rows",
+                                       PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out)
+                         : MakeRowBlockUnit(*this, session, "resize.cl", "resize_rows",
+                                            PoolBuildOption(input_.dtype()), g.planes, g.dim[1].out,
+                                            g.dim[2].out);
     unit->SetArg(FlatView(input_)).SetArg(FlatView(output_));
     BindRowGeometry(*unit, g, false);
     unit->SetArg(scale.value.s[1])

@@ -155,3 +155,50 @@ __kernel void resize_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw
   vstore8(v, 0, lanes);
   for (int i = 0; i < ow; ++i) POOL_STORE(lanes[i], out, i);
 }
+
+/* The (bi)linear value of output x of a row blending source rows r0 and r1
+ * with weights lh (scalar, for the row ends of resize_wide_rows). */
+inline float resize_row_point(__global const DTYPE *r0, __global const DTYPE *r1, float2 lh,
+                              float sw, int x, int iw) {
+  int2 w;
+  float2 lw;
+  resize_taps(sw, x, iw, 0, &w, &lw);
+  return lh.s0 * (lw.s0 * POOL_LOAD(r0, w.s0) + lw.s1 * POOL_LOAD(r0, w.s1)) +
+         lh.s1 * (lw.s0 * POOL_LOAD(r1, w.s0) + lw.s1 * POOL_LOAD(r1, w.s1));
+}
+
+/* resize_wide_rows (CPU devices): (bi)linear doubling of the width without
+ * align_corners (iw >= 18), one work item per output row over (oh, planes):
+ * the two source rows blended by the row weights first, then outputs 2k and
+ * 2k + 1 blend sources k - 1, k and k, k + 1 with weights 1/4 and 3/4, 32
+ * outputs per vector step (the last step ending at source iw - 2); the two
+ * outputs at either end one at a time. Arguments as resize_rows. */
+__kernel void resize_wide_rows(DECL_TENSOR1D(src), DECL_TENSOR1D(dst), int ih, int iw, int oh,
+                               int ow, int planes, float sh, float sw, int mode,
+                               int align_corners) {
+  const int y = get_global_id(0), plane = get_global_id(1);
+  if (y >= oh || plane >= planes) return;
+  int2 h;
+  float2 lh;
+  resize_taps(sh, y, ih, align_corners, &h, &lh);
+  __global const DTYPE *r0 = POOL_SRC(src) + ((long)plane * ih + h.s0) * iw;
+  __global const DTYPE *r1 = POOL_SRC(src) + ((long)plane * ih + h.s1) * iw;
+  __global DTYPE *out = POOL_DST(dst) + ((long)plane * oh + y) * ow;
+  for (int k = 1; k < iw - 1; k += POOL_W) {
+    const int k0 = min(k, iw - 1 - POOL_W);
+    const pool_wide a = lh.s0 * VLOAD(DTYPE, 16, r0 + k0 - 1) + lh.s1 * VLOAD(DTYPE, 16, r1 + k0 - 1);
+    const pool_wide b = lh.s0 * VLOAD(DTYPE, 16, r0 + k0) + lh.s1 * VLOAD(DTYPE, 16, r1 + k0);
+    const pool_wide c = lh.s0 * VLOAD(DTYPE, 16, r0 + k0 + 1) + lh.s1 * VLOAD(DTYPE, 16, r1 + k0 + 1);
+    const pool_wide e = 0.25f * a + 0.75f * b, o = 0.75f * b + 0.25f * c;
+    VSTORE(DTYPE, 16,
+           (pool_wide)(e.s0, o.s0, e.s1, o.s1, e.s2, o.s2, e.s3, o.s3, e.s4, o.s4, e.s5, o.s5,
+                       e.s6, o.s6, e.s7, o.s7),
+           out + 2 * k0);
+    VSTORE(DTYPE, 16,
+           (pool_wide)(e.s8, o.s8, e.s9, o.s9, e.sa, o.sa, e.sb, o.sb, e.sc, o.sc, e.sd, o.sd,
+                       e.se, o.se, e.sf, o.sf),
+           out + 2 * k0 + POOL_W);
+  }
+  const int ends[4] = {0, 1, ow - 2, ow - 1};
+  for (int i = 0; i < 4; ++i) POOL_STORE(resize_row_point(r0, r1, lh, sw, ends[i], iw), out, ends[i]);
+}
