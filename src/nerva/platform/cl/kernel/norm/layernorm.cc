@@ -89,8 +89,11 @@ void LayerNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   input_ = MakeContiguous(*this, session, input_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   if (bias_.defined()) bias_ = MakeContiguous(*this, session, bias_);
-  const RunSplit split = SplitRun(length);
   const int block = NormBlockSize(*session, rows);
+  // The bias run is shifted by the scale's stride (see layernorm.cl): with
+  // differing types the leftover must stay 0, which 4 lanes guarantee.
+  const bool mixed = weight_.defined() && bias_.defined() && weight_.dtype() != bias_.dtype();
+  const RunSplit split = SplitRun(length, mixed ? 4 : NormVecWidth(*session, block));
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddDefinitionAutoType("EPS", option_.eps);

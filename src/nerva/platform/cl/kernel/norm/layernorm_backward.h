@@ -36,6 +36,9 @@ class LayerNormBackwardKernel : public KernelImpl {
   // writing float partial sums that the Reduce merge adds up.
   void CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session, const RunSplit& split,
                                   const ColumnSplit& rows);
+  // Host-CPU devices: items stream chunks of whole rows into float partial
+  // rows, merged the same way.
+  void CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session);
 
  private:
   bool WritesGradX() const;

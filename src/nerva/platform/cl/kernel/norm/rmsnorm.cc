@@ -42,8 +42,8 @@ void RMSNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (rows == 0 || length == 0) return;
   input_ = MakeContiguous(*this, session, input_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
-  const RunSplit split = SplitRun(length);
   const int block = NormBlockSize(*session, rows);
+  const RunSplit split = SplitRun(length, NormVecWidth(*session, block));
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
