@@ -85,14 +85,18 @@ TEST(ClLayerNormBackwardTest, AllGradientsOverRowLengths) {
 }
 
 TEST(ClLayerNormBackwardTest, RowChunksRaggedLengths) {
-  // On CPU devices one item per row for the input gradient and chunks of
-  // rows folded four at a time into partial rows for the others: 16-lane
-  // vectors after 1, 15 or 1 leading elements, chunks ending between steps.
+  // On CPU devices chunks of rows folded four at a time into partial rows,
+  // writing the input gradient in the same pass when it is asked for too,
+  // else one item per row for it: 16-lane vectors after 1, 15 or 1 leading
+  // elements, chunks ending between steps.
   unsigned seed = 2150;
   for (long n : {1L, 15L, 17L, 4097L}) RunBackward({64, n}, seed++);
   RunBackward({70, 17}, seed++);
+  RunBackward({66, 17, false}, seed++);
+  RunBackward({66, 15, true, {true, true, false}}, seed++);
   RunBackward({66, 15, true, {false, true, false}}, seed++);
   RunBackward({66, 15, false, {false, false, true}}, seed++);
+  RunBackward({64, 17, true, {true, false, false}}, seed++);
   RunBackward({67, 33, true, {true, true, true}, kHalf}, seed++);
 }
 

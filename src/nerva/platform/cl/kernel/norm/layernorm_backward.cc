@@ -80,8 +80,14 @@ void LayerNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   mean_ = MakeContiguous(*this, session, mean_);
   rstd_ = MakeContiguous(*this, session, rstd_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
+  const bool columns = WritesGradWeight() || WritesGradBias();
+  if (session->host_cpu() && WritesGradX() && columns) {
+    // One pass over the rows for all three gradients.
+    CompileRowsGradWeightBias(session, true);
+    return;
+  }
   if (WritesGradX()) CompileGradX(session);
-  if (WritesGradWeight() || WritesGradBias()) CompileGradWeightBias(session);
+  if (columns) CompileGradWeightBias(session);
 }
 
 void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session) {
@@ -117,7 +123,7 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   if (session->host_cpu()) {
-    CompileRowsGradWeightBias(session);
+    CompileRowsGradWeightBias(session, false);
     return;
   }
   const RunSplit split = SplitRun(length_);
@@ -151,7 +157,8 @@ void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
       .SetLocal({static_cast<size_t>(kReduceBlockSize)});
 }
 
-void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session) {
+void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session,
+                                                        bool with_grad_input) {
   // Chunks of at least 16 rows, at most 32 chunks: enough items for the
   // cores, few partial rows to merge.
   constexpr long kMaxChunks = 32, kMinRows = 16;
@@ -165,7 +172,9 @@ void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionI
       .AddOption("-DGRAD_WEIGHT_BIAS")
       .AddOption("-DROW_CHUNKS")
       .AddOptionIf(WritesGradWeight(), "-DSAVE_WEIGHT")
-      .AddOptionIf(WritesGradBias(), "-DSAVE_BIAS");
+      .AddOptionIf(WritesGradBias(), "-DSAVE_BIAS")
+      .AddOptionIf(with_grad_input, "-DWITH_GRAD_INPUT");
+  if (with_grad_input) AddTensorSwitch(options, weight_, "USE_WEIGHT", "DTYPE_WEIGHT");
   auto unit = MakeSubKernel(session, "LayerNormBackward::grad_wb_rows",
                             NormSources("layernorm_backward.cl"), options,
                             "layernorm_backward_grad_wb_rows");
@@ -173,6 +182,8 @@ void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionI
       .SetArg(RowView(input_, rows_, length_))
       .SetArg(ContiguousView(mean_, {rows_}))
       .SetArg(ContiguousView(rstd_, {rows_}));
+  if (with_grad_input && weight_.defined()) unit->SetArg(RowView(weight_, 1, length_));
+  if (with_grad_input) unit->SetArg(RowView(grad_input_, rows_, length_));
   const long bytes = chunks * length_ * static_cast<long>(sizeof(float));
   const Buffer dw = WritesGradWeight() ? MakeScratchBuffer(session, bytes) : Buffer();
   const Buffer db = WritesGradBias() ? MakeScratchBuffer(session, bytes) : Buffer();
@@ -181,9 +192,9 @@ void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionI
   unit->SetArg(static_cast<int>(rows_))
       .SetArg(static_cast<int>(chunk_rows))
       .SetArg(static_cast<int>(length_))
-      .SetArg(static_cast<int>(split.vectors))
-      .SetGlobal({static_cast<size_t>(chunks)})
-      .SetLocal({1});
+      .SetArg(static_cast<int>(split.vectors));
+  if (with_grad_input) unit->SetArg(1.0f / static_cast<float>(length_));
+  unit->SetGlobal({static_cast<size_t>(chunks)}).SetLocal({1});
   if (WritesGradWeight()) AppendSplitColumnSum(*this, session, dw, chunks, length_, grad_weight_);
   if (WritesGradBias()) AppendSplitColumnSum(*this, session, db, chunks, length_, grad_bias_);
 }

@@ -163,17 +163,20 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
  * chunk_rows) into the float partial rows dw_part / db_part [s][length],
  * LNB_STEP rows per read-modify-write of the partial row (which stays in the
  * processor's cache); a second pass adds the partial rows up. The first step
- * of a chunk starts from zero. */
+ * of a chunk starts from zero. With WITH_GRAD_INPUT (USE_WEIGHT, DTYPE_WEIGHT)
+ * the same item also writes the input gradient of its rows: a step first
+ * sums g^ and g^ x^ over each of its rows, then one pass over the columns
+ * writes dx and folds the rows, which the first pass left in the cache. */
 #define LNB_STEP 4
 #define LNB_IN(N, t, c, j) CONVERT(float, N, VLOAD(DTYPE, N, TENSOR2D_PTR(t, DTYPE, c, r + (j))))
 #define LNB_PART_IN(N, part, c) (first ? (NERVA_VEC(float, N))(0.0f) : NERVA_LOADN(N, (part) + (c)))
 #ifdef SAVE_WEIGHT
 #define LNB_DW_DECL(N, c) NERVA_VEC(float, N) dw = LNB_PART_IN(N, pw, c);
-#define LNB_DW_ADD(N, c, j, g) dw += (g) * ((LNB_IN(N, src, c, j) - mu[j]) * rs[j]);
+#define LNB_DW_ADD(g, xh) dw += (g) * (xh);
 #define LNB_DW_OUT(N, c) NERVA_STOREN(N, dw, pw + (c));
 #else
 #define LNB_DW_DECL(N, c)
-#define LNB_DW_ADD(N, c, j, g)
+#define LNB_DW_ADD(g, xh)
 #define LNB_DW_OUT(N, c)
 #endif
 #ifdef SAVE_BIAS
@@ -185,20 +188,74 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
 #define LNB_DB_ADD(g)
 #define LNB_DB_OUT(N, c)
 #endif
-/* Folds rows r .. r + K - 1 of the N columns at c into the partial rows. */
+#ifdef WITH_GRAD_INPUT
+#define LNB_DST_PARAM DECL_TENSOR2D(dst),
+#define LNB_EXTRA_PARAM , float inv_normalized_size
+#ifdef USE_WEIGHT
+#define LNB_WN(N, c) CONVERT(float, N, VLOAD(DTYPE_WEIGHT, N, TENSOR2D_PTR(weight, DTYPE_WEIGHT, c, 0)))
+#else
+#define LNB_WN(N, c) ((NERVA_VEC(float, N))(1.0f))
+#endif
+/* dx of row r + j at the N columns c from g, x^ and the weight w. */
+#define LNB_DX_OUT(N, c, j, g, xh, w)                                          \
+  VSTORE(DTYPE, N,                                                           \
+         CONVERT(DTYPE, N, f[j] * ((g) * (w)*n - sg[j] - (xh)*sgx[j])),       \
+         TENSOR2D_PTR(dst, DTYPE, c, r + (j)));
+/* Adds g^ and g^ x^ of the N columns c of each row to the accumulators a, b. */
+#define LNB_ROW_SUMS(N, c, K, a, b)                                            \
+  {                                                                          \
+    const NERVA_VEC(float, N) w = LNB_WN(N, c);                              \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      const NERVA_VEC(float, N) gh = LNB_IN(N, grad, c, j) * w;              \
+      a[j] += gh;                                                            \
+      b[j] += gh * ((LNB_IN(N, src, c, j) - mu[j]) * rs[j]);                 \
+    }                                                                        \
+  }
+#define LNB_DX_SUMS(K)                                                         \
+  float sg[K], sgx[K], f[K];                                                 \
+  {                                                                          \
+    NORM_VEC a[K], b[K];                                                     \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      sg[j] = sgx[j] = 0.0f;                                                 \
+      a[j] = b[j] = 0.0f;                                                    \
+      f[j] = rs[j] * inv_normalized_size;                                    \
+    }                                                                        \
+    for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LNB_ROW_SUMS(1, c, K, sg, sgx) \
+    for (int i = 0; i < mult_of_vector_size; ++i) {                          \
+      LNB_ROW_SUMS(VEC_SIZE, VEC_SIZE_LEFTOVER + i * VEC_SIZE, K, a, b)      \
+    }                                                                        \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      sg[j] += LANE_SUM(VEC_SIZE, a[j]);                                     \
+      sgx[j] += LANE_SUM(VEC_SIZE, b[j]);                                    \
+    }                                                                        \
+  }
+#define LNB_W_DECL(N, c) const NERVA_VEC(float, N) w = LNB_WN(N, c);
+#define LNB_DX(N, c, j, g, xh) LNB_DX_OUT(N, c, j, g, xh, w)
+#else
+#define LNB_DST_PARAM
+#define LNB_EXTRA_PARAM
+#define LNB_DX_SUMS(K)
+#define LNB_W_DECL(N, c)
+#define LNB_DX(N, c, j, g, xh)
+#endif
+/* Folds rows r .. r + K - 1 of the N columns at c into the partial rows
+ * (and writes their dx). */
 #define LNB_FOLD(N, c, K)                                                      \
   {                                                                          \
     LNB_DW_DECL(N, c)                                                        \
     LNB_DB_DECL(N, c)                                                        \
+    LNB_W_DECL(N, c)                                                         \
     _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
       const NERVA_VEC(float, N) g = LNB_IN(N, grad, c, j);                   \
-      LNB_DW_ADD(N, c, j, g)                                                 \
+      const NERVA_VEC(float, N) xh = (LNB_IN(N, src, c, j) - mu[j]) * rs[j]; \
+      LNB_DX(N, c, j, g, xh)                                                 \
+      LNB_DW_ADD(g, xh)                                                      \
       LNB_DB_ADD(g)                                                          \
     }                                                                        \
     LNB_DW_OUT(N, c)                                                         \
     LNB_DB_OUT(N, c)                                                         \
   }
-/* One pass over the row: the leading elements, then the whole vectors. */
+/* One step over K rows: the leading elements, then the whole vectors. */
 #define LNB_FOLD_ROWS(K)                                                       \
   {                                                                          \
     float mu[K], rs[K];                                                      \
@@ -206,6 +263,7 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
       mu[j] = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r + j)); \
       rs[j] = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r + j)); \
     }                                                                        \
+    LNB_DX_SUMS(K)                                                           \
     const bool first = r == r0;                                              \
     for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LNB_FOLD(1, c, K)            \
     for (int i = 0; i < mult_of_vector_size; ++i) {                          \
@@ -214,11 +272,16 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
   }
 __kernel void layernorm_backward_grad_wb_rows(DECL_TENSOR2D(grad), DECL_TENSOR2D(src),
                                               DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
-                                              LNB_DW_PART LNB_DB_PART int rows, int chunk_rows,
-                                              int length, int mult_of_vector_size) {
+                                              LNB_WEIGHT_PARAM LNB_DST_PARAM LNB_DW_PART
+                                                  LNB_DB_PART int rows,
+                                              int chunk_rows, int length,
+                                              int mult_of_vector_size LNB_EXTRA_PARAM) {
   const int s = get_global_id(0);
   const int r0 = s * chunk_rows;
   const int r1 = min(rows, r0 + chunk_rows);
+#ifdef WITH_GRAD_INPUT
+  const float n = (float)length;
+#endif
 #ifdef SAVE_WEIGHT
   __global float *pw = dw_part + (long)s * length;
 #endif

@@ -37,8 +37,9 @@ class LayerNormBackwardKernel : public KernelImpl {
   void CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session, const RunSplit& split,
                                   const ColumnSplit& rows);
   // Host-CPU devices: items stream chunks of whole rows into float partial
-  // rows, merged the same way.
-  void CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session);
+  // rows, merged the same way; `with_grad_input` writes the input gradient
+  // in the same pass.
+  void CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session, bool with_grad_input);
 
  private:
   bool WritesGradX() const;
