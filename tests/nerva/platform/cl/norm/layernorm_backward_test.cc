@@ -85,10 +85,9 @@ TEST(ClLayerNormBackwardTest, AllGradientsOverRowLengths) {
 }
 
 TEST(ClLayerNormBackwardTest, RowChunksRaggedLengths) {
-  // On CPU devices chunks of rows folded four at a time into partial rows,
-  // writing the input gradient in the same pass when it is asked for too,
-  // else one item per row for it: 16-lane vectors after 1, 15 or 1 leading
-  // elements, chunks ending between steps.
+  // On CPU devices chunks of rows, four at a time, write the input gradient
+  // and fold the rows into partial rows for the gradients asked for: 16-lane
+  // vectors after 1, 15 or 1 leading elements, chunks ending between steps.
   unsigned seed = 2150;
   for (long n : {1L, 15L, 17L, 4097L}) RunBackward({64, n}, seed++);
   RunBackward({70, 17}, seed++);

@@ -81,9 +81,9 @@ void LayerNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   rstd_ = MakeContiguous(*this, session, rstd_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
   const bool columns = WritesGradWeight() || WritesGradBias();
-  if (session->host_cpu() && WritesGradX() && columns) {
-    // One pass over the rows for all three gradients.
-    CompileRowsGradWeightBias(session, true);
+  if (session->host_cpu() && WritesGradX()) {
+    // One pass over chunks of rows for the input gradient and the others asked for.
+    CompileRowChunks(session, true);
     return;
   }
   if (WritesGradX()) CompileGradX(session);
@@ -91,10 +91,10 @@ void LayerNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
 }
 
 void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session) {
-  const int block = NormBlockSize(*session, rows_);
-  const RunSplit split = SplitRun(length_, NormVecWidth(*session, block));
+  const RunSplit split = SplitRun(length_);
   const long floats = split.vectors * split.vec;
   // The input row, then g * w, each kept when everything kept so far fits.
+  const int block = NormBlockSize(*session, rows_);
   const bool cache_x = RowCacheFits(*session, floats, split.vec, block);
   const bool cache_g = cache_x && RowCacheFits(*session, 2 * floats, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
@@ -123,7 +123,7 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
   if (session->host_cpu()) {
-    CompileRowsGradWeightBias(session, false);
+    CompileRowChunks(session, false);
     return;
   }
   const RunSplit split = SplitRun(length_);
@@ -157,8 +157,8 @@ void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
       .SetLocal({static_cast<size_t>(kReduceBlockSize)});
 }
 
-void LayerNormBackwardKernel::CompileRowsGradWeightBias(std::shared_ptr<SessionImpl> session,
-                                                        bool with_grad_input) {
+void LayerNormBackwardKernel::CompileRowChunks(std::shared_ptr<SessionImpl> session,
+                                               bool with_grad_input) {
   // Chunks of at least 16 rows, at most 32 chunks: enough items for the
   // cores, few partial rows to merge.
   constexpr long kMaxChunks = 32, kMinRows = 16;

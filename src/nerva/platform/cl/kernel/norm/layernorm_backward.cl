@@ -164,7 +164,8 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
  * LNB_STEP rows per read-modify-write of the partial row (which stays in the
  * processor's cache); a second pass adds the partial rows up. The first step
  * of a chunk starts from zero. With WITH_GRAD_INPUT (USE_WEIGHT, DTYPE_WEIGHT)
- * the same item also writes the input gradient of its rows: a step first
+ * the same item writes the input gradient of its rows (SAVE_WEIGHT and
+ * SAVE_BIAS may then both be absent): a step first
  * sums g^ and g^ x^ over each of its rows, then one pass over the columns
  * writes dx and folds the rows, which the first pass left in the cache. */
 #define LNB_STEP 4
