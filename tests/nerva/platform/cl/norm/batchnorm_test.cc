@@ -117,7 +117,9 @@ TEST(ClBatchNormTest, TrainingMomentumAndRunningStatistics) {
   RunTrain({{2, 2, 4097}, true, kFloat, 1.0f}, seed++);
   RunTrain({{3, 2, 5}, true, kFloat, 0.1f, false}, seed++);
   RunTrain({{2, 3, 67}, true, kHalf, 0.1f}, seed++);
-  RunTrain({{2, 64, 5}, true, kFloat, 0.1f}, seed++);  // one item per channel on CPU devices
+  RunTrain({{2, 64, 5}, true, kFloat, 0.1f}, seed++);   // one item per channel on CPU devices
+  RunTrain({{2, 64, 17}, true, kFloat, 0.1f}, seed++);  // and 16-lane vectors
+  RunTrain({{3, 64, 33}, false, kHalf, 1.0f}, seed++);
 }
 
 TEST(ClBatchNormTest, LargeTrainingSplitsTheStatistics) {
