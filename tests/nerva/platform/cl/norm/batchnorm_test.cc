@@ -117,7 +117,20 @@ TEST(ClBatchNormTest, TrainingMomentumAndRunningStatistics) {
   RunTrain({{2, 2, 4097}, true, kFloat, 1.0f}, seed++);
   RunTrain({{3, 2, 5}, true, kFloat, 0.1f, false}, seed++);
   RunTrain({{2, 3, 67}, true, kHalf, 0.1f}, seed++);
-  RunTrain({{2, 64, 5}, true, kFloat, 0.1f}, seed++);  // one item per channel on CPU devices
+  RunTrain({{2, 64, 5}, true, kFloat, 0.1f}, seed++);   // one item per channel on CPU devices
+  RunTrain({{2, 64, 17}, true, kFloat, 0.1f}, seed++);  // and 16-lane vectors
+  RunTrain({{3, 64, 33}, false, kHalf, 1.0f}, seed++);
+}
+
+TEST(ClBatchNormTest, LargeTrainingSplitsTheStatistics) {
+  // At least 2^16 elements: on CPU devices one item per slice with 16-lane
+  // vectors; spatial runs of 1, 15, 17 and 4097 elements, half.
+  unsigned seed = 6250;
+  RunTrain({{1024, 64, 1}, true, kFloat, 0.1f}, seed++);
+  RunTrain({{80, 64, 15}, false, kFloat, 1.0f}, seed++);
+  RunTrain({{64, 64, 17}, true, kFloat, 0.0f, false}, seed++);
+  RunTrain({{2, 8, 4097}, true, kFloat, 0.1f}, seed++);
+  RunTrain({{4, 16, 1025}, true, kHalf, 0.1f}, seed++);
 }
 
 TEST(ClBatchNormTest, GpuTrainingSplitsTheStatistics) {

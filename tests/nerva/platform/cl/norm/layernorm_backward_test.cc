@@ -80,8 +80,23 @@ void RunBackward(const BackwardCase& c, unsigned seed) {
 TEST(ClLayerNormBackwardTest, AllGradientsOverRowLengths) {
   unsigned seed = 2100;
   for (long n : {1L, 5L, 64L, 4097L}) RunBackward({3, n}, seed++);
-  RunBackward({70, 5}, seed++);    // more rows than one block of the column walk
-  RunBackward({70, 133}, seed++);  // 34 column vectors: chunks of 16 on CPU devices
+  RunBackward({70, 5}, seed++);  // more rows than one block of the column walk
+  RunBackward({70, 133}, seed++);
+}
+
+TEST(ClLayerNormBackwardTest, RowChunksRaggedLengths) {
+  // On CPU devices chunks of rows, four at a time, write the input gradient
+  // and fold the rows into partial rows for the gradients asked for: 16-lane
+  // vectors after 1, 15 or 1 leading elements, chunks ending between steps.
+  unsigned seed = 2150;
+  for (long n : {1L, 15L, 17L, 4097L}) RunBackward({64, n}, seed++);
+  RunBackward({70, 17}, seed++);
+  RunBackward({66, 17, false}, seed++);
+  RunBackward({66, 15, true, {true, true, false}}, seed++);
+  RunBackward({66, 15, true, {false, true, false}}, seed++);
+  RunBackward({66, 15, false, {false, false, true}}, seed++);
+  RunBackward({64, 17, true, {true, false, false}}, seed++);
+  RunBackward({67, 33, true, {true, true, true}, kHalf}, seed++);
 }
 
 TEST(ClLayerNormBackwardTest, WithoutWeightAndPartialMasks) {

@@ -96,6 +96,17 @@ TEST(ClLayerNormTest, SavedStatisticsAndConstantRows) {
   RunLayerNorm({{80, 5}, 1, true, true, true}, seed++);
 }
 
+TEST(ClLayerNormTest, RowItemsRaggedLengths) {
+  // 64 rows or more: on CPU devices items of four rows (the last one of
+  // fewer) with 16-lane vectors and the leading elements one at a time.
+  unsigned seed = 1450;
+  for (long n : {1L, 15L, 17L, 4097L}) RunLayerNorm({{64, n}, 1, true, true, true}, seed++);
+  RunLayerNorm({{66, 17}, 1, true, false}, seed++);
+  RunLayerNorm({{67, 15}, 1, false, true, true}, seed++);
+  RunLayerNorm({{65, 33}, 1, false, false, false, kHalf}, seed++);
+  RunLayerNorm({{64, 40}, 1, true, true, true, kFloat, true}, seed++);
+}
+
 TEST(ClLayerNormTest, HalfData) {
   RunLayerNorm({{3, 67}, 1, true, true, false, kHalf}, 1500);
   RunLayerNorm({{3, 2, 67}, 1, true, true, false, kHalf}, 1501);

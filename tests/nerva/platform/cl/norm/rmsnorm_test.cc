@@ -44,6 +44,10 @@ TEST(ClRMSNormTest, RowLengthsWeightAndHalf) {
   RunRMSNorm({4, 64}, true, kFloat, seed++, true);
   RunRMSNorm({3, 67}, true, kHalf, seed++);
   RunRMSNorm({70, 5}, true, kFloat, seed++);  // one item per row on CPU devices
+  // Items of four rows on CPU devices, the last one of fewer.
+  for (long n : {1L, 15L, 17L, 4097L}) RunRMSNorm({64, n}, true, kFloat, seed++);
+  RunRMSNorm({66, 17}, false, kFloat, seed++);
+  RunRMSNorm({67, 33}, true, kHalf, seed++);
 }
 
 TEST(ClRMSNormTest, RejectsBadArguments) {

@@ -23,16 +23,26 @@
 #define NORM_CACHE_STORE(cache, i, v) NERVA_STOREN(VEC_SIZE, v, (cache) + (i) * VEC_SIZE)
 
 /* Declares the two local arrays NORM_GROUP_SUM2 works on. */
+#if BLOCK_SIZE == 1
+#define NORM_DECL_LOCALS
+#else
 #define NORM_DECL_LOCALS                                                       \
   __local NORM_VEC norm_a[BLOCK_SIZE];                                       \
   __local NORM_VEC norm_b[BLOCK_SIZE];
+#endif
 
 #define NORM_SUM2_STEP(d, s)                                                   \
   norm_a[d] += norm_a[s];                                                    \
   norm_b[d] += norm_b[s];
 
 /* The group sums of the items' vectors a and b, as the floats sa and sb in
- * every item. Ends with a barrier, so the arrays may be used again. */
+ * every item. Ends with a barrier, so the arrays may be used again. A group
+ * of one item (host-CPU devices) folds its own lanes without barriers. */
+#if BLOCK_SIZE == 1
+#define NORM_GROUP_SUM2(lid, a, b, sa, sb)                                     \
+  const float sa = LANE_SUM(VEC_SIZE, (a));                                  \
+  const float sb = LANE_SUM(VEC_SIZE, (b));
+#else
 #define NORM_GROUP_SUM2(lid, a, b, sa, sb)                                     \
   norm_a[lid] = (a);                                                         \
   norm_b[lid] = (b);                                                         \
@@ -40,6 +50,7 @@
   const float sa = LANE_SUM(VEC_SIZE, norm_a[0]);                            \
   const float sb = LANE_SUM(VEC_SIZE, norm_b[0]);                            \
   barrier(CLK_LOCAL_MEM_FENCE);
+#endif
 
 /* Adds the run of type T at p (mult whole vectors after the leading
  * elements) to the sum s and the sum of squares ss of this item. KEEP(i, x)

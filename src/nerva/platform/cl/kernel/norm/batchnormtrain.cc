@@ -67,13 +67,21 @@ void BatchNormTrainKernel::Compile(std::shared_ptr<SessionImpl> session) {
   for (Tensor* t : {&running_mean_, &running_var_, &weight_, &bias_}) {
     if (t->defined()) *t = MakeContiguous(*this, session, *t);
   }
-  const RunSplit split = SplitRun(fold.spatial);
   if (!session->host_cpu()) {
-    CompileSplit(session, fold, split);
+    CompileSplit(session, fold, SplitRun(fold.spatial), kReduceBlockSize);
     return;
   }
-  const long cached = fold.batch * split.vectors * split.vec;
+  // Host-CPU devices: a large input goes through the same three passes with
+  // one item per slice reading 16-lane vectors (many items for the cores, no
+  // barriers); a small one takes the single launch below.
+  constexpr long kSplitElements = 1L << 16;
+  if (ElementCount(input_) >= kSplitElements) {
+    CompileSplit(session, fold, SplitRun(fold.spatial, 16), 1);
+    return;
+  }
   const int block = NormBlockSize(*session, fold.channels);
+  const RunSplit split = SplitRun(fold.spatial, NormVecWidth(*session, block));
+  const long cached = fold.batch * split.vectors * split.vec;
   const bool share = RowCacheFits(*session, cached, split.vec, block);
   const bool update = running_mean_.defined();
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
@@ -133,9 +141,9 @@ void BatchNormTrainKernel::AddStatArgs(KernelUnit& unit, long channels, bool inp
 }
 
 void BatchNormTrainKernel::CompileSplit(std::shared_ptr<SessionImpl> session,
-                                        const ChannelFold& fold, const RunSplit& split) {
+                                        const ChannelFold& fold, const RunSplit& split, int block) {
   const long slices = fold.batch * fold.channels;
-  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
+  BuildOption options = NormBuildOption(input_.dtype(), split, block);
   options.AddOption("-DSPLIT_STATS")
       .AddOptionIf(running_mean_.defined(), "-DUPDATE_RUNNING")
       .AddOptionIf(weight_.defined(), "-DUSE_SCALE")
@@ -147,11 +155,10 @@ void BatchNormTrainKernel::CompileSplit(std::shared_ptr<SessionImpl> session,
   const Buffer partial = MakeScratchBuffer(session, slices * 2 * sizeof(float));
   const Buffer coeff = MakeScratchBuffer(session, fold.channels * 2 * sizeof(float));
   const std::vector<long> view{slices, fold.spatial};
-  const size_t block = kReduceBlockSize;
   MakeSubKernel(session, program, sources, options, "batchnormtrain_partial")
       ->SetArgs(ContiguousView(input_, view), partial, static_cast<int>(split.vectors))
-      .SetGlobal({block, static_cast<size_t>(slices)})
-      .SetLocal({block, 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(slices)})
+      .SetLocal({static_cast<size_t>(block), 1});
   auto stats = MakeSubKernel(session, program, sources, options, "batchnormtrain_stats");
   stats->SetArg(partial);
   AddStatArgs(*stats, fold.channels, true);
@@ -165,12 +172,12 @@ void BatchNormTrainKernel::CompileSplit(std::shared_ptr<SessionImpl> session,
       .SetArg(option_.momentum)
       .SetArg(option_.eps)
       .SetGlobal({static_cast<size_t>(fold.channels)})
-      .SetLocal({block});
+      .SetLocal({static_cast<size_t>(kReduceBlockSize)});
   MakeSubKernel(session, program, sources, options, "batchnormtrain_apply")
       ->SetArgs(ContiguousView(input_, view), ContiguousView(output_, view), coeff,
                 static_cast<int>(fold.channels), static_cast<int>(split.vectors))
-      .SetGlobal({block, static_cast<size_t>(slices)})
-      .SetLocal({block, 1});
+      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(slices)})
+      .SetLocal({static_cast<size_t>(block), 1});
 }
 
 NERVA_STATIC_REGISTER {

@@ -84,7 +84,8 @@
   BNT_SAVE_MEAN(c, mean) BNT_SAVE_RSTD(c, rstd) BNT_SAVE_RUNNING(c, mean, var)
 
 #ifdef SPLIT_STATS
-/* Devices that are not the host CPU, three passes. batchnormtrain_partial:
+/* Three passes (every input on devices that are not the host CPU, large
+ * ones there, with groups of one item). batchnormtrain_partial:
  * one group per (batch, channel) slice (slice b * C + c on y) writes its sum
  * and sum of squares to partial[slice]. batchnormtrain_stats: item c merges
  * the `channel` batches' partials of channel c, writes the statistics and

@@ -31,10 +31,10 @@ class BatchNormTrainKernel : public KernelImpl {
 
   bool Verify() const override;
   void Compile(std::shared_ptr<SessionImpl> session) override;
-  // Devices that are not the host CPU: per-slice partial sums over many
-  // groups, a per-channel pass for the statistics, then the mapping.
+  // Per-slice partial sums over many groups of `block` items, a per-channel
+  // pass for the statistics, then the mapping.
   void CompileSplit(std::shared_ptr<SessionImpl> session, const ChannelFold& fold,
-                    const RunSplit& split);
+                    const RunSplit& split, int block);
 
  private:
   // The per-channel arguments of the statistics pass: running statistics,

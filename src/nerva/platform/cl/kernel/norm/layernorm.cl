@@ -10,6 +10,12 @@
  * rstd = rsqrt(sumsq / n - mean^2 + EPS), then y = x * s + (b - mean * s)
  * with s = rstd * w. Item 0 writes the row's first whole vector (covering the
  * leading elements); the loop rewrites the overlap with the same values.
+ *
+ * layernorm_rows (ROW_ITEMS, host-CPU devices, groups of one item): an item
+ * takes LN_ROWS neighbouring rows without barriers: one pass sums all of
+ * them, a second maps them, reading each weight and bias vector once for all
+ * the rows (which the first pass left in the cache). The leading elements
+ * are mapped one at a time.
  */
 // #include "common.h"
 // #include "reduce.h"
@@ -63,6 +69,85 @@
 /* y for the vector x with scale w and bias b. */
 #define LN_OUT(x, w, b) ((x) * ((w)*row_rstd) + ((b)-row_mean * ((w)*row_rstd)))
 
+#ifdef ROW_ITEMS
+#define LN_ROWS 4
+#define LN_IN(N, T, t, c, r) CONVERT(float, N, VLOAD(T, N, TENSOR2D_PTR(t, T, c, r)))
+#ifdef USE_SCALE
+#define LN_WN(N, c) LN_IN(N, DTYPE_SCALE, scale, c, 0)
+#else
+#define LN_WN(N, c) ((NERVA_VEC(float, N))(1.0f))
+#endif
+#ifdef USE_BIAS
+#define LN_BN(N, c) LN_IN(N, DTYPE_BIAS, bias, c, 0)
+#else
+#define LN_BN(N, c) ((NERVA_VEC(float, N))(0.0f))
+#endif
+#ifdef SAVE_MEAN
+#define LN_SAVE_MEAN(r, v) NORM_STORE1(MEAN_DTYPE, v, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
+#else
+#define LN_SAVE_MEAN(r, v)
+#endif
+#ifdef SAVE_RSTD
+#define LN_SAVE_RSTD(r, v) NORM_STORE1(RSTD_DTYPE, v, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
+#else
+#define LN_SAVE_RSTD(r, v)
+#endif
+/* Adds x and x^2 of the N columns c of each of the K rows to a and b. */
+#define LN_SUMS(N, c, K, a, b)                                                 \
+  _Pragma("unroll") for (int j = 0; j < (K); ++j) {                          \
+    const NERVA_VEC(float, N) x = LN_IN(N, DTYPE, src, c, row + j);          \
+    a[j] += x;                                                               \
+    b[j] += x * x;                                                           \
+  }
+/* Maps the N columns c of each of the K rows. */
+#define LN_MAP(N, c, K)                                                        \
+  {                                                                          \
+    const NERVA_VEC(float, N) w = LN_WN(N, c), bb = LN_BN(N, c);             \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      const NERVA_VEC(float, N) sc = w * rstd_of[j];                         \
+      const NERVA_VEC(float, N) y =                                          \
+          LN_IN(N, DTYPE, src, c, row + j) * sc + (bb - mean_of[j] * sc);    \
+      VSTORE(DTYPE, N, CONVERT(DTYPE, N, y), TENSOR2D_PTR(dst, DTYPE, c, row + j)); \
+    }                                                                        \
+  }
+#define LN_ROW_STEP(K)                                                         \
+  {                                                                          \
+    float s[K], ss[K], mean_of[K], rstd_of[K];                               \
+    NORM_VEC a[K], b[K];                                                     \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      s[j] = ss[j] = 0.0f;                                                   \
+      a[j] = b[j] = 0.0f;                                                    \
+    }                                                                        \
+    for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LN_SUMS(1, c, K, s, ss)      \
+    for (int i = 0; i < mult_of_vector_size; ++i) {                          \
+      LN_SUMS(VEC_SIZE, VEC_SIZE_LEFTOVER + i * VEC_SIZE, K, a, b)           \
+    }                                                                        \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      NORM_MEAN_RSTD(s[j] + LANE_SUM(VEC_SIZE, a[j]), ss[j] + LANE_SUM(VEC_SIZE, b[j]), \
+                     inv_normalized_size, (float)(EPS), m, r)                \
+      mean_of[j] = m;                                                        \
+      rstd_of[j] = r;                                                        \
+      LN_SAVE_MEAN(row + j, m)                                               \
+      LN_SAVE_RSTD(row + j, r)                                               \
+    }                                                                        \
+    for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LN_MAP(1, c, K)              \
+    for (int i = 0; i < mult_of_vector_size; ++i) {                          \
+      LN_MAP(VEC_SIZE, VEC_SIZE_LEFTOVER + i * VEC_SIZE, K)                  \
+    }                                                                        \
+  }
+
+__kernel __attribute__((reqd_work_group_size(1, 1, 1))) void layernorm_rows(
+    DECL_TENSOR2D(src), LN_SCALE_PARAM LN_BIAS_PARAM LN_MEAN_PARAM LN_RSTD_PARAM DECL_TENSOR2D(dst),
+    int mult_of_vector_size, float inv_normalized_size, int rows) {
+  const int first = get_global_id(1) * LN_ROWS;
+  if (first + LN_ROWS <= rows) {
+    const int row = first;
+    LN_ROW_STEP(LN_ROWS)
+  } else {
+    for (int row = first; row < rows; ++row) LN_ROW_STEP(1)
+  }
+}
+#else
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm(
     LN_CACHE_PARAM DECL_TENSOR2D(src),
     LN_SCALE_PARAM LN_BIAS_PARAM LN_MEAN_PARAM LN_RSTD_PARAM DECL_TENSOR2D(dst),
@@ -93,3 +178,4 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm(
     NORM_STORE(DTYPE, LN_OUT(LN_X(i), LN_W(off), LN_B(i)), q + off);
   }
 }
+#endif

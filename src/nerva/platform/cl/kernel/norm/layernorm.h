@@ -30,6 +30,8 @@ class LayerNormKernel : public KernelImpl {
  private:
   long Rows() const;
   long RowLength() const;
+  // Host-CPU devices with many rows: items of a few rows, no barriers.
+  void CompileRows(const std::shared_ptr<SessionImpl>& session, long rows, long length);
 
   LayerNormOption option_;
   Tensor input_, weight_, bias_, output_, mean_, rstd_;

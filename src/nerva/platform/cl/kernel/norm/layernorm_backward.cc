@@ -1,5 +1,6 @@
 #include "nerva/platform/cl/kernel/norm/layernorm_backward.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "nerva/platform/cl/kernel/norm/layernorm.h"
@@ -79,8 +80,14 @@ void LayerNormBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   mean_ = MakeContiguous(*this, session, mean_);
   rstd_ = MakeContiguous(*this, session, rstd_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
+  const bool columns = WritesGradWeight() || WritesGradBias();
+  if (session->host_cpu() && WritesGradX()) {
+    // One pass over chunks of rows for the input gradient and the others asked for.
+    CompileRowChunks(session, true);
+    return;
+  }
   if (WritesGradX()) CompileGradX(session);
-  if (WritesGradWeight() || WritesGradBias()) CompileGradWeightBias(session);
+  if (columns) CompileGradWeightBias(session);
 }
 
 void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session) {
@@ -115,22 +122,19 @@ void LayerNormBackwardKernel::CompileGradX(std::shared_ptr<SessionImpl> session)
 }
 
 void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl> session) {
-  const RunSplit split = SplitRun(length_);
-  if (!session->host_cpu()) {
-    const long items = split.vectors + (split.leftover ? 1 : 0);
-    const ColumnSplit rows = SplitColumns(*session, items, rows_);
-    if (rows.splits > 1) {
-      CompileSplitGradWeightBias(session, split, rows);
-      return;
-    }
+  if (session->host_cpu()) {
+    CompileRowChunks(session, false);
+    return;
   }
-  // On host-CPU devices with many rows an item walks a chunk of 16 column
-  // vectors (rows read as contiguous runs); elsewhere groups of 64 items
-  // walk one vector each.
-  const bool chunked = NormBlockSize(*session, rows_) == 1;
-  const int chunk = chunked ? 16 : 1, block = chunked ? 1 : kReduceBlockSize;
-  BuildOption options = NormBuildOption(input_.dtype(), split, block);
-  options.AddDefinitionAutoType("COLUMN_CHUNK", chunk);
+  const RunSplit split = SplitRun(length_);
+  const long items = split.vectors + (split.leftover ? 1 : 0);
+  const ColumnSplit rows = SplitColumns(*session, items, rows_);
+  if (rows.splits > 1) {
+    CompileSplitGradWeightBias(session, split, rows);
+    return;
+  }
+  // Groups of 64 items walk one column vector each.
+  BuildOption options = NormBuildOption(input_.dtype(), split, kReduceBlockSize);
   options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
       .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()))
       .AddOption("-DGRAD_WEIGHT_BIAS");
@@ -147,11 +151,52 @@ void LayerNormBackwardKernel::CompileGradWeightBias(std::shared_ptr<SessionImpl>
   if (WritesGradWeight()) unit->SetArg(ContiguousView(grad_weight_, {length_}));
   if (WritesGradBias()) unit->SetArg(ContiguousView(grad_bias_, {length_}));
   // One item per vector; with a leftover the first vector covers the leading elements.
-  const long items = split.vectors + (split.leftover ? 1 : 0);
   unit->SetArg(static_cast<int>(rows_))
       .SetArg(static_cast<int>(items))
-      .SetGlobal({static_cast<size_t>((items + chunk - 1) / chunk)})
-      .SetLocal({static_cast<size_t>(block)});
+      .SetGlobal({static_cast<size_t>(items)})
+      .SetLocal({static_cast<size_t>(kReduceBlockSize)});
+}
+
+void LayerNormBackwardKernel::CompileRowChunks(std::shared_ptr<SessionImpl> session,
+                                               bool with_grad_input) {
+  // Chunks of at least 16 rows, at most 32 chunks: enough items for the
+  // cores, few partial rows to merge.
+  constexpr long kMaxChunks = 32, kMinRows = 16;
+  const long wanted = std::max(1L, std::min(kMaxChunks, rows_ / kMinRows));
+  const long chunk_rows = (rows_ + wanted - 1) / wanted;
+  const long chunks = (rows_ + chunk_rows - 1) / chunk_rows;
+  const RunSplit split = SplitRun(length_, 16);
+  BuildOption options = NormBuildOption(input_.dtype(), split, 1);
+  options.AddDefinition("MEAN_DTYPE", GetDataTypeCode(mean_.dtype()))
+      .AddDefinition("RSTD_DTYPE", GetDataTypeCode(rstd_.dtype()))
+      .AddOption("-DGRAD_WEIGHT_BIAS")
+      .AddOption("-DROW_CHUNKS")
+      .AddOptionIf(WritesGradWeight(), "-DSAVE_WEIGHT")
+      .AddOptionIf(WritesGradBias(), "-DSAVE_BIAS")
+      .AddOptionIf(with_grad_input, "-DWITH_GRAD_INPUT");
+  if (with_grad_input) AddTensorSwitch(options, weight_, "USE_WEIGHT", "DTYPE_WEIGHT");
+  auto unit = MakeSubKernel(session, "LayerNormBackward::grad_wb_rows",
+                            NormSources("layernorm_backward.cl"), options,
+                            "layernorm_backward_grad_wb_rows");
+  unit->SetArg(RowView(grad_, rows_, length_))
+      .SetArg(RowView(input_, rows_, length_))
+      .SetArg(ContiguousView(mean_, {rows_}))
+      .SetArg(ContiguousView(rstd_, {rows_}));
+  if (with_grad_input && weight_.defined()) unit->SetArg(RowView(weight_, 1, length_));
+  if (with_grad_input) unit->SetArg(RowView(grad_input_, rows_, length_));
+  const long bytes = chunks * length_ * static_cast<long>(sizeof(float));
+  const Buffer dw = WritesGradWeight() ? MakeScratchBuffer(session, bytes) : Buffer();
+  const Buffer db = WritesGradBias() ? MakeScratchBuffer(session, bytes) : Buffer();
+  if (WritesGradWeight()) unit->SetArg(dw);
+  if (WritesGradBias()) unit->SetArg(db);
+  unit->SetArg(static_cast<int>(rows_))
+      .SetArg(static_cast<int>(chunk_rows))
+      .SetArg(static_cast<int>(length_))
+      .SetArg(static_cast<int>(split.vectors));
+  if (with_grad_input) unit->SetArg(1.0f / static_cast<float>(length_));
+  unit->SetGlobal({static_cast<size_t>(chunks)}).SetLocal({1});
+  if (WritesGradWeight()) AppendSplitColumnSum(*this, session, dw, chunks, length_, grad_weight_);
+  if (WritesGradBias()) AppendSplitColumnSum(*this, session, db, chunks, length_, grad_bias_);
 }
 
 void LayerNormBackwardKernel::CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session,

@@ -14,10 +14,10 @@
  * items, the first vector shifted as in VEC_OFFSET) walks the rows:
  * dw = sum grad * x^ (SAVE_WEIGHT, DTYPE_SCALE) and db = sum grad (SAVE_BIAS,
  * DTYPE_BIAS). Groups meet at a barrier every LNB_ROWS rows, so on devices
- * that run a group's items one after the other the rows stay cached; with
- * COLUMN_CHUNK above 1 an item takes that many neighbouring vectors instead.
+ * that run a group's items one after the other the rows stay cached.
  * layernorm_backward_grad_wb_split (SPLIT_ROWS) folds chunks of rows into
- * float partial sums instead.
+ * float partial sums instead, as does layernorm_backward_grad_wb_rows
+ * (ROW_CHUNKS) with whole rows per item.
  */
 // #include "common.h"
 // #include "reduce.h"
@@ -117,10 +117,6 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_
 #define LNB_DB_PARAM
 #endif
 
-#if defined(SPLIT_ROWS)
-/* Devices that are not the host CPU: item (column vector, s) folds the rows
- * [s * chunk_rows, (s + 1) * chunk_rows) and stores float partial sums at
- * dw_part / db_part [s][col]; a second pass adds the chunks up. */
 #ifdef SAVE_WEIGHT
 #define LNB_DW_PART __global float *dw_part,
 #else
@@ -131,6 +127,11 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_
 #else
 #define LNB_DB_PART
 #endif
+
+#if defined(SPLIT_ROWS)
+/* Devices that are not the host CPU: item (column vector, s) folds the rows
+ * [s * chunk_rows, (s + 1) * chunk_rows) and stores float partial sums at
+ * dw_part / db_part [s][col]; a second pass adds the chunks up. */
 __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2D(src),
                                                DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
                                                LNB_DW_PART LNB_DB_PART int rows, int chunk_rows,
@@ -157,36 +158,142 @@ __kernel void layernorm_backward_grad_wb_split(DECL_TENSOR2D(grad), DECL_TENSOR2
 #endif
 }
 
-#elif COLUMN_CHUNK > 1
-/* Each item sums COLUMN_CHUNK neighbouring column vectors, so it reads every
- * row as one contiguous run (host-CPU devices, groups of one item). */
-__kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
-    DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
-    LNB_DW_PARAM LNB_DB_PARAM int rows, int mult_of_vector_size_x) {
-  const int v0 = get_global_id(0) * COLUMN_CHUNK;
-  const int count = min(COLUMN_CHUNK, mult_of_vector_size_x - v0);
-  NORM_VEC dw[COLUMN_CHUNK], db[COLUMN_CHUNK];
-  for (int j = 0; j < COLUMN_CHUNK; ++j) dw[j] = db[j] = 0.0f;
-  for (int r = 0; r < rows; ++r) {
-    const float mu = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r));
-    const float rs = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r));
-    for (int j = 0; j < count; ++j) {
-      const int col = LNB_COLUMN(v0 + j);
-      const NORM_VEC g = NORM_LOAD(DTYPE, TENSOR2D_PTR(grad, DTYPE, col, r));
-      dw[j] += g * ((NORM_LOAD(DTYPE, TENSOR2D_PTR(src, DTYPE, col, r)) - mu) * rs);
-      db[j] += g;
-    }
-  }
-  for (int j = 0; j < count; ++j) {
-    const int col = LNB_COLUMN(v0 + j);
+#elif defined(ROW_CHUNKS)
+/* Host-CPU devices: item s streams the rows [s * chunk_rows, (s + 1) *
+ * chunk_rows) into the float partial rows dw_part / db_part [s][length],
+ * LNB_STEP rows per read-modify-write of the partial row (which stays in the
+ * processor's cache); a second pass adds the partial rows up. The first step
+ * of a chunk starts from zero. With WITH_GRAD_INPUT (USE_WEIGHT, DTYPE_WEIGHT)
+ * the same item writes the input gradient of its rows (SAVE_WEIGHT and
+ * SAVE_BIAS may then both be absent): a step first
+ * sums g^ and g^ x^ over each of its rows, then one pass over the columns
+ * writes dx and folds the rows, which the first pass left in the cache. */
+#define LNB_STEP 4
+#define LNB_IN(N, t, c, j) CONVERT(float, N, VLOAD(DTYPE, N, TENSOR2D_PTR(t, DTYPE, c, r + (j))))
+#define LNB_PART_IN(N, part, c) (first ? (NERVA_VEC(float, N))(0.0f) : NERVA_LOADN(N, (part) + (c)))
 #ifdef SAVE_WEIGHT
-    NORM_STORE(DTYPE_SCALE, dw[j], TENSOR1D_PTR(grad_weight, DTYPE_SCALE, col));
+#define LNB_DW_DECL(N, c) NERVA_VEC(float, N) dw = LNB_PART_IN(N, pw, c);
+#define LNB_DW_ADD(g, xh) dw += (g) * (xh);
+#define LNB_DW_OUT(N, c) NERVA_STOREN(N, dw, pw + (c));
+#else
+#define LNB_DW_DECL(N, c)
+#define LNB_DW_ADD(g, xh)
+#define LNB_DW_OUT(N, c)
 #endif
 #ifdef SAVE_BIAS
-    NORM_STORE(DTYPE_BIAS, db[j], TENSOR1D_PTR(grad_bias, DTYPE_BIAS, col));
+#define LNB_DB_DECL(N, c) NERVA_VEC(float, N) db = LNB_PART_IN(N, pb, c);
+#define LNB_DB_ADD(g) db += (g);
+#define LNB_DB_OUT(N, c) NERVA_STOREN(N, db, pb + (c));
+#else
+#define LNB_DB_DECL(N, c)
+#define LNB_DB_ADD(g)
+#define LNB_DB_OUT(N, c)
 #endif
+#ifdef WITH_GRAD_INPUT
+#define LNB_DST_PARAM DECL_TENSOR2D(dst),
+#define LNB_EXTRA_PARAM , float inv_normalized_size
+#ifdef USE_WEIGHT
+#define LNB_WN(N, c) CONVERT(float, N, VLOAD(DTYPE_WEIGHT, N, TENSOR2D_PTR(weight, DTYPE_WEIGHT, c, 0)))
+#else
+#define LNB_WN(N, c) ((NERVA_VEC(float, N))(1.0f))
+#endif
+/* dx of row r + j at the N columns c from g, x^ and the weight w. */
+#define LNB_DX_OUT(N, c, j, g, xh, w)                                          \
+  VSTORE(DTYPE, N,                                                           \
+         CONVERT(DTYPE, N, f[j] * ((g) * (w)*n - sg[j] - (xh)*sgx[j])),       \
+         TENSOR2D_PTR(dst, DTYPE, c, r + (j)));
+/* Adds g^ and g^ x^ of the N columns c of each row to the accumulators a, b. */
+#define LNB_ROW_SUMS(N, c, K, a, b)                                            \
+  {                                                                          \
+    const NERVA_VEC(float, N) w = LNB_WN(N, c);                              \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      const NERVA_VEC(float, N) gh = LNB_IN(N, grad, c, j) * w;              \
+      a[j] += gh;                                                            \
+      b[j] += gh * ((LNB_IN(N, src, c, j) - mu[j]) * rs[j]);                 \
+    }                                                                        \
   }
+#define LNB_DX_SUMS(K)                                                         \
+  float sg[K], sgx[K], f[K];                                                 \
+  {                                                                          \
+    NORM_VEC a[K], b[K];                                                     \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      sg[j] = sgx[j] = 0.0f;                                                 \
+      a[j] = b[j] = 0.0f;                                                    \
+      f[j] = rs[j] * inv_normalized_size;                                    \
+    }                                                                        \
+    for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LNB_ROW_SUMS(1, c, K, sg, sgx) \
+    for (int i = 0; i < mult_of_vector_size; ++i) {                          \
+      LNB_ROW_SUMS(VEC_SIZE, VEC_SIZE_LEFTOVER + i * VEC_SIZE, K, a, b)      \
+    }                                                                        \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      sg[j] += LANE_SUM(VEC_SIZE, a[j]);                                     \
+      sgx[j] += LANE_SUM(VEC_SIZE, b[j]);                                    \
+    }                                                                        \
+  }
+#define LNB_W_DECL(N, c) const NERVA_VEC(float, N) w = LNB_WN(N, c);
+#define LNB_DX(N, c, j, g, xh) LNB_DX_OUT(N, c, j, g, xh, w)
+#else
+#define LNB_DST_PARAM
+#define LNB_EXTRA_PARAM
+#define LNB_DX_SUMS(K)
+#define LNB_W_DECL(N, c)
+#define LNB_DX(N, c, j, g, xh)
+#endif
+/* Folds rows r .. r + K - 1 of the N columns at c into the partial rows
+ * (and writes their dx). */
+#define LNB_FOLD(N, c, K)                                                      \
+  {                                                                          \
+    LNB_DW_DECL(N, c)                                                        \
+    LNB_DB_DECL(N, c)                                                        \
+    LNB_W_DECL(N, c)                                                         \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      const NERVA_VEC(float, N) g = LNB_IN(N, grad, c, j);                   \
+      const NERVA_VEC(float, N) xh = (LNB_IN(N, src, c, j) - mu[j]) * rs[j]; \
+      LNB_DX(N, c, j, g, xh)                                                 \
+      LNB_DW_ADD(g, xh)                                                      \
+      LNB_DB_ADD(g)                                                          \
+    }                                                                        \
+    LNB_DW_OUT(N, c)                                                         \
+    LNB_DB_OUT(N, c)                                                         \
+  }
+/* One step over K rows: the leading elements, then the whole vectors. */
+#define LNB_FOLD_ROWS(K)                                                       \
+  {                                                                          \
+    float mu[K], rs[K];                                                      \
+    _Pragma("unroll") for (int j = 0; j < (K); ++j) {                        \
+      mu[j] = NORM_LOAD1(MEAN_DTYPE, TENSOR1D_PTR(mean, MEAN_DTYPE, r + j)); \
+      rs[j] = NORM_LOAD1(RSTD_DTYPE, TENSOR1D_PTR(rstd, RSTD_DTYPE, r + j)); \
+    }                                                                        \
+    LNB_DX_SUMS(K)                                                           \
+    const bool first = r == r0;                                              \
+    for (int c = 0; c < VEC_SIZE_LEFTOVER; ++c) LNB_FOLD(1, c, K)            \
+    for (int i = 0; i < mult_of_vector_size; ++i) {                          \
+      LNB_FOLD(VEC_SIZE, VEC_SIZE_LEFTOVER + i * VEC_SIZE, K)                \
+    }                                                                        \
+  }
+__kernel void layernorm_backward_grad_wb_rows(DECL_TENSOR2D(grad), DECL_TENSOR2D(src),
+                                              DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),
+                                              LNB_WEIGHT_PARAM LNB_DST_PARAM LNB_DW_PART
+                                                  LNB_DB_PART int rows,
+                                              int chunk_rows, int length,
+                                              int mult_of_vector_size LNB_EXTRA_PARAM) {
+  const int s = get_global_id(0);
+  const int r0 = s * chunk_rows;
+  const int r1 = min(rows, r0 + chunk_rows);
+#ifdef WITH_GRAD_INPUT
+  const float n = (float)length;
+#endif
+#ifdef SAVE_WEIGHT
+  __global float *pw = dw_part + (long)s * length;
+#endif
+#ifdef SAVE_BIAS
+  __global float *pb = db_part + (long)s * length;
+#endif
+  int r = r0;
+  for (; r + LNB_STEP <= r1; r += LNB_STEP) LNB_FOLD_ROWS(LNB_STEP)
+  for (; r < r1; ++r) LNB_FOLD_ROWS(1)
 }
+
 #else
 __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void layernorm_backward_grad_wb(
     DECL_TENSOR2D(grad), DECL_TENSOR2D(src), DECL_TENSOR1D(mean), DECL_TENSOR1D(rstd),

@@ -36,6 +36,10 @@ class LayerNormBackwardKernel : public KernelImpl {
   // writing float partial sums that the Reduce merge adds up.
   void CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session, const RunSplit& split,
                                   const ColumnSplit& rows);
+  // Host-CPU devices: items stream chunks of whole rows into float partial
+  // rows of the weight and bias gradients asked for, merged the same way;
+  // `with_grad_input` writes the input gradient in the same pass.
+  void CompileRowChunks(std::shared_ptr<SessionImpl> session, bool with_grad_input);
 
  private:
   bool WritesGradX() const;

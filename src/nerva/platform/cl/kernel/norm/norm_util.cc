@@ -77,9 +77,9 @@ void CheckChannelTensor(const std::string& op, const std::string& arg, const Ten
   }
 }
 
-RunSplit SplitRun(long length) {
+RunSplit SplitRun(long length, int widest) {
   RunSplit split;
-  split.vec = AdjustVecSize(4, length);
+  split.vec = AdjustVecSize(widest, length);
   split.leftover = static_cast<int>(length % split.vec);
   split.vectors = length / split.vec;
   return split;
@@ -88,6 +88,10 @@ RunSplit SplitRun(long length) {
 int NormBlockSize(const SessionImpl& session, long groups) {
   const bool cpu = session.host_cpu();
   return cpu && groups >= kReduceBlockSize ? 1 : kReduceBlockSize;
+}
+
+int NormVecWidth(const SessionImpl& session, int block) {
+  return session.host_cpu() && block == 1 ? 16 : 4;
 }
 
 BuildOption NormBuildOption(DataType dtype, const RunSplit& split, int block) {

@@ -61,13 +61,14 @@ struct GradOutputs {
   bool WritesBias() const { return mask[2] && bias.defined(); }
 };
 
-// The vector width and leftover of a run of `length` elements.
+// The vector width (at most `widest`) and leftover of a run of `length`
+// elements.
 struct RunSplit {
   int vec = 1;
   int leftover = 0;
   long vectors = 0;  // whole vectors after the leftover elements
 };
-RunSplit SplitRun(long length);
+RunSplit SplitRun(long length, int widest = 4);
 
 // The group size of the programs that fold a row per group, for `groups`
 // groups: 64, except on devices whose compiler targets the host CPU when
@@ -75,6 +76,11 @@ RunSplit SplitRun(long length);
 // other on one thread, so one item per row reads the row sequentially without
 // barriers, and the many groups keep the cores busy.
 int NormBlockSize(const SessionImpl& session, long groups);
+
+// The widest vector for a run folded by groups of `block` items: 16 floats
+// (a whole AVX-512 register) for the single items of host-CPU devices, whose
+// compiler keeps explicit vectors at their own width; 4 elsewhere.
+int NormVecWidth(const SessionImpl& session, int block);
 
 // DTYPE, VEC_SIZE, VEC_SIZE_LEFTOVER and BLOCK_SIZE (`block`).
 BuildOption NormBuildOption(DataType dtype, const RunSplit& split, int block);

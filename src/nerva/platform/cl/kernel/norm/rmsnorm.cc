@@ -42,22 +42,33 @@ void RMSNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (rows == 0 || length == 0) return;
   input_ = MakeContiguous(*this, session, input_);
   if (weight_.defined()) weight_ = MakeContiguous(*this, session, weight_);
-  const RunSplit split = SplitRun(length);
+  // Host-CPU devices with many rows: items of four rows (RMS_ROWS in
+  // rmsnorm.cl), no barriers; elsewhere a group per row.
+  constexpr long kRowsPerItem = 4;
   const int block = NormBlockSize(*session, rows);
+  const bool items = block == 1;
+  const RunSplit split = SplitRun(length, items ? 16 : 4);
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
-  options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
+  options.AddOptionIf(share, "-DUSE_SHARE_MEMORY").AddOptionIf(items, "-DROW_ITEMS");
+  const std::string function = items ? "rmsnorm_rows" : "rmsnorm";
   auto unit =
-      MakeSubKernel(session, "RMSNorm::rmsnorm", NormSources("rmsnorm.cl"), options, "rmsnorm");
+      MakeSubKernel(session, "RMSNorm::" + function, NormSources("rmsnorm.cl"), options, function);
   if (share) unit->SetArg(LocalMemory{static_cast<size_t>(split.vectors * split.vec) * 4});
   unit->SetArg(RowView(input_, rows, length));
   if (weight_.defined()) unit->SetArg(RowView(weight_, 1, length));
   unit->SetArg(RowView(output_, rows, length))
       .SetArg(static_cast<int>(split.vectors))
       .SetArg(1.0f / static_cast<float>(length))
-      .SetArg(option_.eps)
-      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
+      .SetArg(option_.eps);
+  if (items) {
+    unit->SetArg(static_cast<int>(rows))
+        .SetGlobal({1, static_cast<size_t>((rows + kRowsPerItem - 1) / kRowsPerItem)})
+        .SetLocal({1, 1});
+    return;
+  }
+  unit->SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
       .SetLocal({static_cast<size_t>(block), 1});
 }
 
