@@ -1,5 +1,7 @@
 #include "nerva/platform/cl/kernel/index/scatter.h"
 
+#include <algorithm>
+
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 #include "nerva/platform/cl/kernel/index/gather_element.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -90,7 +92,7 @@ void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
 bool ScatterKernel::RowPath(int d) const {
   const auto& sizes = index_.shape().sizes();
   const size_t last = sizes.size() - 1;
-  if (sizes.size() < 2 || static_cast<int>(last) == d) return false;
+  if (sizes.size() < 2 || static_cast<int>(last) == d || ElementCount(index_) == 0) return false;
   const bool constant = sizes[last] == 1 || index_.shape().strides()[last] == 0;
   const bool src_rows = sizes[last] == 1 || src_.shape().strides()[last] == 1;
   // The row lists count in 32 bits.
@@ -107,7 +109,35 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
   const long dstride = out_.shape().strides()[d];
   Buffer key = Scratch(session, rows * 8), src_at = Scratch(session, rows * 8);
   Buffer order = Scratch(session, rows * 8);
-  Buffer count = Scratch(session, out_rows * 4), start = Scratch(session, (out_rows + 1) * 4);
+  Buffer start = Scratch(session, (out_rows + 1) * 4);
+  if (session->host_cpu()) {
+    // Histograms of 4-byte counts, one per part, within 16 MiB.
+    const long parts = std::max(1L, std::min({8L, rows, (1L << 22) / out_rows}));
+    Buffer count = Scratch(session, parts * out_rows * 4);
+    auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key_cpu");
+    keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(rows),
+                 static_cast<cl_long>(len), static_cast<cl_long>(dsize),
+                 static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at);
+    Launch(keys, rows);
+    auto& counts = Unit(session, "scatter.cl", options, "scatter_row_count_cpu");
+    counts.SetArgs(key, count, static_cast<cl_ulong>(rows), static_cast<cl_ulong>(out_rows),
+                   static_cast<cl_ulong>(parts));
+    counts.SetGlobal({static_cast<size_t>(parts)}).SetLocal({1});
+    auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan_cpu");
+    scan.SetArgs(count, start, static_cast<cl_ulong>(out_rows), static_cast<cl_ulong>(parts));
+    scan.SetGlobal({1}).SetLocal({1});
+    auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill_cpu");
+    fill.SetArgs(key, src_at, count, order, static_cast<cl_ulong>(rows),
+                 static_cast<cl_ulong>(out_rows), static_cast<cl_ulong>(parts));
+    fill.SetGlobal({static_cast<size_t>(parts)}).SetLocal({1});
+    auto& reduce = Unit(session, "scatter.cl", options, "scatter_row_reduce_cpu");
+    reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), start, order, static_cast<cl_ulong>(out_rows),
+                   static_cast<cl_long>(width), static_cast<cl_long>(len),
+                   static_cast<int>(reduce_), static_cast<int>(include_self_));
+    Launch(reduce, out_rows);
+    return;
+  }
+  Buffer count = Scratch(session, out_rows * 4);
   auto& zero = Unit(session, "scatter_pre.cl", TypeOptions(kInt32), "acc_init");
   zero.SetArgs(count, count, static_cast<cl_ulong>(out_rows),
                static_cast<int>(ScatterReduceType::kSum), 0);
@@ -117,22 +147,14 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
                static_cast<cl_long>(len), static_cast<cl_long>(dsize),
                static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at, count);
   Launch(keys, rows);
-  const bool cpu = session->host_cpu();
-  auto& scan =
-      Unit(session, "scatter.cl", options, cpu ? "scatter_row_scan" : "scatter_row_scan_gpu");
+  auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan_gpu");
   scan.SetArgs(count, start, static_cast<cl_ulong>(out_rows));
-  if (cpu) {
-    Launch(scan, 1);
-  } else {
-    scan.SetGlobal({kScanLocal}).SetLocal({kScanLocal});
-  }
+  scan.SetGlobal({kScanLocal}).SetLocal({kScanLocal});
   auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill");
   fill.SetArgs(key, src_at, count, order, static_cast<cl_ulong>(rows));
   Launch(fill, rows);
-  const long per_item = cpu ? 16 : 4;  // the W of scatter_row_reduce(_gpu)
-  const long chunks = (width + per_item - 1) / per_item;
-  auto& reduce =
-      Unit(session, "scatter.cl", options, cpu ? "scatter_row_reduce" : "scatter_row_reduce_gpu");
+  const long chunks = (width + 3) / 4;  // the W of scatter_row_reduce_gpu
+  auto& reduce = Unit(session, "scatter.cl", options, "scatter_row_reduce_gpu");
   reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), start, order, static_cast<cl_ulong>(out_rows),
                  static_cast<cl_ulong>(chunks), static_cast<cl_long>(width),
                  static_cast<cl_long>(len), static_cast<int>(reduce_),

@@ -41,7 +41,9 @@ class ScatterKernel : public IndexFrameKernel {
   // dimension (an index of one value per row, expanded: the usual scatter_add pattern) and that
   // dimension is not `dim`: src rows are bucketed by destination row on the device, and each
   // out row then combines its list without atomics. GPUs scan the buckets in one work-group and
-  // give each work item 4 columns (16 on the host CPU), so that a warp reads whole src rows.
+  // give each work item 4 columns, so that a warp reads whole src rows. CPUs bucket without
+  // atomics (a few parts of the rows, each with its own histogram; lists in row order, so sums
+  // repeat exactly) and give each work item a whole out row, 64 columns at a time.
   bool RowPath(int d) const;
   void CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                    const Buffer& table, const BuildOption& options, int d);
