@@ -74,13 +74,15 @@ inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
 
 /* A hint that the first (up to four) cache lines of n bytes at p are read
  * soon. Random rows are latency bound on CPUs: asking for the row a few work
- * items ahead keeps several in flight. No access happens on other devices. */
+ * items ahead keeps several in flight. Into the outer caches only (locality
+ * 1): more misses stay in flight than with the first-level cache as target.
+ * No access happens on other devices. */
 #if defined(NERVA_HOST_CPU_DEVICE) && defined(__clang__)
-#define IX_PREFETCH(p) __builtin_prefetch(p)
+#define IX_PREFETCH(p) __builtin_prefetch(p, 0, 1)
 #else
 #define IX_PREFETCH(p)
 #endif
-#define IX_AHEAD 16
+#define IX_AHEAD 32
 inline void ix_prefetch(__global const uchar *p, ulong n) {
   for (ulong b = 0; b < min(n, (ulong)256); b += 64) IX_PREFETCH(p + b);
 }

@@ -100,34 +100,40 @@ typedef ushort16 eb_ushort16 __attribute__((aligned(2)));
 #define EB_LOAD16(p) NERVA_CAT(EB_LOAD16_, DTYPE)(p)
 #define EB_STORE16(v, p) NERVA_CAT(EB_STORE16_, DTYPE)(v, p)
 
-/* Columns [first, first + 16 nv) of the bag over positions [start, end). */
-__attribute__((always_inline)) inline void eb_block(__global const DTYPE *wt, __global const uchar *ix, int is64,
-                     __global const DTYPE *psw, int has_psw, __global DTYPE *dst, long start,
-                     long end, long len, long rows, long dim, long first, const int nv,
-                     int mode, long padding) {
-  float16 acc[4];
-  for (int q = 0; q < nv; ++q) acc[q] = mode == 2 ? -INFINITY : 0.0f;
-  int count = 0;
-  for (long j = start; j < end; ++j) {
-    if (first == 0 && j + IX_AHEAD < len) {
-      const long a = ix_fix(ix_load_index(ix, j + IX_AHEAD, is64), rows, 0);
-      if (a >= 0) ix_prefetch((__global const uchar *)(wt + a * dim), dim * sizeof(DTYPE));
-    }
-    const long r = ix_fix(ix_load_index(ix, j, is64), rows, 0);
-    if (r < 0 || r == padding) continue;
-    __global const DTYPE *p = wt + r * dim + first;
-    const float s = has_psw ? (float)VLOAD(DTYPE, 1, psw + j) : 1.0f;
-    for (int q = 0; q < nv; ++q) {
-      const float16 v = EB_LOAD16(p + 16 * q);
-      if (mode == 2) {
-        acc[q] = select(acc[q], v, isnan(v) || v > acc[q]);
-      } else {
-        acc[q] += has_psw ? v * s : v;
-      }
-    }
-    ++count;
+/* Columns [first, first + 16 nv) of the bag over positions [start, end).
+ * One loop per mode keeps the loop bodies short: the row loads are the whole
+ * cost, and the fewer instructions per row, the more rows are in flight. */
+#define EB_ROWS(BODY)                                                          \
+  for (long j = start; j < end; ++j) {                                         \
+    if (first == 0 && j + IX_AHEAD < len) {                                    \
+      const long a = ix_fix(ix_load_index(ix, j + IX_AHEAD, is64), rows, 0);   \
+      if (a >= 0) ix_prefetch((__global const uchar *)(wt + a * dim), row_bytes); \
+    }                                                                          \
+    const long r = ix_fix(ix_load_index(ix, j, is64), rows, 0);                \
+    if (r < 0 || r == padding) continue;                                       \
+    __global const DTYPE *p = wt + r * dim + first;                            \
+    _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv) {                \
+      const float16 v = EB_LOAD16(p + 16 * q);                                 \
+      BODY;                                                                    \
+    }                                                                          \
+    ++count;                                                                   \
   }
-  for (int q = 0; q < nv; ++q) {
+__attribute__((always_inline)) inline void eb_block(
+    __global const DTYPE *wt, __global const uchar *ix, int is64, __global const DTYPE *psw,
+    int has_psw, __global DTYPE *dst, long start, long end, long len, long rows, long dim,
+    long first, const int nv, int mode, long padding) {
+  const ulong row_bytes = (ulong)dim * sizeof(DTYPE);
+  float16 acc[4];
+  _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv) acc[q] = mode == 2 ? -INFINITY : 0;
+  int count = 0;
+  if (mode == 2) {
+    EB_ROWS(acc[q] = select(acc[q], v, isnan(v) || v > acc[q]))
+  } else if (has_psw) {
+    EB_ROWS(acc[q] += v * (float)VLOAD(DTYPE, 1, psw + j))
+  } else {
+    EB_ROWS(acc[q] += v)
+  }
+  _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv) {
     float16 v = count == 0 ? (float16)0.0f : acc[q];
     if (mode == 1 && count > 0) v /= (float)count;
     EB_STORE16(v, dst + first + 16 * q);

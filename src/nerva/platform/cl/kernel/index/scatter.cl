@@ -182,15 +182,17 @@ __attribute__((always_inline)) inline void sr_sum_block(
     __global const long *order, int lo, int hi, int total, long first, const int nv,
     int include_self, ulong row_bytes) {
   NERVA_VEC(ACC_T, 16) acc[4];
-  for (int q = 0; q < nv; ++q)
+  _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv)
     acc[q] = include_self ? SR_LOAD16(self + first + 16 * q) : (NERVA_VEC(ACC_T, 16))0;
   for (int r = lo; r < hi; ++r) {
     if (first == 0 && r + IX_AHEAD < total)
       ix_prefetch((__global const uchar *)(s + order[r + IX_AHEAD]), row_bytes);
     __global const DTYPE *p = s + order[r] + first;
-    for (int q = 0; q < nv; ++q) acc[q] += SR_LOAD16(p + 16 * q);
+    _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv)
+      acc[q] += SR_LOAD16(p + 16 * q);
   }
-  for (int q = 0; q < nv; ++q) SR_STORE16(acc[q], dst + first + 16 * q);
+  _Pragma("unroll") for (int q = 0; q < 4; ++q) if (q < nv)
+    SR_STORE16(acc[q], dst + first + 16 * q);
 }
 
 __kernel void scatter_row_reduce_cpu(IX_PARAM(src), IX_PARAM(in), IX_PARAM(out),
