@@ -116,8 +116,8 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
     Buffer count = Scratch(session, parts * out_rows * 4);
     auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key_cpu");
     keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(rows),
-                 static_cast<cl_long>(len), static_cast<cl_long>(dsize),
-                 static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at);
+                 static_cast<cl_long>(dsize), static_cast<cl_long>(dstride),
+                 static_cast<cl_long>(width), key, src_at);
     Launch(keys, rows);
     auto& counts = Unit(session, "scatter.cl", options, "scatter_row_count_cpu");
     counts.SetArgs(key, count, static_cast<cl_ulong>(rows), static_cast<cl_ulong>(out_rows),
