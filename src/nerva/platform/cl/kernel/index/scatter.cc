@@ -111,8 +111,9 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
   Buffer order = Scratch(session, rows * 8);
   Buffer start = Scratch(session, (out_rows + 1) * 4);
   if (session->host_cpu()) {
-    // Histograms of 4-byte counts, one per part, within 16 MiB.
-    const long parts = std::max(1L, std::min({8L, rows, (1L << 22) / out_rows}));
+    // Histograms of 4-byte counts, one per part, within 16 MiB; a few parts keep both cores
+    // busy while the serial scan over all histograms stays short.
+    const long parts = std::max(1L, std::min({4L, rows, (1L << 22) / out_rows}));
     Buffer count = Scratch(session, parts * out_rows * 4);
     auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key_cpu");
     keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(rows),
