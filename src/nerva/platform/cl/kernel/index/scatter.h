@@ -47,6 +47,16 @@ class ScatterKernel : public IndexFrameKernel {
   bool RowPath(int d) const;
   void CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                    const Buffer& table, const BuildOption& options, int d);
+  // The row path's shape and buffers: `start` (out_rows + 1 list bounds) and `order` (the src
+  // row offsets, list after list) are what the bucketing passes leave.
+  struct RowLists {
+    long len = 0, rows = 0, width = 0, out_rows = 0, dsize = 0, dstride = 0;
+    Buffer key, src_at, order, start;
+  };
+  void BucketRowsCpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                     const BuildOption& options, const RowLists& l);
+  void BucketRowsGpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                     const BuildOption& options, const RowLists& l);
 
   int dim_;
   ScatterReduceType reduce_;
