@@ -63,8 +63,10 @@ inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
       to[2] = x2;
       to[3] = x3;
     }
-    for (; b + 64 <= n; b += 64) *(__global ix_bytes64 *)(d + b) = *(__global const ix_bytes64 *)(s + b);
-    for (; b + 16 <= n; b += 16) *(__global ix_bytes16 *)(d + b) = *(__global const ix_bytes16 *)(s + b);
+    for (; b + 64 <= n; b += 64)
+      *(__global ix_bytes64 *)(d + b) = *(__global const ix_bytes64 *)(s + b);
+    for (; b + 16 <= n; b += 16)
+      *(__global ix_bytes16 *)(d + b) = *(__global const ix_bytes16 *)(s + b);
     for (; b < n; ++b) d[b] = s[b];
   } else {
     for (; b + 64 <= n; b += 64) *(__global ix_bytes64 *)(d + b) = (uint16)0;

@@ -4,8 +4,9 @@
  * `fixed` > 0 (2-D indices); bounds are clamped to [0, len]. Indices outside
  * [0, rows) and padding_idx are skipped; an empty bag gives 0.
  * mode: 0 sum (times per_sample_weights when has_psw), 1 mean, 2 max.
- * Work item g takes columns [16 c, 16 c + 16) of bag b (g = b * chunks + c):
- * it reads the bag's indices once and a whole 16-wide vector of each row. */
+ * On GPUs, work item g takes columns [16 c, 16 c + 16) of bag b
+ * (g = b * chunks + c): it reads the bag's indices once and a whole 16-wide
+ * vector of each row. CPUs run EmbeddingBag_cpu below. */
 #define EB_W 16
 #define EB_VEC float16
 
