@@ -63,6 +63,7 @@ inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
       to[2] = x2;
       to[3] = x3;
     }
+    if (b == n) return;
     for (; b + 64 <= n; b += 64)
       *(__global ix_bytes64 *)(d + b) = *(__global const ix_bytes64 *)(s + b);
     for (; b + 16 <= n; b += 16)
@@ -86,7 +87,10 @@ inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
 #endif
 #define IX_AHEAD 32
 inline void ix_prefetch(__global const uchar *p, ulong n) {
-  for (ulong b = 0; b < min(n, (ulong)256); b += 64) IX_PREFETCH(p + b);
+  IX_PREFETCH(p);
+  if (n > 64) IX_PREFETCH(p + 64);
+  if (n > 128) IX_PREFETCH(p + 128);
+  if (n > 192) IX_PREFETCH(p + 192);
 }
 
 /* Slices along one dimension: out[o][j][k] = in[o][index[j]][k] over
