@@ -26,7 +26,8 @@
 #define IX_AMAX 4
 #define IX_AMIN 5
 
-/* The work-group size of every launch (the host rounds the range up to it). */
+/* The work-group size of most launches (the host rounds the range up to it;
+ * the CPU row kernels take longer groups). */
 #define IX_LOCAL 64
 
 #define IX_PARAM(t) __global uchar *t##_ptr, ulong t##_off

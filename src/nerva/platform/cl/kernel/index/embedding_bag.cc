@@ -93,7 +93,7 @@ void EmbeddingBagKernel::Compile(std::shared_ptr<SessionImpl> session) {
   };
   if (cpu) {
     set_args();
-    Launch(unit, bags);
+    Launch(unit, bags, kCpuRowLocal);
   } else {
     set_args(static_cast<cl_ulong>(chunks));
     Launch(unit, bags * chunks);

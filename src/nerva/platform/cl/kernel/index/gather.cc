@@ -62,7 +62,7 @@ void GatherKernel::Compile(std::shared_ptr<SessionImpl> session) {
   unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(rows),
                static_cast<cl_ulong>(row_bytes), static_cast<cl_ulong>(count),
                static_cast<cl_long>(in[d]), 1, static_cast<cl_ulong>(chunks));
-  Launch(unit, rows * chunks);
+  Launch(unit, rows * chunks, kCpuRowLocal);
 }
 
 void GatherKernel::CompileGpu(const std::shared_ptr<SessionImpl>& session, const Tensor& input,

@@ -132,7 +132,7 @@ void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, con
   } else {
     set_args(static_cast<cl_ulong>(chunks));
   }
-  Launch(reduce, l.out_rows * chunks);
+  Launch(reduce, l.out_rows * chunks, cpu ? kCpuRowLocal : 64);
 }
 
 void ScatterKernel::BucketRowsCpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
