@@ -15,15 +15,16 @@ constexpr long kRows = 11, kDim = 21;  // a 16-wide chunk and a narrower one
 // One bag per [offsets[b], end); indices outside [0, rows) and padding skipped.
 std::vector<double> BagRef(const std::vector<double>& w, const std::vector<long>& idx,
                            const std::vector<long>& starts, const std::vector<long>& ends,
-                           EmbeddingBagMode mode, const std::vector<double>* psw, long padding) {
+                           EmbeddingBagMode mode, const std::vector<double>* psw, long padding,
+                           long rows = kRows, long dim = kDim) {
   std::vector<double> out;
   for (size_t b = 0; b < starts.size(); ++b) {
-    for (long d = 0; d < kDim; ++d) {
+    for (long d = 0; d < dim; ++d) {
       double acc = mode == EmbeddingBagMode::kMax ? -INFINITY : 0.0;
       int count = 0;
       for (long j = starts[b]; j < ends[b]; ++j) {
-        if (idx[j] < 0 || idx[j] >= kRows || idx[j] == padding) continue;
-        const double v = w[idx[j] * kDim + d] * (psw ? (*psw)[j] : 1.0);
+        if (idx[j] < 0 || idx[j] >= rows || idx[j] == padding) continue;
+        const double v = w[idx[j] * dim + d] * (psw ? (*psw)[j] : 1.0);
         acc = mode == EmbeddingBagMode::kMax ? std::max(acc, v) : acc + v;
         ++count;
       }
@@ -91,6 +92,44 @@ TEST(EmbeddingBagTest, PerSampleWeightsAndFixedBags) {
                            fi.option(), fi.storage(), ti.option(), ti.storage(),
                            TensorOption{Shape(), kFloat}, Buffer(), out.option(), out.buffer()),
       std::invalid_argument, {"EmbeddingBag", "indices", "DataType::kFloat"});
+}
+
+// The host CPU's bag sums: widths of 1 to 81 columns (64- and 16-wide blocks, single columns),
+// bags longer than the prefetch distance, empty bags, padding, indices out of range, weights.
+TEST(EmbeddingBagTest, WidthsAndLongBagsOfTheCpuSums) {
+  const long rows = 50, len = 90;
+  auto idx = RandomIndices(len, 0, rows, 30);
+  idx[5] = rows;  // out of range: skipped
+  idx[50] = -1;
+  const std::vector<long> starts = {0, 40, 40, 41, 90}, ends = {40, 40, 41, 90, 90};
+  Tensor ti = PutIndex(idx, {len}, kInt32);
+  Tensor to = PutIndex(starts, {5}, kInt64);
+  for (DataType data : {kFloat, kHalf}) {
+    const auto psw = RandomValues(len, data, 31);
+    Tensor tp = Put(psw, {len}, data);
+    for (long dim : {1, 15, 17, 64, 65, 81}) {
+      const auto w = RandomValues(rows * dim, data, 32);
+      Tensor weight = Put(w, {rows, dim}, data);
+      for (EmbeddingBagMode mode :
+           {EmbeddingBagMode::kSum, EmbeddingBagMode::kMean, EmbeddingBagMode::kMax}) {
+        for (bool weighted : {false, true}) {
+          if (weighted && mode != EmbeddingBagMode::kSum) continue;
+          const long padding = weighted ? -1 : idx[7];
+          Guarded out({5, dim}, data);
+          TestQueue().Enqueue(EmbeddingBag::Create(
+              TestQueue(), EmbeddingBagOption{mode, false, padding}, weight.option(),
+              weight.storage(), ti.option(), ti.storage(), to.option(), to.storage(),
+              weighted ? tp.option() : TensorOption{Shape(), data},
+              weighted ? tp.storage() : Buffer(), out.option(), out.buffer()));
+          ExpectNear(
+              out.values(),
+              BagRef(w, idx, starts, ends, mode, weighted ? &psw : nullptr, padding, rows, dim),
+              data, 8);
+          EXPECT_TRUE(out.GuardsIntact()) << dim;
+        }
+      }
+    }
+  }
 }
 
 TEST(EmbeddingBagBackwardTest, EveryModeWithScalingAndPadding) {

@@ -92,6 +92,28 @@ TEST(GatherTest, GpuVariantManyRows) {
   }
 }
 
+// The host CPU's row copies: rows of 1 to 4097 elements (256-, 64-, 16- and 1-byte steps; two
+// 16 KiB pieces for the widest float rows), more rows than the prefetch distance, two outer
+// slices, negative, duplicate and out-of-range indices.
+TEST(GatherTest, RowWidthsOfTheCpuCopies) {
+  auto index = RandomIndices(45, -9, 9, 8);
+  index[3] = 9;  // out of range: zeros
+  index[40] = -10;
+  Tensor idx = PutIndex(index, {45}, kInt64);
+  for (DataType data : {kFloat, kHalf, kUInt8}) {
+    for (long width : {1, 15, 17, 64, 65, 4097}) {
+      const std::vector<long> shape = {2, 9, width};
+      const auto in = RandomValues(Count(shape), data, 12);
+      Tensor x = Put(in, shape, data);
+      Guarded out({2, 45, width}, data);
+      TestQueue().Enqueue(Gather::Create(TestQueue(), GatherOption{1}, x.option(), x.storage(),
+                                         idx.option(), idx.storage(), out.option(), out.buffer()));
+      EXPECT_EQ(out.values(), SelectRef(in, shape, 1, index)) << data << " width " << width;
+      EXPECT_TRUE(out.GuardsIntact()) << data << " width " << width;
+    }
+  }
+}
+
 TEST(GatherTest, EmptyIndexAndLargeOddRows) {
   Tensor x = Put(RandomValues(1001 * 3, kFloat, 3), {1001, 3}, kFloat);
   Tensor none = PutIndex({}, {0}, kInt64);

@@ -217,6 +217,42 @@ TEST(ScatterTest, RowsIntoManyTargets) {
   }
 }
 
+// The host CPU's row path: rows of 1 to 65 columns (64- and 16-wide sums, single columns),
+// duplicate targets with lists longer than the prefetch distance, skipped rows, fewer rows than
+// the bucketing's parts, and an index of no rows.
+TEST(ScatterTest, RowWidthsOfTheCpuPath) {
+  const long targets = 7;
+  for (long rows : {0L, 3L, 301L}) {
+    auto per_row = RandomIndices(rows, -1, targets + 1, 80);  // -1 and targets: skipped
+    for (DataType data : {kFloat, kHalf, kInt32}) {
+      for (long width : {1, 15, 17, 64, 65}) {
+        const auto in = RandomValues(targets * width, data, 81);
+        const auto src = RandomValues(rows * width, data, 82);
+        Tensor x = Put(in, {targets, width}, data);
+        Tensor sv = Put(src, {rows, width}, data);
+        Tensor idx = PutIndex(per_row, {rows, 1}, kInt64).BroadcastTo({rows, width});
+        std::vector<long> index;
+        for (long v : per_row) index.insert(index.end(), width, v);
+        for (R op : {R::kSum, R::kAmax}) {
+          for (bool include_self : {true, false}) {
+            Guarded out({targets, width}, data);
+            TestQueue().Enqueue(Scatter::Create(TestQueue(), ScatterOption{0, op, include_self},
+                                                x.option(), x.storage(), idx.option(),
+                                                idx.storage(), sv.option(), sv.storage(),
+                                                out.option(), out.buffer()));
+            const bool integral = data == kInt32;
+            ExpectNear(out.values(),
+                       ScatterRef(in, 0, {rows, width, 1}, index, src, op, include_self, integral,
+                                  {targets, width, 1}),
+                       data, 40);
+            EXPECT_TRUE(out.GuardsIntact()) << rows << " " << width;
+          }
+        }
+      }
+    }
+  }
+}
+
 TEST(ScatterMeanTest, CountsAndEmptyIndex) {
   const auto in = RandomValues(15, kFloat, 2);
   Tensor x = Put(in, {3, 5}, kFloat);

@@ -26,7 +26,8 @@
 #define IX_AMAX 4
 #define IX_AMIN 5
 
-/* The work-group size of every launch (the host rounds the range up to it). */
+/* The work-group size of most launches (the host rounds the range up to it;
+ * the CPU row kernels take longer groups). */
 #define IX_LOCAL 64
 
 #define IX_PARAM(t) __global uchar *t##_ptr, ulong t##_off
@@ -44,27 +45,85 @@ inline long ix_fix(long v, long n, int neg) {
   return (v >= 0 && v < n) ? v : -1;
 }
 
+/* Unaligned views of 64 and 16 bytes: one 512-bit or 128-bit move each on
+ * CPU devices, whatever the address (vload16 splits into 4-lane pieces). */
+typedef uint16 ix_bytes64 __attribute__((aligned(1)));
+typedef uint4 ix_bytes16 __attribute__((aligned(1)));
+
+/* n bytes from s to d (s == 0: zeros): 256 at a time (all loads, then all
+ * stores), then 64, 16 and single ones. */
+inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
+  ulong b = 0;
+  if (s) {
+    for (; b + 256 <= n; b += 256) {
+      __global const ix_bytes64 *from = (__global const ix_bytes64 *)(s + b);
+      const uint16 x0 = from[0], x1 = from[1], x2 = from[2], x3 = from[3];
+      __global ix_bytes64 *to = (__global ix_bytes64 *)(d + b);
+      to[0] = x0;
+      to[1] = x1;
+      to[2] = x2;
+      to[3] = x3;
+    }
+    if (b == n) return;
+    for (; b + 64 <= n; b += 64)
+      *(__global ix_bytes64 *)(d + b) = *(__global const ix_bytes64 *)(s + b);
+    for (; b + 16 <= n; b += 16)
+      *(__global ix_bytes16 *)(d + b) = *(__global const ix_bytes16 *)(s + b);
+    for (; b < n; ++b) d[b] = s[b];
+  } else {
+    for (; b + 64 <= n; b += 64) *(__global ix_bytes64 *)(d + b) = (uint16)0;
+    for (; b < n; ++b) d[b] = 0;
+  }
+}
+
+/* A hint that the first (up to four) cache lines of n bytes at p are read
+ * soon. Random rows are latency bound on CPUs: asking for the row a few work
+ * items ahead keeps several in flight. Into the outer caches only (locality
+ * 1): more misses stay in flight than with the first-level cache as target.
+ * No access happens on other devices. */
+#if defined(NERVA_HOST_CPU_DEVICE) && defined(__clang__)
+#define IX_PREFETCH(p) __builtin_prefetch(p, 0, 1)
+#else
+#define IX_PREFETCH(p)
+#endif
+#define IX_AHEAD 32
+inline void ix_prefetch(__global const uchar *p, ulong n) {
+  IX_PREFETCH(p);
+  if (n > 64) IX_PREFETCH(p + 64);
+  if (n > 128) IX_PREFETCH(p + 128);
+  if (n > 192) IX_PREFETCH(p + 192);
+}
+
 /* Slices along one dimension: out[o][j][k] = in[o][index[j]][k] over
- * (outer, count, inner) = out's folded shape, the input having dsize on the
- * indexed dimension; an index outside it reads 0. Work item g copies chunk
- * g % chunks (IX_CHUNK elements) of out row g / chunks. */
-#define IX_CHUNK 64
+ * (outer, count, inner) = out's folded shape, rows of row_bytes bytes, the
+ * input having dsize rows on the indexed dimension; an index outside it reads
+ * 0. For CPUs: work item g copies chunk g % chunks (IX_CHUNK bytes) of out
+ * row g / chunks with whole 64-byte moves, and prefetches the same chunk of
+ * the row IX_AHEAD rows on. */
+#define IX_CHUNK 16384
+inline __global const uchar *ix_select_src(__global const uchar *in, __global const uchar *idx,
+                                           int is64, ulong r, ulong rows, ulong count, long dsize,
+                                           int neg, ulong row_bytes) {
+  const ulong o = count >= rows ? 0 : r / count, j = r - o * count;
+  const long v = ix_fix(ix_load_index(idx, j, is64), dsize, neg);
+  return v < 0 ? 0 : in + (o * dsize + v) * row_bytes;
+}
 #define IX_SELECT_KERNEL(NAME)                                                 \
   __kernel void NAME(IX_PARAM(in), IX_PARAM(idx), int is64, IX_PARAM(out), ulong rows, \
-                     ulong inner, ulong count, long dsize, int neg, ulong chunks) { \
+                     ulong row_bytes, ulong count, long dsize, int neg, ulong chunks) { \
     const ulong g = get_global_id(0);                                          \
     if (g >= rows * chunks) return;                                            \
-    const ulong r = g / chunks, c = g - r * chunks;                            \
-    const ulong o = r / count, j = r - o * count;                              \
-    const long v = ix_fix(ix_load_index(idx_ptr + idx_off, j, is64), dsize, neg); \
-    __global DTYPE *dst = IX_BASE(out, DTYPE) + r * inner;                     \
-    const ulong first = c * IX_CHUNK, last = min(inner, first + IX_CHUNK);     \
-    if (v < 0) {                                                               \
-      for (ulong k = first; k < last; ++k) dst[k] = (DTYPE)0;                  \
-      return;                                                                  \
+    const ulong r = chunks == 1 ? g : g / chunks, first = (g - r * chunks) * IX_CHUNK; \
+    const ulong n = min(row_bytes - first, (ulong)IX_CHUNK);                   \
+    __global const uchar *in = in_ptr + in_off, *idx = idx_ptr + idx_off;      \
+    if (r + IX_AHEAD < rows) {                                                 \
+      __global const uchar *ahead =                                            \
+          ix_select_src(in, idx, is64, r + IX_AHEAD, rows, count, dsize, neg, row_bytes); \
+      if (ahead) ix_prefetch(ahead + first, n);                                \
     }                                                                          \
-    __global const DTYPE *src = IX_BASE(in, DTYPE) + (o * dsize + v) * inner;  \
-    for (ulong k = first; k < last; ++k) dst[k] = src[k];                      \
+    __global const uchar *src =                                                \
+        ix_select_src(in, idx, is64, r, rows, count, dsize, neg, row_bytes);   \
+    ix_copy_bytes(out_ptr + out_off + r * row_bytes + first, src ? src + first : 0, n); \
   }
 
 /* The same selection for GPUs: DTYPE is a unit of up to 16 bytes dividing the

@@ -77,16 +77,27 @@ void EmbeddingBagKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const Tensor offsets = fixed ? out_ : Dense(session, offsets_);
   const bool has_psw = Defined(psw_) && len > 0;
   const Tensor psw = has_psw ? Dense(session, psw_) : out_;
-  auto& unit = Unit(session, "embedding_bag.cl", TypeOptions(weight_.dtype()), name());
-  unit.SetArgs(Arg(weight), Arg(indices), Is64(indices), Arg(offsets), fixed ? 0 : Is64(offsets),
-               Arg(psw), static_cast<int>(has_psw), Arg(out_), static_cast<cl_ulong>(bags),
-               static_cast<cl_ulong>(dim), static_cast<cl_long>(weight_.shape().sizes()[0]),
-               static_cast<cl_long>(len),
-               static_cast<cl_long>(fixed ? 0 : offsets_.shape().sizes()[0]),
-               static_cast<cl_long>(fixed ? indices_.shape().sizes()[1] : 0),
-               static_cast<int>(option_.include_last_offset), static_cast<int>(option_.mode),
-               static_cast<cl_long>(option_.padding_idx), static_cast<cl_ulong>(chunks));
-  Launch(unit, bags * chunks);
+  const bool cpu = session->host_cpu();
+  auto& unit = Unit(session, "embedding_bag.cl", TypeOptions(weight_.dtype()),
+                    cpu ? name() + "_cpu" : name());
+  // GPUs take one more argument: the 16-column chunks per bag.
+  auto set_args = [&](auto... more) {
+    unit.SetArgs(Arg(weight), Arg(indices), Is64(indices), Arg(offsets), fixed ? 0 : Is64(offsets),
+                 Arg(psw), static_cast<int>(has_psw), Arg(out_), static_cast<cl_ulong>(bags),
+                 static_cast<cl_ulong>(dim), static_cast<cl_long>(weight_.shape().sizes()[0]),
+                 static_cast<cl_long>(len),
+                 static_cast<cl_long>(fixed ? 0 : offsets_.shape().sizes()[0]),
+                 static_cast<cl_long>(fixed ? indices_.shape().sizes()[1] : 0),
+                 static_cast<int>(option_.include_last_offset), static_cast<int>(option_.mode),
+                 static_cast<cl_long>(option_.padding_idx), more...);
+  };
+  if (cpu) {
+    set_args();
+    Launch(unit, bags, kCpuRowLocal);
+  } else {
+    set_args(static_cast<cl_ulong>(chunks));
+    Launch(unit, bags * chunks);
+  }
 }
 
 namespace {

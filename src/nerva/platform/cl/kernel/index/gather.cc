@@ -55,13 +55,14 @@ void GatherKernel::Compile(std::shared_ptr<SessionImpl> session) {
                inner * static_cast<long>(TypeTraitsHelper::GetSize(input_.dtype())), count, in[d]);
     return;
   }
-  const long chunk = 64;  // IX_CHUNK
-  const long chunks = (inner + chunk - 1) / chunk;
-  auto& unit = Unit(session, program_, MoveOptions(input_.dtype()), name());
+  const long row_bytes = inner * static_cast<long>(TypeTraitsHelper::GetSize(input_.dtype()));
+  const long chunk = 16384;  // IX_CHUNK
+  const long chunks = (row_bytes + chunk - 1) / chunk;
+  auto& unit = Unit(session, program_, UnitOptions(1), name());
   unit.SetArgs(Arg(input), Arg(index), Is64(index), Arg(out_), static_cast<cl_ulong>(rows),
-               static_cast<cl_ulong>(inner), static_cast<cl_ulong>(count),
+               static_cast<cl_ulong>(row_bytes), static_cast<cl_ulong>(count),
                static_cast<cl_long>(in[d]), 1, static_cast<cl_ulong>(chunks));
-  Launch(unit, rows * chunks);
+  Launch(unit, rows * chunks, kCpuRowLocal);
 }
 
 void GatherKernel::CompileGpu(const std::shared_ptr<SessionImpl>& session, const Tensor& input,

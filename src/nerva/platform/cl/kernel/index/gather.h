@@ -24,6 +24,8 @@ class GatherKernel : public IndexFrameKernel {
 
  private:
   std::vector<long> OutSizes() const;
+  // CPUs: one work item per out row (16 KiB pieces of longer rows) copying 64-byte vectors,
+  // with a prefetch of the row a few items ahead.
   // GPUs: one work item per unit of up to 16 bytes of an out row (coalesced rows).
   void CompileGpu(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                   const Tensor& index, long rows, long row_bytes, long count, long dsize);

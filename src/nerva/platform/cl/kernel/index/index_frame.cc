@@ -11,10 +11,6 @@
 namespace nerva {
 namespace cl {
 
-namespace {
-constexpr size_t kLocal = 64;  // IX_LOCAL
-}  // namespace
-
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const IxArg& arg) {
   cl_int status = clSetKernelArg(kernel, index++, sizeof(cl_mem), &arg.mem);
   return status == CL_SUCCESS ? clSetKernelArg(kernel, index++, sizeof(cl_ulong), &arg.offset)
@@ -109,8 +105,8 @@ KernelUnit& IndexFrameKernel::Unit(const std::shared_ptr<SessionImpl>& session,
                         kernel);
 }
 
-void IndexFrameKernel::Launch(KernelUnit& unit, long n) {
-  unit.SetGlobal({static_cast<size_t>(std::max(n, 1L))}).SetLocal({kLocal});
+void IndexFrameKernel::Launch(KernelUnit& unit, long n, size_t local) {
+  unit.SetGlobal({static_cast<size_t>(std::max(n, 1L))}).SetLocal({local});
 }
 
 IxArg IndexFrameKernel::Arg(const Tensor& t) {

@@ -63,8 +63,12 @@ class IndexFrameKernel : public KernelImpl {
   // A unit of `program` ("common.h", "index.h" and the program).
   KernelUnit& Unit(const std::shared_ptr<SessionImpl>& session, const std::string& program,
                    const BuildOption& options, const std::string& kernel);
-  // One work item per element of `n`, in groups of IX_LOCAL.
-  static void Launch(KernelUnit& unit, long n);
+  // One work item per element of `n`, in groups of IX_LOCAL (or `local`).
+  static void Launch(KernelUnit& unit, long n, size_t local = 64);
+  // The group size of the CPU kernels that prefetch rows some work items ahead: the last items
+  // of a group prefetch for the next group, which may run on another core, so long groups
+  // waste fewer of those prefetches.
+  static constexpr size_t kCpuRowLocal = 512;
   static IxArg Arg(const Tensor& t);
   static int Is64(const Tensor& index) { return index.dtype() == kInt64 ? 1 : 0; }
 

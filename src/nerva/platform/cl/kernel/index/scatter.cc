@@ -1,5 +1,7 @@
 #include "nerva/platform/cl/kernel/index/scatter.h"
 
+#include <algorithm>
+
 #include "nerva/platform/cl/kernel/elementwise/elementwise_frame.h"
 #include "nerva/platform/cl/kernel/index/gather_element.h"
 #include "nerva/platform/cl/session_impl.h"
@@ -90,7 +92,7 @@ void ScatterKernel::Compile(std::shared_ptr<SessionImpl> session) {
 bool ScatterKernel::RowPath(int d) const {
   const auto& sizes = index_.shape().sizes();
   const size_t last = sizes.size() - 1;
-  if (sizes.size() < 2 || static_cast<int>(last) == d) return false;
+  if (sizes.size() < 2 || static_cast<int>(last) == d || ElementCount(index_) == 0) return false;
   const bool constant = sizes[last] == 1 || index_.shape().strides()[last] == 0;
   const bool src_rows = sizes[last] == 1 || src_.shape().strides()[last] == 1;
   // The row lists count in 32 bits.
@@ -99,45 +101,81 @@ bool ScatterKernel::RowPath(int d) const {
 
 void ScatterKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                                 const Buffer& table, const BuildOption& options, int d) {
-  const long len = index_.shape().sizes().back();
-  const long rows = ElementCount(index_) / len;
-  const long width = out_.shape().sizes().back();
-  const long out_rows = ElementCount(out_) / width;
-  const long dsize = input_.shape().sizes()[d];
-  const long dstride = out_.shape().strides()[d];
-  Buffer key = Scratch(session, rows * 8), src_at = Scratch(session, rows * 8);
-  Buffer order = Scratch(session, rows * 8);
-  Buffer count = Scratch(session, out_rows * 4), start = Scratch(session, (out_rows + 1) * 4);
-  auto& zero = Unit(session, "scatter_pre.cl", TypeOptions(kInt32), "acc_init");
-  zero.SetArgs(count, count, static_cast<cl_ulong>(out_rows),
-               static_cast<int>(ScatterReduceType::kSum), 0);
-  Launch(zero, out_rows);
-  auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key");
-  keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(rows),
-               static_cast<cl_long>(len), static_cast<cl_long>(dsize),
-               static_cast<cl_long>(dstride), static_cast<cl_long>(width), key, src_at, count);
-  Launch(keys, rows);
+  RowLists l;
+  l.len = index_.shape().sizes().back();
+  l.rows = ElementCount(index_) / l.len;
+  l.width = out_.shape().sizes().back();
+  l.out_rows = ElementCount(out_) / l.width;
+  l.dsize = input_.shape().sizes()[d];
+  l.dstride = out_.shape().strides()[d];
+  l.key = Scratch(session, l.rows * 8);
+  l.src_at = Scratch(session, l.rows * 8);
+  l.order = Scratch(session, l.rows * 8);
+  l.start = Scratch(session, (l.out_rows + 1) * 4);
   const bool cpu = session->host_cpu();
-  auto& scan =
-      Unit(session, "scatter.cl", options, cpu ? "scatter_row_scan" : "scatter_row_scan_gpu");
-  scan.SetArgs(count, start, static_cast<cl_ulong>(out_rows));
+  const long chunks = cpu ? 1 : (l.width + 3) / 4;  // GPUs: the W of scatter_row_reduce_gpu
   if (cpu) {
-    Launch(scan, 1);
+    BucketRowsCpu(session, table, options, l);
   } else {
-    scan.SetGlobal({kScanLocal}).SetLocal({kScanLocal});
+    BucketRowsGpu(session, table, options, l);
   }
+  auto& reduce = Unit(session, "scatter.cl", options,
+                      cpu ? "scatter_row_reduce_cpu" : "scatter_row_reduce_gpu");
+  auto set_args = [&](auto... chunk_arg) {
+    reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), l.start, l.order,
+                   static_cast<cl_ulong>(l.out_rows), chunk_arg..., static_cast<cl_long>(l.width),
+                   static_cast<cl_long>(l.len), static_cast<int>(reduce_),
+                   static_cast<int>(include_self_));
+  };
+  if (cpu) {
+    set_args();
+  } else {
+    set_args(static_cast<cl_ulong>(chunks));
+  }
+  Launch(reduce, l.out_rows * chunks, cpu ? kCpuRowLocal : 64);
+}
+
+void ScatterKernel::BucketRowsCpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                                  const BuildOption& options, const RowLists& l) {
+  // Histograms of 4-byte counts, one per part, within 16 MiB; a few parts keep both cores busy
+  // while the serial scan over all histograms stays short.
+  const long parts = std::max(1L, std::min({4L, l.rows, (1L << 22) / l.out_rows}));
+  Buffer count = Scratch(session, parts * l.out_rows * 4);
+  const auto rows = static_cast<cl_ulong>(l.rows), out_rows = static_cast<cl_ulong>(l.out_rows);
+  auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key_cpu");
+  keys.SetArgs(Arg(index_), Is64(index_), table, rows, static_cast<cl_long>(l.dsize),
+               static_cast<cl_long>(l.dstride), static_cast<cl_long>(l.width), l.key, l.src_at);
+  Launch(keys, l.rows);
+  auto& counts = Unit(session, "scatter.cl", options, "scatter_row_count_cpu");
+  counts.SetArgs(l.key, count, rows, out_rows, static_cast<cl_ulong>(parts));
+  counts.SetGlobal({static_cast<size_t>(parts)}).SetLocal({1});
+  auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan_cpu");
+  scan.SetArgs(count, l.start, out_rows, static_cast<cl_ulong>(parts));
+  scan.SetGlobal({1}).SetLocal({1});
+  auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill_cpu");
+  fill.SetArgs(l.key, l.src_at, count, l.order, rows, out_rows, static_cast<cl_ulong>(parts));
+  fill.SetGlobal({static_cast<size_t>(parts)}).SetLocal({1});
+}
+
+void ScatterKernel::BucketRowsGpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                                  const BuildOption& options, const RowLists& l) {
+  Buffer count = Scratch(session, l.out_rows * 4);
+  auto& zero = Unit(session, "scatter_pre.cl", TypeOptions(kInt32), "acc_init");
+  zero.SetArgs(count, count, static_cast<cl_ulong>(l.out_rows),
+               static_cast<int>(ScatterReduceType::kSum), 0);
+  Launch(zero, l.out_rows);
+  auto& keys = Unit(session, "scatter.cl", options, "scatter_row_key");
+  keys.SetArgs(Arg(index_), Is64(index_), table, static_cast<cl_ulong>(l.rows),
+               static_cast<cl_long>(l.len), static_cast<cl_long>(l.dsize),
+               static_cast<cl_long>(l.dstride), static_cast<cl_long>(l.width), l.key, l.src_at,
+               count);
+  Launch(keys, l.rows);
+  auto& scan = Unit(session, "scatter.cl", options, "scatter_row_scan_gpu");
+  scan.SetArgs(count, l.start, static_cast<cl_ulong>(l.out_rows));
+  scan.SetGlobal({kScanLocal}).SetLocal({kScanLocal});
   auto& fill = Unit(session, "scatter.cl", options, "scatter_row_fill");
-  fill.SetArgs(key, src_at, count, order, static_cast<cl_ulong>(rows));
-  Launch(fill, rows);
-  const long per_item = cpu ? 16 : 4;  // the W of scatter_row_reduce(_gpu)
-  const long chunks = (width + per_item - 1) / per_item;
-  auto& reduce =
-      Unit(session, "scatter.cl", options, cpu ? "scatter_row_reduce" : "scatter_row_reduce_gpu");
-  reduce.SetArgs(Arg(src_), Arg(input), Arg(out_), start, order, static_cast<cl_ulong>(out_rows),
-                 static_cast<cl_ulong>(chunks), static_cast<cl_long>(width),
-                 static_cast<cl_long>(len), static_cast<int>(reduce_),
-                 static_cast<int>(include_self_));
-  Launch(reduce, out_rows * chunks);
+  fill.SetArgs(l.key, l.src_at, count, l.order, static_cast<cl_ulong>(l.rows));
+  Launch(fill, l.rows);
 }
 
 namespace {

@@ -41,10 +41,22 @@ class ScatterKernel : public IndexFrameKernel {
   // dimension (an index of one value per row, expanded: the usual scatter_add pattern) and that
   // dimension is not `dim`: src rows are bucketed by destination row on the device, and each
   // out row then combines its list without atomics. GPUs scan the buckets in one work-group and
-  // give each work item 4 columns (16 on the host CPU), so that a warp reads whole src rows.
+  // give each work item 4 columns, so that a warp reads whole src rows. CPUs bucket without
+  // atomics (a few parts of the rows, each with its own histogram; lists in row order, so sums
+  // repeat exactly) and give each work item a whole out row, 64 columns at a time.
   bool RowPath(int d) const;
   void CompileRows(const std::shared_ptr<SessionImpl>& session, const Tensor& input,
                    const Buffer& table, const BuildOption& options, int d);
+  // The row path's shape and buffers: `start` (out_rows + 1 list bounds) and `order` (the src
+  // row offsets, list after list) are what the bucketing passes leave.
+  struct RowLists {
+    long len = 0, rows = 0, width = 0, out_rows = 0, dsize = 0, dstride = 0;
+    Buffer key, src_at, order, start;
+  };
+  void BucketRowsCpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                     const BuildOption& options, const RowLists& l);
+  void BucketRowsGpu(const std::shared_ptr<SessionImpl>& session, const Buffer& table,
+                     const BuildOption& options, const RowLists& l);
 
   int dim_;
   ScatterReduceType reduce_;
