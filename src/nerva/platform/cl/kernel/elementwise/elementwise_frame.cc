@@ -37,21 +37,23 @@ std::vector<size_t> SpreadLocal(const std::vector<size_t>& global) {
 // Largest power of two up to `most` that divides `n`.
 size_t PowerOfTwoDivisor(size_t n, size_t most) {
   size_t l = 1;
-  while (l < most && n % (2 * l) == 0) l *= 2;
+  while (2 * l <= most && n % (2 * l) == 0) l *= 2;
   return l;
 }
 
 // Groups of the strided launch on CPU devices, which run a group as a loop
-// over x vectorised across items. Streaming layouts take runs of up to 256
+// over x vectorised across items. Streaming layouts take runs of up to 1024
 // items along x (PoCL's own choice is far slower); a layout where some tensor
 // steps x by more than one element (a transposed view) takes 16 x 256 tiles,
 // so the 16 lines the strided tensor touches per row stay in cache while the
-// group walks down them. No local range (the runtime's choice) where the
-// sizes leave only small divisors.
-std::vector<size_t> CpuStridedLocal(const std::vector<size_t>& global, bool tiled) {
+// group walks down them. At most `most` items; no local range (the runtime's
+// choice) where the sizes leave only small divisors.
+std::vector<size_t> CpuStridedLocal(const std::vector<size_t>& global, bool tiled, size_t most) {
   std::vector<size_t> local(global.size(), 1);
-  local[0] = PowerOfTwoDivisor(global[0], tiled ? 16 : 256);
-  if (tiled && global.size() > 1) local[1] = PowerOfTwoDivisor(global[1], 256);
+  local[0] = PowerOfTwoDivisor(global[0], std::min<size_t>(tiled ? 16 : 1024, most));
+  if (tiled && global.size() > 1) {
+    local[1] = PowerOfTwoDivisor(global[1], std::min<size_t>(256, most / local[0]));
+  }
   size_t items = 1;
   for (size_t l : local) items *= l;
   return items >= 16 ? local : std::vector<size_t>();
@@ -369,7 +371,8 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
     bind(*unit);
     unit->SetGlobal({static_cast<size_t>(n)});
-    const size_t group = PowerOfTwoDivisor(static_cast<size_t>(n), 1024);
+    const size_t group = PowerOfTwoDivisor(static_cast<size_t>(n),
+                                           std::min<size_t>(1024, session->max_work_group_size()));
     if (group >= 16) unit->SetLocal({group});
     return;
   }
@@ -403,7 +406,8 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     const long x = layout.strides[t][0];
     tiled = tiled || (x != 0 && x != static_cast<long>(tensors[t].option().item_size()));
   }
-  const std::vector<size_t> local = CpuStridedLocal(global, tiled && rank > 1);
+  const std::vector<size_t> local =
+      CpuStridedLocal(global, tiled && rank > 1, session->max_work_group_size());
   if (!local.empty()) unit->SetLocal(local);
 }
 

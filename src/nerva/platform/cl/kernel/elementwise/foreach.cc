@@ -1,6 +1,7 @@
 #include "nerva/platform/cl/kernel/elementwise/foreach.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <stdexcept>
 
@@ -180,9 +181,17 @@ void ForEachKernel::CompileTable(const std::shared_ptr<SessionImpl>& session,
     std::vector<cl_mem> roots;
     std::vector<long> origins;
     for (const auto& list : lists_) {
-      const auto root = RootOf(list[i].storage());
+      // Table offsets are 32-bit: a view reaching beyond 4 GiB of its root is
+      // addressed from its own memory object.
+      const Tensor& t = list[i];
+      auto root = RootOf(t.storage());
+      const long end = root.second + t.storage_offset() +
+                       t.shape().size() * static_cast<long>(t.option().item_size());
+      if (end > static_cast<long>(std::numeric_limits<cl_uint>::max())) {
+        root = {ClTensor(t).mem(), 0};
+      }
       roots.push_back(root.first);
-      origins.push_back(root.second + list[i].storage_offset());
+      origins.push_back(root.second + t.storage_offset());
     }
     auto found = std::find(slots.begin(), slots.end(), roots);
     if (found == slots.end() && slots.size() == kSlots) {
