@@ -238,6 +238,33 @@ TEST(BinaryTest, Layouts) {
   Check({B::kAdd, kFloat, kFloat, kFloat, {0, 3}, {3}}, 37);  // empty
 }
 
+// The CPU launches: one item per element with groups that divide the length
+// (or none), row runs for a broadcast row, tiles for a transposed input.
+TEST(BinaryTest, CpuGroupShapes) {
+  for (long n : {1L, 3L, 5L, 17L, 4096L, 4097L})
+    Check({B::kAdd, kFloat, kFloat, kFloat, {n}, {n}}, 40);
+  Check({B::kSub,
+         kInt8,
+         kInt8,
+         kInt8,
+         {4097},
+         {4097},
+         Layout::kContiguous,
+         Layout::kContiguous,
+         -100,
+         100},
+        41);
+  for (long cols : {17L, 48L, 256L})
+    Check({B::kAdd, kFloat, kFloat, kFloat, {33, cols}, {cols}}, 42);
+  Check({B::kMul, kHalf, kHalf, kHalf, {9, 512}, {512}}, 43);
+  for (const auto& sizes :
+       std::vector<std::vector<long>>{{64, 48}, {40, 24}, {33, 17}, {3, 32, 16}})
+    Check({B::kAdd, kFloat, kFloat, kFloat, sizes, sizes, Layout::kContiguous, Layout::kTransposed},
+          44);
+  Check({B::kAdd, kHalf, kHalf, kHalf, {32, 48}, {32, 48}, Layout::kTransposed}, 45);
+  Check({B::kAdd, kFloat, kFloat, kFloat, {48, 32}, {32}, Layout::kTransposed}, 46);
+}
+
 // The GPU variants: spread lanes over every length, fixed groups over ragged
 // and broadcast ranges (x smaller than a group, several groups along y, 6-D).
 TEST(BinaryTest, GpuVariants) {

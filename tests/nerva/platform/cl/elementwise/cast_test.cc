@@ -73,6 +73,73 @@ TEST(CastTest, Layouts) {
   CheckCast(kFloat, kHalf, {0}, Layout::kContiguous, 54);
 }
 
+// IEEE half bits of `v`, rounded to nearest with ties to even, computed on
+// the value: 2^-24 units below 2^-14, else 11 significant bits.
+uint16_t HalfBitsRef(float v) {
+  const uint16_t sign = std::signbit(v) ? 0x8000 : 0;
+  const double a = std::fabs(static_cast<double>(v));
+  if (std::isnan(v)) return sign | 0x7E00;
+  const int exp = a < std::ldexp(1.0, -14) ? -14 : std::ilogb(a);
+  const double units = std::nearbyint(std::ldexp(a, 10 - exp));  // ties to even
+  const double r = std::ldexp(units, exp - 10);
+  if (r >= 65536.0) return sign | 0x7C00;
+  if (r < std::ldexp(1.0, -14)) return sign | static_cast<uint16_t>(std::ldexp(r, 24));
+  const int e = std::ilogb(r);
+  const auto mant = static_cast<uint16_t>(std::ldexp(r, 10 - e) - 1024);
+  return sign | static_cast<uint16_t>(((e + 15) << 10) | mant);
+}
+
+// Float to half bit for bit: ties in normal and subnormal range, overflow at
+// 65520, infinities, NaN, signed zeros, float subnormals, random values, over
+// lengths and layouts of every launch kind, on both device classes.
+TEST(CastTest, HalfRoundingExact) {
+  std::vector<float> specials = {1.0f + std::ldexp(1.0f, -11),      // tie, rounds down to even
+                                 1.0f + 3 * std::ldexp(1.0f, -11),  // tie, rounds up to even
+                                 -(2.0f + std::ldexp(1.0f, -10)),
+                                 std::ldexp(1.0f, -25),      // half the smallest subnormal: 0
+                                 3 * std::ldexp(1.0f, -25),  // tie between 1 and 2 units: 2
+                                 5 * std::ldexp(1.0f, -25),
+                                 std::ldexp(1.0f, -14) - std::ldexp(1.0f, -26),
+                                 65504.0f,
+                                 65519.99f,
+                                 -65520.0f,
+                                 1e10f,
+                                 INFINITY,
+                                 -INFINITY,
+                                 NAN,
+                                 -NAN,
+                                 0.0f,
+                                 -0.0f,
+                                 std::ldexp(1.0f, -140),
+                                 -1e-30f};
+  const std::vector<float> random = RandomFloats(4097, -70000.0f, 70000.0f, 61);
+  for (bool gpu : {false, true}) {
+    const GpuPathsForTesting paths(gpu);
+    for (long n : {1L, 3L, 5L, 17L, 19L, 4097L}) {
+      std::vector<float> values(random.begin(), random.begin() + n);
+      for (long i = 0; i < n && i < static_cast<long>(specials.size()); ++i)
+        values[i] = specials[i];
+      for (long i = specials.size(); i + 1 < n; i += 7) values[i] *= std::ldexp(1.0f, -20);
+      std::vector<double> as_double(values.begin(), values.end());
+      Operand in = MakeOperand({n}, kFloat, as_double);
+      Operand out = OutputOperand({n}, kHalf);
+      TestQueue().Enqueue(Cast::Create(TestQueue(), in.opt, in.buf, out.opt, out.buf));
+      std::vector<uint16_t> bits(static_cast<size_t>(n));
+      TestQueue().CopyDeviceToHost(bits.data(), out.buf, n * 2);
+      for (long i = 0; i < n; ++i) {
+        const uint16_t want = HalfBitsRef(values[i]);
+        if (std::isnan(values[i])) {
+          ASSERT_EQ(bits[i] & 0xFC00, want & 0xFC00) << "NaN at " << i << " gpu " << gpu;
+          ASSERT_NE(bits[i] & 0x3FF, 0) << "NaN at " << i << " gpu " << gpu;
+        } else {
+          ASSERT_EQ(bits[i], want) << values[i] << " at " << i << " of " << n << " gpu " << gpu;
+        }
+      }
+    }
+    CheckCast(kFloat, kHalf, {48, 64}, Layout::kTransposed, 62);
+  }
+}
+
 TEST(CastTest, GpuVariants) {
   const GpuPathsForTesting gpu;
   for (long n : {1L, 3L, 1001L}) CheckCast(kFloat, kHalf, {n}, Layout::kContiguous, 55);

@@ -102,6 +102,60 @@ TEST(ForEachTest, UnaryInPlaceAndTernary) {
              [](const std::vector<double>& v) { return v[0] + 0.5 * v[1] * v[2]; });
 }
 
+// Tensors that are views of one buffer per list go through one launch on CPU
+// devices, chunked (lengths past one chunk, empty tensors between); a list
+// spread over more buffers than one launch addresses takes several.
+TEST(ForEachTest, ViewsOfOneBufferAndManyBuffers) {
+  const std::vector<long> lengths = {0, 1, 3, 5, 17, 4097, 0, 2048, 2049, 16, 6000, 7};
+  // Views at 256-byte offsets (sub-buffer origins must be aligned) of one
+  // buffer per list.
+  auto make = [&](unsigned seed) {
+    List list;
+    long bytes = 0;
+    for (long n : lengths) bytes += (std::max(n, 1L) * 4 + 255) / 256 * 256;
+    Buffer root = TestSession().MakeBuffer(kMemReadWrite, bytes);
+    long at = 0;
+    for (size_t i = 0; i < lengths.size(); ++i) {
+      const long n = lengths[i];
+      Operand op;
+      op.opt = TensorOption{Shape({n}), kFloat};
+      op.values =
+          RandomValues(static_cast<size_t>(n), kFloat, -4, 4, seed + static_cast<unsigned>(i));
+      op.buf = root.View(at, std::max(n, 1L) * 4, kMemReadWrite);
+      std::vector<float> host(op.values.begin(), op.values.end());
+      if (n) TestQueue().CopyHostToDevice(op.buf, host.data(), n * 4);
+      list.ops.push_back(op);
+      at += (std::max(n, 1L) * 4 + 255) / 256 * 256;
+    }
+    return list;
+  };
+  const List a = make(700), b = make(800);
+  List out = make(900);
+  Kernel kernel =
+      ForEachBinary::Create(TestQueue(), ForEachBinaryOption{BinaryType::kSub, 0.5f}, a.opts(),
+                            a.bufs(), b.opts(), b.bufs(), out.opts(), out.bufs());
+  if (TestSessionImpl()->host_cpu()) {
+    EXPECT_EQ(UnitCount(kernel), 1u);
+  }
+  TestQueue().Enqueue(kernel);
+  ExpectList(out, {&a, &b}, [](const std::vector<double>& v) { return v[0] - 0.5 * v[1]; });
+  // 24 tuples (20 not empty) in their own buffers, in place: 16 memory
+  // objects per launch.
+  std::vector<long> many(24);
+  for (size_t i = 0; i < many.size(); ++i) many[i] = lengths[i % lengths.size()];
+  List x = RandomList(many, false, -3, 3, 1000);
+  const List y = RandomList(many, false, -3, 3, 1100);
+  const List before = x;
+  Kernel in_place =
+      ForEachBinary::Create(TestQueue(), ForEachBinaryOption{BinaryType::kMul, 1.0f}, x.opts(),
+                            x.bufs(), y.opts(), y.bufs(), x.opts(), x.bufs());
+  if (TestSessionImpl()->host_cpu()) {
+    EXPECT_EQ(UnitCount(in_place), 2u);
+  }
+  TestQueue().Enqueue(in_place);
+  ExpectList(x, {&before, &y}, [](const std::vector<double>& v) { return v[0] * v[1]; });
+}
+
 TEST(ForEachTest, Errors) {
   const List a = RandomList({3, 4}, false, -1, 1, 1), b = RandomList({3, 5}, false, -1, 1, 2);
   List out = Outputs(a);

@@ -7,11 +7,10 @@
  *                 (empty when it has none);
  * and then expands EW_KERNELS(Name), which defines two kernels:
  *   Name          contiguous tensors of one shape seen as flat arrays, VEC_SIZE
- *                 consecutive elements per work item from element `base`; a
- *                 length that VEC_SIZE does not divide takes a second launch
- *                 of one work item whose vector ends exactly at the end,
- *                 overlapping the one before it (the address stays affine in
- *                 the work-item id, so the compiler vectorises across items).
+ *                 consecutive elements per work item from element `base` (CPU
+ *                 devices build VEC_SIZE 1 and launch one item per element: the
+ *                 address stays affine in the work-item id, so the compiler
+ *                 vectorises across items).
  *                 EW_SPREAD builds (GPUs) instead take (count, stride): item g
  *                 covers elements g + k * stride, k < VEC_SIZE, below count, so
  *                 neighbouring items touch neighbouring elements at every step
@@ -47,7 +46,31 @@
 #define EW_LOAD_ARG(i, p)                                                     \
   EW_CVT(NERVA_CAT3(IN, i, _CVT), NERVA_CAT3(ARG, i, _DTYPE),                \
          VLOAD(NERVA_CAT3(IN, i, _DTYPE), 1, p))
+#define EW_IS_HALF_half 1
+#if defined(NERVA_HOST_CPU_DEVICE) && NERVA_CAT(EW_IS_HALF_, OUT_DTYPE)
+/* On CPU devices vstore_half is a library call per element, which keeps the
+ * compiler from vectorising across work items; the same rounding (to nearest,
+ * ties to even; overflow to infinity, NaN to a quiet NaN of its sign) in
+ * integer arithmetic vectorises. */
+inline ushort ew_half_bits(float f) {
+  const uint x = as_uint(f);
+  const uint sign = (x >> 16) & 0x8000u;
+  const uint ax = x & 0x7fffffffu;
+  /* normal results: rebias the exponent, round the mantissa to 10 bits */
+  const uint normal = (ax + 0xc8000fffu + ((ax >> 13) & 1u)) >> 13;
+  /* below 2^-14: adding 0.5 leaves the half's subnormal units (2^-24) in the
+   * float's low mantissa bits, rounded to even by the addition itself */
+  const uint small = as_uint(as_float(ax) + 0.5f) - 0x3f000000u;
+  uint h = ax < 0x38800000u ? small : normal;
+  h = ax >= 0x47800000u ? 0x7c00u : h;
+  h = ax > 0x7f800000u ? 0x7e00u : h;
+  return (ushort)(sign | h);
+}
+#define EW_STORE_OUT(v, p) \
+  (*(__global ushort *)(p) = ew_half_bits(EW_CVT(OUT_CVT, OUT_DTYPE, v)))
+#else
 #define EW_STORE_OUT(v, p) VSTORE(OUT_DTYPE, 1, EW_CVT(OUT_CVT, OUT_DTYPE, v), p)
+#endif
 
 /* The tensors of a kernel, output first. */
 #define EW_TENSORS(F) NERVA_CAT(EW_TENSORS_, EW_ARITY)(F)
@@ -150,8 +173,8 @@
     EW_STORE_OUT(EW_APPLY(EW_STRIDED_ADDR), (__global OUT_DTYPE *)(out_ptr + out_at)); \
   }
 
-/* One form per build (EW_FORM: 0 flat, 1 strided, 2 list), so each build
- * compiles one kernel. */
+/* One form per build (EW_FORM: 0 flat, 1 strided, 2 list, 3 list from a
+ * table), so each build compiles one kernel. */
 #if EW_FORM == 0
 #define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME)
 #elif EW_FORM == 1
@@ -183,7 +206,35 @@
 #define EW_SLOT_DECL(t) __global uchar *t = 0;
 #define EW_LIST_ADDR(i) ((__global NERVA_CAT3(IN, i, _DTYPE) *)NERVA_CAT(in, i) + at)
 
-#if EW_FORM != 2
+/* ---- multi-tensor kernel from a table (EW_FORM 3, CPU devices) ----
+ * NAME walks one chunk of one tuple per work item, a plain loop the compiler
+ * vectorises. `table` holds EW_TABLE_STRIDE uints per chunk: its element
+ * count, the slot of the memory objects its tensors live in, then per tensor
+ * (output first) the byte offset of the chunk's first element there. Up to 16
+ * slots of memory objects per launch, so a list of views of a few buffers
+ * takes one launch however long it is. */
+#define EW_TABLE_STRIDE (EW_ARITY + 3)
+#define EW_TABLE_TAKE(t, k) t = t##_##k;
+#define EW_TABLE_PICK(k, s)                                                   \
+  if (slot == k) {                                                            \
+    EW_TENSORS_AT(EW_TABLE_TAKE, k)                                           \
+  }
+#define EW_TABLE_OFFSET(t) t += entry[offset_at++];
+
+#if EW_FORM == 3
+#define EW_FOREACH_KERNEL(NAME)                                               \
+  __kernel void NAME(__global const uint *table EW_SLOTS(EW_SLOT_PARAMS) EW_PARAMS) { \
+    __global const uint *entry = table + get_global_id(0) * EW_TABLE_STRIDE;  \
+    const uint count = entry[0], slot = entry[1];                            \
+    EW_TENSORS(EW_SLOT_DECL)                                                  \
+    EW_SLOTS(EW_TABLE_PICK)                                                   \
+    uint offset_at = 2;                                                       \
+    EW_TENSORS(EW_TABLE_OFFSET)                                               \
+    for (uint at = 0; at < count; ++at) {                                     \
+      EW_STORE_OUT(EW_APPLY(EW_LIST_ADDR), (__global OUT_DTYPE *)out + at);   \
+    }                                                                         \
+  }
+#elif EW_FORM != 2
 #define EW_FOREACH_KERNEL(NAME)
 #else
 #define EW_FOREACH_KERNEL(NAME)                                               \

@@ -34,23 +34,29 @@ std::vector<size_t> SpreadLocal(const std::vector<size_t>& global) {
   return local;
 }
 
-// The buffer that owns `mem`'s memory and the byte origin of `mem` inside it.
-std::pair<cl_mem, long> RootOf(const Buffer& buffer) {
-  // A buffer of another platform is no memory object: it is only itself (the
-  // frame's memory check refuses it later with a message).
-  if (dynamic_cast<const BufferImpl*>(buffer.get()) == nullptr) {
-    return {reinterpret_cast<cl_mem>(buffer.get()), 0};
+// Largest power of two up to `most` that divides `n`.
+size_t PowerOfTwoDivisor(size_t n, size_t most) {
+  size_t l = 1;
+  while (2 * l <= most && n % (2 * l) == 0) l *= 2;
+  return l;
+}
+
+// Groups of the strided launch on CPU devices, which run a group as a loop
+// over x vectorised across items. Streaming layouts take runs of up to 1024
+// items along x (PoCL's own choice is far slower); a layout where some tensor
+// steps x by more than one element (a transposed view) takes 16 x 256 tiles,
+// so the 16 lines the strided tensor touches per row stay in cache while the
+// group walks down them. At most `most` items; no local range (the runtime's
+// choice) where the sizes leave only small divisors.
+std::vector<size_t> CpuStridedLocal(const std::vector<size_t>& global, bool tiled, size_t most) {
+  std::vector<size_t> local(global.size(), 1);
+  local[0] = PowerOfTwoDivisor(global[0], std::min<size_t>(tiled ? 16 : 1024, most));
+  if (tiled && global.size() > 1) {
+    local[1] = PowerOfTwoDivisor(global[1], std::min<size_t>(256, most / local[0]));
   }
-  cl_mem mem = static_cast<cl_mem>(buffer.UnsafeGetPtr());
-  cl_mem parent = nullptr;
-  size_t origin = 0;
-  if (clGetMemObjectInfo(mem, CL_MEM_ASSOCIATED_MEMOBJECT, sizeof(parent), &parent, nullptr) !=
-          CL_SUCCESS ||
-      parent == nullptr) {
-    return {mem, 0};
-  }
-  clGetMemObjectInfo(mem, CL_MEM_OFFSET, sizeof(origin), &origin, nullptr);
-  return {parent, static_cast<long>(origin)};
+  size_t items = 1;
+  for (size_t l : local) items *= l;
+  return items >= 16 ? local : std::vector<size_t>();
 }
 
 // Byte span [first, last) of a tensor's elements relative to its buffer.
@@ -112,6 +118,24 @@ bool BroadcastTogether(const std::vector<long>& a, const std::vector<long>& b,
   }
   if (out) *out = std::move(result);
   return true;
+}
+
+std::pair<cl_mem, long> RootOf(const Buffer& buffer) {
+  // A buffer of another platform is no memory object: it is only itself (the
+  // frame's memory check refuses it later with a message).
+  if (dynamic_cast<const BufferImpl*>(buffer.get()) == nullptr) {
+    return {reinterpret_cast<cl_mem>(buffer.get()), 0};
+  }
+  cl_mem mem = static_cast<cl_mem>(buffer.UnsafeGetPtr());
+  cl_mem parent = nullptr;
+  size_t origin = 0;
+  if (clGetMemObjectInfo(mem, CL_MEM_ASSOCIATED_MEMOBJECT, sizeof(parent), &parent, nullptr) !=
+          CL_SUCCESS ||
+      parent == nullptr) {
+    return {mem, 0};
+  }
+  clGetMemObjectInfo(mem, CL_MEM_OFFSET, sizeof(origin), &origin, nullptr);
+  return {parent, static_cast<long>(origin)};
 }
 
 bool SharesMemory(const Tensor& a, const Tensor& b) {
@@ -300,8 +324,6 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   const ElementwiseLayout layout = CoalesceLayout(out_, inputs_);
   std::vector<Tensor> tensors = {out_};
   tensors.insert(tensors.end(), inputs_.begin(), inputs_.end());
-  bool aliased = false;
-  for (const Tensor& in : inputs_) aliased = aliased || SharesMemory(in, out_);
   bool flat = layout.sizes.size() == 1;
   for (size_t t = 0; flat && t < tensors.size(); ++t) {
     flat = layout.strides[t][0] == static_cast<long>(tensors[t].option().item_size());
@@ -310,9 +332,10 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   // GPUs: spread lanes (no overlapping vectors, so aliasing needs no care),
   // fixed-size groups over bounds-checked ranges.
   const bool spread = !session->host_cpu();
-  int vec = 4;
-  if (flat && aliased && !spread) vec = ElementwiseVecSize(4, n, true);
-  if (n < vec && !spread) flat = false;
+  // CPU devices: one element per item, so the compiler vectorises across items
+  // with unit-stride accesses (four elements per item would make every access
+  // a gather); one launch covers any length and aliasing needs no care.
+  const int vec = spread ? 4 : 1;
 
   std::vector<DataType> types;
   for (const Tensor& in : inputs_) types.push_back(in.dtype());
@@ -343,16 +366,14 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     return;
   }
   if (flat) {
-    // Whole vectors, then (for a leftover) one vector ending at the last element.
-    const long whole = n / vec;
-    for (long base : {0L, n % vec ? n - vec : -1L}) {
-      if (base < 0) break;
-      auto unit = MakeSubKernel(session, program, sources, options, name());
-      unit->SetArgs(static_cast<cl_uint>(base));
-      for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
-      bind(*unit);
-      unit->SetGlobal({static_cast<size_t>(base ? 1 : whole)});
-    }
+    auto unit = MakeSubKernel(session, program, sources, options, name());
+    unit->SetArgs(static_cast<cl_uint>(0));
+    for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
+    bind(*unit);
+    unit->SetGlobal({static_cast<size_t>(n)});
+    const size_t group = PowerOfTwoDivisor(static_cast<size_t>(n),
+                                           std::min<size_t>(1024, session->max_work_group_size()));
+    if (group >= 16) unit->SetLocal({group});
     return;
   }
   auto unit = MakeSubKernel(session, program, sources, options, name() + "Strided");
@@ -376,7 +397,18 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   }
   for (size_t d = 3; d < rank; ++d) global[2] *= static_cast<size_t>(layout.sizes[d]);
   unit->SetGlobal(global);
-  if (spread) unit->SetLocal(SpreadLocal(global));
+  if (spread) {
+    unit->SetLocal(SpreadLocal(global));
+    return;
+  }
+  bool tiled = false;
+  for (size_t t = 0; t < tensors.size(); ++t) {
+    const long x = layout.strides[t][0];
+    tiled = tiled || (x != 0 && x != static_cast<long>(tensors[t].option().item_size()));
+  }
+  const std::vector<size_t> local =
+      CpuStridedLocal(global, tiled && rank > 1, session->max_work_group_size());
+  if (!local.empty()) unit->SetLocal(local);
 }
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwFlatArg& arg) {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "nerva/platform/cl/cl_api.h"
@@ -21,6 +22,9 @@ namespace cl {
 // True when the element ranges of `a` and `b` overlap in device memory: the
 // same buffer, or views (sub-buffers) of one buffer, with intersecting byte spans.
 bool SharesMemory(const Tensor& a, const Tensor& b);
+// The memory object that owns `buffer`'s memory (the root of a view) and the
+// byte origin of `buffer` inside it.
+std::pair<cl_mem, long> RootOf(const Buffer& buffer);
 
 // Vector width of a flat element-wise kernel over `length` elements. Normally
 // AdjustVecSize(requested, length): the last vector is shifted back to end at
@@ -70,8 +74,9 @@ struct ElementwiseSpec {
 // The build definitions of an element-wise program: the operator's own, then
 // VEC_SIZE, EW_FORM, the output's type and conversion, EW_INT and per input its type,
 // argument type and conversion.
-// The kernel a build holds: flat vectors, the strided walk, or tensor lists.
-enum class ElementwiseForm { kFlat = 0, kStrided = 1, kList = 2 };
+// The kernel a build holds: flat vectors, the strided walk, tensor lists in
+// argument slots, or tensor lists chunked through a table (CPU devices).
+enum class ElementwiseForm { kFlat = 0, kStrided = 1, kList = 2, kTable = 3 };
 BuildOption ElementwiseOptions(const ElementwiseSpec& spec, DataType out,
                                const std::vector<DataType>& inputs, int vec, ElementwiseForm form);
 // "common.h", "math.h" (when the program uses it), "elementwise.h", the program.

@@ -1,6 +1,7 @@
 #include "nerva/platform/cl/kernel/elementwise/foreach.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <stdexcept>
 
@@ -15,8 +16,10 @@ namespace cl {
 
 namespace {
 
-constexpr size_t kSlots = 16;  // tuples per launch, as EW_FOREACH_KERNEL
+constexpr size_t kSlots = 16;  // tuples (or memory objects) per launch, as EW_SLOTS
 constexpr int kVec = 4;
+// Elements per work item of the table kernel (CPU devices).
+constexpr long kChunk = 2048;
 
 std::vector<Tensor> MakeList(const std::vector<TensorOption>& opts,
                              const std::vector<Buffer>& buffers, const std::string& op,
@@ -40,11 +43,22 @@ struct EwSlotValues {
 struct EwMem {
   cl_mem mem;
 };
+// The memory object of a table slot and the views of it the table addresses.
+struct EwRoot {
+  cl_mem mem;
+  std::vector<Buffer> views;
+};
+void KeepBound(std::vector<Buffer>& keep, const EwRoot& arg) {
+  keep.insert(keep.end(), arg.views.begin(), arg.views.end());
+}
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwSlotValues& arg) {
   return clSetKernelArg(kernel, index++, sizeof(cl_uint16), &arg.values);
 }
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwMem& arg) {
+  return clSetKernelArg(kernel, index++, sizeof(cl_mem), &arg.mem);
+}
+cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwRoot& arg) {
   return clSetKernelArg(kernel, index++, sizeof(cl_mem), &arg.mem);
 }
 
@@ -93,6 +107,7 @@ void ForEachKernel::VerifyLists(const std::function<ElementwiseSpec(size_t)>& sp
 void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
                                  const std::function<ElementwiseSpec(size_t)>& spec_of,
                                  const std::function<void(KernelUnit&)>& bind) {
+  const bool table = session->host_cpu();
   // Tuples grouped by their build options, in list order.
   std::map<std::string, std::vector<size_t>> groups;
   std::map<std::string, BuildOption> group_options;
@@ -103,7 +118,8 @@ void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
     std::vector<DataType> inputs;
     for (size_t l = 1; l < lists_.size(); ++l) inputs.push_back(type(l, i));
     const BuildOption options =
-        ElementwiseOptions(spec, type(0, i), inputs, kVec, ElementwiseForm::kList);
+        ElementwiseOptions(spec, type(0, i), inputs, table ? 1 : kVec,
+                           table ? ElementwiseForm::kTable : ElementwiseForm::kList);
     if (!groups.count(options.str())) order.push_back(options.str());
     groups[options.str()].push_back(i);
     group_options.emplace(options.str(), options);
@@ -112,6 +128,10 @@ void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
   for (const std::string& key : order) {
     const std::vector<size_t>& members = groups[key];
     const ElementwiseSpec spec = spec_of(members[0]);
+    if (table) {
+      CompileTable(session, members, group_options[key], ElementwiseSources(spec), bind);
+      continue;
+    }
     for (size_t start = 0; start < members.size(); start += kSlots) {
       const size_t used = std::min(kSlots, members.size() - start);
       EwSlotValues counts{};
@@ -132,6 +152,79 @@ void ForEachKernel::CompileLists(const std::shared_ptr<SessionImpl>& session,
       unit->SetGlobal({widest, used});
     }
   }
+}
+
+void ForEachKernel::CompileTable(const std::shared_ptr<SessionImpl>& session,
+                                 const std::vector<size_t>& members, const BuildOption& options,
+                                 const std::vector<std::string>& sources,
+                                 const std::function<void(KernelUnit&)>& bind) {
+  const std::string program = ConcatenateStrings(family_, "elementwise");
+  std::vector<std::vector<cl_mem>> slots;  // per slot, the root of each list's tensor
+  std::vector<std::vector<Buffer>> views;  // per slot, the views the table reaches
+  std::vector<cl_uint> entries;
+  auto launch = [&]() {
+    if (entries.empty()) return;
+    auto unit = MakeSubKernel(session, program, sources, options, name());
+    unit->SetArgs(TableBuffer(session, entries));
+    for (size_t k = 0; k < kSlots; ++k) {
+      const size_t s = k < slots.size() ? k : 0;
+      for (size_t l = 0; l < lists_.size(); ++l) unit->SetArg(EwRoot{slots[s][l], views[s]});
+    }
+    bind(*unit);
+    unit->SetGlobal({entries.size() / (lists_.size() + 2)});
+    unit->SetLocal({1});
+    slots.clear();
+    views.clear();
+    entries.clear();
+  };
+  for (size_t i : members) {
+    std::vector<cl_mem> roots;
+    std::vector<long> origins;
+    for (const auto& list : lists_) {
+      // Table offsets are 32-bit: a view reaching beyond 4 GiB of its root is
+      // addressed from its own memory object.
+      const Tensor& t = list[i];
+      auto root = RootOf(t.storage());
+      const long end = root.second + t.storage_offset() +
+                       t.shape().size() * static_cast<long>(t.option().item_size());
+      if (end > static_cast<long>(std::numeric_limits<cl_uint>::max())) {
+        root = {ClTensor(t).mem(), 0};
+      }
+      roots.push_back(root.first);
+      origins.push_back(root.second + t.storage_offset());
+    }
+    auto found = std::find(slots.begin(), slots.end(), roots);
+    if (found == slots.end() && slots.size() == kSlots) {
+      launch();
+      found = slots.end();
+    }
+    if (found == slots.end()) {
+      slots.push_back(roots);
+      views.emplace_back();
+      found = slots.end() - 1;
+    }
+    const size_t slot = static_cast<size_t>(found - slots.begin());
+    for (const auto& list : lists_) views[slot].push_back(list[i].storage());
+    const long n = lists_[1][i].shape().size();
+    for (long start = 0; start < n; start += kChunk) {
+      entries.push_back(static_cast<cl_uint>(std::min(kChunk, n - start)));
+      entries.push_back(static_cast<cl_uint>(slot));
+      for (size_t l = 0; l < lists_.size(); ++l) {
+        const long item = static_cast<long>(lists_[l][i].option().item_size());
+        entries.push_back(static_cast<cl_uint>(origins[l] + start * item));
+      }
+    }
+  }
+  launch();
+}
+
+Buffer ForEachKernel::TableBuffer(const std::shared_ptr<SessionImpl>& session,
+                                  std::vector<cl_uint> values) {
+  std::shared_ptr<ISessionImpl> base = session;
+  MemoryFlags flags = kMemReadWrite;
+  long size = static_cast<long>(values.size() * sizeof(cl_uint));
+  void* host = values.data();
+  return base->MakeBuffer("MakeBuffer", base, flags, size, host);
 }
 
 ForEachUnaryKernel::ForEachUnaryKernel(const ForEachUnaryOption& option,

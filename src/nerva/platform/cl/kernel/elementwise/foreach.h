@@ -14,10 +14,11 @@ namespace cl {
 // torch._foreach_* over lists of tensor tuples (outs[i] = op(inputs[i], ...)). Tuples
 // whose element types agree run together, up to 16 per launch, through the
 // multi-tensor kernel of their family's program (unary.cl, binary.cl, ternary.cl),
-// so a list of equal types takes ceil(size / 16) launches. The lists must have equal
-// lengths; the tensors of a tuple equal shapes (no broadcasting) and be contiguous.
-// Types and semantics are those of Unary, Binary and Ternary; in-place tuples
-// (an output that is its input) are fine.
+// so a list of equal types takes ceil(size / 16) launches; on CPU devices the
+// tuples go in chunks through a table, one launch per 16 distinct buffers. The lists must have
+// equal lengths; the tensors of a tuple equal shapes (no broadcasting) and be contiguous. Types and
+// semantics are those of Unary, Binary and Ternary; in-place tuples (an output that is its input)
+// are fine.
 class ForEachKernel : public KernelImpl {
  public:
   // lists[0] are the outputs, then the inputs, each named in `names`.
@@ -33,6 +34,14 @@ class ForEachKernel : public KernelImpl {
   DataType type(size_t list, size_t i) const { return lists_[list][i].dtype(); }
 
  private:
+  // CPU devices: the tuples `members` (of one build) in chunks through the
+  // table kernel, one launch per 16 distinct memory-object tuples.
+  void CompileTable(const std::shared_ptr<SessionImpl>& session, const std::vector<size_t>& members,
+                    const BuildOption& options, const std::vector<std::string>& sources,
+                    const std::function<void(KernelUnit&)>& bind);
+  static Buffer TableBuffer(const std::shared_ptr<SessionImpl>& session,
+                            std::vector<cl_uint> values);
+
   std::string family_;
   std::vector<std::vector<Tensor>> lists_;
   std::vector<std::string> names_;
