@@ -15,6 +15,8 @@ namespace {
 
 constexpr long kNoLoopMaxKeys = 2048;
 constexpr uint64_t kNoLoopLocalBytes = 2048 * 8;
+// Shortest extended row of the CPU program: one vector of 16 keys.
+constexpr long kRowsMinKeys = 16;
 
 // The sorted run viewed as [outer, length, inner].
 struct SortLayout {
@@ -114,6 +116,31 @@ void AppendNoLoop(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessio
   }
 }
 
+// CPU devices: one work item per row runs the same network on the row's keys
+// in private vectors (rows of 16 to 2048 extended keys).
+void AppendRows(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                const BitonicSortTensors& t, const SortLayout& l) {
+  BuildOption options = SortOptions(t, l);
+  options.AddOptionIf(t.input.dtype() == kFloat, "-DKEYS_ARE_VALUES");
+  const bool axis0 = l.inner == 1;
+  auto unit =
+      kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+                           options, axis0 ? "bitonicsort_rows_axis0" : "bitonicsort_rows_axis1");
+  unit->SetArgs(SortView(t.input, l, l.length));
+  if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
+  unit->SetArg(SortView(t.out, l, l.length))
+      .SetArg(BitonicStages(l.length))
+      .SetArg(static_cast<int>(l.length));
+  const size_t outer = static_cast<size_t>(l.outer), inner = static_cast<size_t>(l.inner);
+  if (axis0) {
+    unit->SetGlobal({outer}).SetLocal({1});
+  } else if (l.outer == 1) {
+    unit->SetGlobal({inner}).SetLocal({1});
+  } else {
+    unit->SetGlobal({inner, outer}).SetLocal({1, 1});
+  }
+}
+
 void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
                  const BitonicSortTensors& t, const SortLayout& l) {
   const int stages = BitonicStages(l.length);
@@ -209,7 +236,9 @@ void AppendBitonicSort(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& s
   const bool fits = ext <= kNoLoopMaxKeys &&
                     static_cast<size_t>(ext / 2) <= session->max_work_group_size() &&
                     session->local_mem_size() >= kNoLoopLocalBytes;
-  if (fits) {
+  if (session->host_cpu() && ext >= kRowsMinKeys && ext <= kNoLoopMaxKeys) {
+    AppendRows(kernel, session, t, l);
+  } else if (fits) {
     AppendNoLoop(kernel, session, t, l);
   } else {
     AppendLoops(kernel, session, t, l);

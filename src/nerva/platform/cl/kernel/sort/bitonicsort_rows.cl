@@ -1,0 +1,167 @@
+/*
+ * Bitonic sort of whole rows on CPU devices: one work item per row runs the
+ * network of bitonicsort_noloop.cl (the same comparators in the same order,
+ * so the same results, NaN and ties included) on the row's keys held in
+ * private float16 vectors. Exchanges at a distance of 16 or more pair whole
+ * vectors; the shorter ones of a stage run inside each vector with shuffles.
+ *
+ * Build definitions: as bitonicsort_noloop.cl, without LOCAL_SIZE0; rows of
+ * 16 to 2048 extended keys.
+ */
+// #include "common.h"
+
+#ifdef DESCENDING
+#define FILLER_KEY (-2147483647.0f)
+#else
+#define FILLER_KEY 2147483647.0f
+#endif
+
+#define IN_REG DECL_VEC_TYPE(IN_DTYPE, 1)
+#define LANE_IDS (int16)(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)
+
+/* Lanes whose pair (left a, right b) is out of order in blocks of direction
+ * signo (all bits set: the second direction); NaN never compares. */
+inline int16 rows_out_of_order(float16 a, float16 b, int16 signo) {
+#ifdef DESCENDING
+  return select(a < b, a > b, signo);
+#else
+  return select(a > b, a < b, signo);
+#endif
+}
+
+/* The direction of the blocks holding the 16 keys from `first` on at stage s:
+ * bit s + 1 of the key position. */
+inline int16 rows_signo(int first, int stage) {
+  return -(((first + LANE_IDS) >> (stage + 1)) & 1);
+}
+
+/* Exchange at distance D < 16 inside one vector of keys k and positions p. */
+#define ROWS_IN_VECTOR(D, MASK, k, p, signo)                                   \
+  {                                                                          \
+    const float16 ok = shuffle(k, MASK);                                     \
+    const uint16 op = shuffle(p, MASK);                                      \
+    const int16 left = (LANE_IDS & (D)) == 0;                                \
+    const int16 swap = select(rows_out_of_order(ok, k, signo),              \
+                              rows_out_of_order(k, ok, signo), left);        \
+    k = select(k, ok, swap);                                                 \
+    p = select(p, op, swap);                                                 \
+  }
+#define ROWS_XOR1 (uint16)(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14)
+#define ROWS_XOR2 (uint16)(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13)
+#define ROWS_XOR4 (uint16)(4, 5, 6, 7, 0, 1, 2, 3, 12, 13, 14, 15, 8, 9, 10, 11)
+#define ROWS_XOR8 (uint16)(8, 9, 10, 11, 12, 13, 14, 15, 0, 1, 2, 3, 4, 5, 6, 7)
+
+/* Sorts `vectors` vectors of keys and positions through stages 0..num_stages. */
+inline void rows_network(float *keys, uint *pos, int vectors, int num_stages) {
+  for (int stage = 0; stage <= num_stages; ++stage) {
+    /* Distances 2^stage down to 16: whole vectors. */
+    for (int dv = (1 << stage) >> 4; dv >= 1; dv >>= 1) {
+      for (int v = 0; v < vectors; ++v) {
+        if (v & dv) continue;
+        const int16 signo = (int16)(-(((16 * v) >> (stage + 1)) & 1));
+        const float16 a = vload16(v, keys), b = vload16(v + dv, keys);
+        const uint16 pa = vload16(v, pos), pb = vload16(v + dv, pos);
+        const int16 swap = rows_out_of_order(a, b, signo);
+        vstore16(select(a, b, swap), v, keys);
+        vstore16(select(b, a, swap), v + dv, keys);
+        vstore16(select(pa, pb, swap), v, pos);
+        vstore16(select(pb, pa, swap), v + dv, pos);
+      }
+    }
+    /* Distances 8, 4, 2, 1 (those up to 2^stage) in registers. */
+    for (int v = 0; v < vectors; ++v) {
+      float16 k = vload16(v, keys);
+      uint16 p = vload16(v, pos);
+      const int16 signo = rows_signo(16 * v, stage);
+      if (stage >= 3) ROWS_IN_VECTOR(8, ROWS_XOR8, k, p, signo)
+      if (stage >= 2) ROWS_IN_VECTOR(4, ROWS_XOR4, k, p, signo)
+      if (stage >= 1) ROWS_IN_VECTOR(2, ROWS_XOR2, k, p, signo)
+      ROWS_IN_VECTOR(1, ROWS_XOR1, k, p, signo)
+      vstore16(k, v, keys);
+      vstore16(p, v, pos);
+    }
+  }
+}
+
+/* One row: `src`, `dst` and `idx` point at the row's first element and step
+ * by their byte strides along the sorted axis. */
+inline void rows_sort(__global const uchar *src, uint src_stride, __global uchar *dst,
+                      uint dst_stride, __global uchar *idx, uint idx_stride, int num_stages,
+                      int width) {
+  float k[2048];
+  uint p[2048];
+  const int vectors = (2 << num_stages) / 16;
+  for (int i = 0; i < width; ++i) {
+    k[i] = CONVERT(float, 1, VLOAD(IN_DTYPE, 1, (__global IN_DTYPE *)(src + i * src_stride)));
+  }
+  for (int i = width; i < 16 * vectors; ++i) k[i] = FILLER_KEY;
+  for (int v = 0; v < vectors; ++v) vstore16(convert_uint16(16 * v + LANE_IDS), v, p);
+  rows_network(k, p, vectors, num_stages);
+#ifdef KEYS_ARE_VALUES
+  /* Float values are their keys: no source reads, so in place is safe. */
+  for (int i = 0; i < width; ++i) *(__global float *)(dst + i * dst_stride) = k[i];
+#else
+  /* Read every result before writing: the output may be the input. */
+  IN_REG values[2048];
+  for (int i = 0; i < width; ++i) {
+    values[i] = (int)p[i] < width
+                    ? VLOAD(IN_DTYPE, 1, (__global IN_DTYPE *)(src + p[i] * src_stride))
+                    : CONVERT(IN_DTYPE, 1, k[i]);
+  }
+  for (int i = 0; i < width; ++i) {
+    VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, values[i]),
+           (__global OUT_DTYPE *)(dst + i * dst_stride));
+  }
+#endif
+#ifdef WITH_INDICES
+  for (int i = 0; i < width; ++i) {
+    *(__global INDICES_DTYPE *)(idx + i * idx_stride) = (INDICES_DTYPE)p[i];
+  }
+#endif
+}
+
+#ifdef WITH_INDICES
+#define ROWS_INDICES_ARG2D DECL_TENSOR2D(indices),
+#define ROWS_INDICES_AT2D(x, y) (TENSOR_BASE(indices) + (x) * indices_stride_x + (y) * indices_stride_y)
+#else
+#define ROWS_INDICES_ARG2D
+#define ROWS_INDICES_AT2D(x, y) ((__global uchar *)0)
+#define indices_stride_x 0
+#define indices_stride_y 0
+#endif
+
+/* Rows along x of a 2-D (x, row) view: item = row. */
+__kernel void bitonicsort_rows_axis0(DECL_TENSOR2D(src), ROWS_INDICES_ARG2D DECL_TENSOR2D(dst),
+                                     int num_stages, int width) {
+  const size_t row = get_global_id(0);
+  rows_sort(TENSOR_BASE(src) + row * src_stride_y, src_stride_x,
+            TENSOR_BASE(dst) + row * dst_stride_y, dst_stride_x, ROWS_INDICES_AT2D(0, row),
+            indices_stride_x, num_stages, width);
+}
+
+#ifdef IS_3D
+#ifdef WITH_INDICES
+#define ROWS_INDICES_ARG3D DECL_TENSOR3D(indices),
+#define ROWS_INDICES_COL (TENSOR_BASE(indices) + x * indices_stride_x + z * indices_stride_z)
+#else
+#define ROWS_INDICES_ARG3D
+#define ROWS_INDICES_COL ((__global uchar *)0)
+#endif
+/* Columns along y of a 3-D (x, y, z) view: items (x, z). */
+__kernel void bitonicsort_rows_axis1(DECL_TENSOR3D(src), ROWS_INDICES_ARG3D DECL_TENSOR3D(dst),
+                                     int num_stages, int width) {
+  const size_t x = get_global_id(0), z = get_global_id(1);
+  rows_sort(TENSOR_BASE(src) + x * src_stride_x + z * src_stride_z, src_stride_y,
+            TENSOR_BASE(dst) + x * dst_stride_x + z * dst_stride_z, dst_stride_y,
+            ROWS_INDICES_COL, indices_stride_y, num_stages, width);
+}
+#else
+/* Columns along y of a 2-D (x, y) view: item = x. */
+__kernel void bitonicsort_rows_axis1(DECL_TENSOR2D(src), ROWS_INDICES_ARG2D DECL_TENSOR2D(dst),
+                                     int num_stages, int width) {
+  const size_t x = get_global_id(0);
+  rows_sort(TENSOR_BASE(src) + x * src_stride_x, src_stride_y,
+            TENSOR_BASE(dst) + x * dst_stride_x, dst_stride_y, ROWS_INDICES_AT2D(x, 0),
+            indices_stride_y, num_stages, width);
+}
+#endif
