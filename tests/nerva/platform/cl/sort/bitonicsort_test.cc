@@ -181,8 +181,9 @@ TEST(BitonicSortTest, InPlaceSort) {
 }
 
 // Rows with ties, NaN, infinities and both zeros: the network leaves NaN
-// where no comparison moves it, so the CPU program (one item per row, keys in
-// vectors) must give exactly the values and indices of the one-group program.
+// where no comparison moves it, so the CPU programs (one item per row or per
+// block of 2048, keys in vectors) must give exactly the values and indices of
+// the one-group and per-pass programs.
 std::vector<float> SpecialFloats(size_t n, unsigned seed) {
   std::vector<float> v = RandomFloats(n, -8.0f, 8.0f, seed);
   const float special[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 2.0f, 2.0f};
@@ -213,11 +214,21 @@ struct RowsCase {
 
 TEST(BitonicSortTest, CpuRowsProgramMatchesTheGroupProgram) {
   const RowsCase cases[] = {
-      {{5, 17}, 1, false, true, kFloat},  {{5, 17}, 1, true, false, kFloat},
-      {{3, 9}, 1, true, true, kFloat},    {{2, 2048}, 1, false, true, kFloat},
-      {{2, 2048}, 1, true, true, kFloat}, {{3, 1000}, 1, false, true, kHalf},
-      {{37, 6}, 0, false, true, kFloat},  {{3, 37, 5}, 1, true, true, kFloat},
-      {{4, 300}, 1, true, true, kInt32},  {{2, 15}, 1, false, true, kFloat},
+      {{5, 17}, 1, false, true, kFloat},
+      {{5, 17}, 1, true, false, kFloat},
+      {{3, 9}, 1, true, true, kFloat},
+      {{2, 2048}, 1, false, true, kFloat},
+      {{2, 2048}, 1, true, true, kFloat},
+      {{3, 1000}, 1, false, true, kHalf},
+      {{37, 6}, 0, false, true, kFloat},
+      {{3, 37, 5}, 1, true, true, kFloat},
+      {{4, 300}, 1, true, true, kInt32},
+      {{2, 15}, 1, false, true, kFloat},
+      // Longer rows: blocks of 2048 positions between the per-pass launches.
+      {{2, 2049}, 1, true, true, kFloat},
+      {{1, 5000}, 1, false, true, kHalf},
+      {{2, 4097}, 1, false, true, kInt32},
+      {{1, 4096}, 1, true, false, kFloat},
   };
   unsigned seed = 20;
   for (const RowsCase& c : cases) {

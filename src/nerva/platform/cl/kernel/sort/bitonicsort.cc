@@ -17,6 +17,8 @@ constexpr long kNoLoopMaxKeys = 2048;
 constexpr uint64_t kNoLoopLocalBytes = 2048 * 8;
 // Shortest extended row of the CPU program: one vector of 16 keys.
 constexpr long kRowsMinKeys = 16;
+// Stages that stay inside blocks of kNoLoopMaxKeys positions.
+constexpr int kBlockStages = 11;
 
 // The sorted run viewed as [outer, length, inner].
 struct SortLayout {
@@ -166,9 +168,24 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
     temp_indices.emplace(SortView(t.temp_indices, l, ext));
     indices.emplace(SortView(t.indices, l, l.length));
   }
-  for (int stage = 0; stage <= stages; ++stage) {
-    for (int pass = 0; pass <= stage; ++pass) {
-      const bool first = stage == 0, final = stage == stages && pass == stage;
+  // CPU devices, rows along x: one work item per block of 2048 positions runs
+  // stages 0-10 and, later, each stage's passes below distance 2048.
+  const bool blocks = session->host_cpu() && axis0;
+  const auto block_unit = [&](int stage) {
+    auto unit =
+        kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+                             options, "bitonicsort_blocks");
+    unit->SetArgs(src);
+    if (indices) unit->SetArg(*temp_indices).SetArg(*indices);
+    unit->SetArg(temp).SetArg(dst).SetArg(static_cast<int>(l.length)).SetArg(stage).SetArg(stages);
+    unit->SetGlobal({static_cast<size_t>(ext / kNoLoopMaxKeys), outer}).SetLocal({1, 1});
+  };
+  if (blocks) block_unit(0);
+  const int first_stage = blocks ? kBlockStages : 0;
+  for (int stage = first_stage; stage <= stages; ++stage) {
+    const int last_pass = blocks ? stage - kBlockStages : stage;
+    for (int pass = 0; pass <= last_pass; ++pass) {
+      const bool first = stage == 0, final = !blocks && stage == stages && pass == stage;
       auto unit =
           kernel.MakeSubKernel(session, "BitonicSort::loop", {"common.h", "bitonicsort.cl"},
                                final ? last : options, prefix + (first ? "_init" : "_loop"));
@@ -182,6 +199,7 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
           .SetArg(static_cast<unsigned>(stage))
           .SetGlobal(global);
     }
+    if (blocks) block_unit(stage);
   }
 }
 
