@@ -5,7 +5,9 @@
  * the counter is (offset lo, offset hi, subsequence lo, subsequence hi), and
  * the first output block is the ten-round image of that counter. Each later
  * block is the ten-round image of the previous block. Every work item uses its
- * global id as the subsequence, so results do not depend on scheduling.
+ * global id as the subsequence, so results do not depend on scheduling (the
+ * CPU-device kernels fill runs of those streams per work item, with the same
+ * numbers).
  *
  * Floating conversions are kept free of fused multiply-adds so that every
  * device produces the same bits (and a host model can reproduce them).
@@ -328,7 +330,8 @@ RANDOM_INLINE void random_item_blocks(long n, long *first, long *last) {
   *last = min(*first + per, blocks);
 }
 /* Whether the eight streams of block b fill 32 whole elements in order. */
-#define RANDOM_BLOCK_WHOLE(b, n) (((b) > 0 || RANDOM_SHIFT == 0) && 32 * (b) + 32 - RANDOM_SHIFT <= (n))
+#define RANDOM_BLOCK_WHOLE(b, n)                                               \
+  (((b) > 0 || RANDOM_SHIFT == 0) && 32 * (b) + 32 - RANDOM_SHIFT <= (n))
 
 /* Stores value v of lane l of stream g when its element lies in the output. */
 #define RANDOM_STORE_LANE(p, g, l, v, n)                                       \

@@ -54,8 +54,10 @@ __kernel void random_normal_philox_cpu(DECL_TENSOR1D(out), DECL_PHILOX_STATE,
       sn = SCALED(sn);
       cs = SCALED(cs);
       __global OUT_DTYPE *q = p + RANDOM_ELEMENT(8 * b, 0);
-      RANDOM_STORE16(q, shuffle2(sn, cs, (uint16)(0, 16, 8, 24, 1, 17, 9, 25, 2, 18, 10, 26, 3, 19, 11, 27)));
-      RANDOM_STORE16(q + 16, shuffle2(sn, cs, (uint16)(4, 20, 12, 28, 5, 21, 13, 29, 6, 22, 14, 30, 7, 23, 15, 31)));
+      RANDOM_STORE16(q, shuffle2(sn, cs, (uint16)(0, 16, 8, 24, 1, 17, 9, 25, 2, 18, 10, 26, 3,
+                                                  19, 11, 27)));
+      RANDOM_STORE16(q + 16, shuffle2(sn, cs, (uint16)(4, 20, 12, 28, 5, 21, 13, 29, 6, 22, 14,
+                                                       30, 7, 23, 15, 31)));
       continue;
     }
     for (long g = 8 * b; g < min(8 * b + 8, streams); ++g) {

@@ -127,7 +127,8 @@ inline void rows_sort(__global const uchar *src, uint src_stride, __global uchar
 
 #ifdef WITH_INDICES
 #define ROWS_INDICES_ARG2D DECL_TENSOR2D(indices),
-#define ROWS_INDICES_AT2D(x, y) (TENSOR_BASE(indices) + (x) * indices_stride_x + (y) * indices_stride_y)
+#define ROWS_INDICES_AT2D(x, y)                                                \
+  (TENSOR_BASE(indices) + (x) * indices_stride_x + (y) * indices_stride_y)
 #else
 #define ROWS_INDICES_ARG2D
 #define ROWS_INDICES_AT2D(x, y) ((__global uchar *)0)
@@ -209,8 +210,9 @@ __kernel void bitonicsort_blocks(BLOCK_PARAMS) {
     const int at = base + i;
     if (stage == 0) {
       /* The first stages read the source, filler keys past the row. */
-      values[i] = at < width ? CONVERT(TEMP_DTYPE, 1, VLOAD(IN_DTYPE, 1, BLOCK_AT(src, IN_DTYPE, at, row)))
-                             : CONVERT(TEMP_DTYPE, 1, FILLER_KEY);
+      values[i] = at < width
+                      ? CONVERT(TEMP_DTYPE, 1, VLOAD(IN_DTYPE, 1, BLOCK_AT(src, IN_DTYPE, at, row)))
+                      : CONVERT(TEMP_DTYPE, 1, FILLER_KEY);
 #ifdef WITH_INDICES
       from[i] = at;
 #endif
@@ -238,7 +240,8 @@ __kernel void bitonicsort_blocks(BLOCK_PARAMS) {
     return;
   }
   for (int i = 0; i < BLOCK_KEYS && base + i < width; ++i) {
-    VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, values[p[i]]), BLOCK_AT(dst, OUT_DTYPE, base + i, row));
+    VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, values[p[i]]),
+           BLOCK_AT(dst, OUT_DTYPE, base + i, row));
 #ifdef WITH_INDICES
     *BLOCK_AT(indices, INDICES_DTYPE, base + i, row) = (INDICES_DTYPE)from[p[i]];
 #endif
