@@ -213,23 +213,20 @@ struct RowsCase {
 };
 
 TEST(BitonicSortTest, CpuRowsProgramMatchesTheGroupProgram) {
+  // Shapes and options the other tests build too where possible (every row
+  // length is its own program build).
   const RowsCase cases[] = {
-      {{5, 17}, 1, false, true, kFloat},
-      {{5, 17}, 1, true, false, kFloat},
-      {{3, 9}, 1, true, true, kFloat},
       {{2, 2048}, 1, false, true, kFloat},
       {{2, 2048}, 1, true, true, kFloat},
-      {{3, 1000}, 1, false, true, kHalf},
       {{37, 6}, 0, false, true, kFloat},
       {{3, 37, 5}, 1, true, true, kFloat},
-      {{4, 300}, 1, true, true, kInt32},
-      {{2, 15}, 1, false, true, kFloat},
+      {{300}, 0, false, true, kHalf},
+      {{2, 300}, 1, true, true, kInt32},
       // Longer rows: blocks of 2048 positions between the per-pass launches.
       {{2, 2049}, 1, true, true, kFloat},
-      {{1, 5000}, 1, false, true, kHalf},
-      {{2, 4097}, 1, false, true, kInt32},
-      {{1, 4096}, 1, true, false, kFloat},
+      {{1, 2049}, 1, false, true, kInt32},
   };
+
   unsigned seed = 20;
   for (const RowsCase& c : cases) {
     long n = 1;
@@ -249,7 +246,7 @@ TEST(BitonicSortTest, CpuRowsProgramMatchesTheGroupProgram) {
 // Rows without NaN sort fully, infinities included where no filler key
 // takes part (filler keys tie with the infinity on their side).
 TEST(BitonicSortTest, CpuRowsInfinitiesAndLengths) {
-  for (long len : {1L, 2L, 3L, 9L, 16L, 17L, 31L, 33L, 2047L, 2048L}) {
+  for (long len : {1L, 2L, 3L, 9L, 17L, 2048L}) {
     const bool descending = len % 2 == 0, full = BitonicExtendedLength(len) == len;
     std::vector<float> input = SpecialFloats(static_cast<size_t>(len), 40 + len);
     for (float& x : input) {
