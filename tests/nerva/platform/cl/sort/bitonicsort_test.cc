@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <numeric>
 #include <stdexcept>
 #include <string>
@@ -177,6 +178,100 @@ TEST(BitonicSortTest, InPlaceSort) {
   std::vector<float> expected = input;
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(Download<float>(x, 1000), expected);
+}
+
+// Rows with ties, NaN, infinities and both zeros: the network leaves NaN
+// where no comparison moves it, so the CPU programs (one item per row or per
+// block of 2048, keys in vectors) must give exactly the values and indices of
+// the one-group and per-pass programs.
+std::vector<float> SpecialFloats(size_t n, unsigned seed) {
+  std::vector<float> v = RandomFloats(n, -8.0f, 8.0f, seed);
+  const float special[] = {NAN, INFINITY, -INFINITY, 0.0f, -0.0f, 2.0f, 2.0f};
+  for (size_t i = 0; i < n; ++i) {
+    if (i % 5 == 1) v[i] = special[(i / 5) % 7];
+    if (i % 7 == 3) v[i] = std::round(v[i]);  // ties
+  }
+  return v;
+}
+
+void ExpectSameBits(const SortResult& a, const SortResult& b, const char* what) {
+  ASSERT_EQ(a.values.size(), b.values.size());
+  for (size_t i = 0; i < a.values.size(); ++i) {
+    uint32_t x, y;
+    std::memcpy(&x, &a.values[i], 4);
+    std::memcpy(&y, &b.values[i], 4);
+    ASSERT_EQ(x, y) << what << " value at " << i;
+  }
+  EXPECT_EQ(a.indices, b.indices) << what;
+}
+
+struct RowsCase {
+  std::vector<long> sizes;
+  int axis;
+  bool descending, with_indices;
+  DataType dtype;
+};
+
+TEST(BitonicSortTest, CpuRowsProgramMatchesTheGroupProgram) {
+  // Shapes and options the other tests build too where possible (every row
+  // length is its own program build).
+  const RowsCase cases[] = {
+      {{2, 2048}, 1, false, true, kFloat},
+      {{2, 2048}, 1, true, true, kFloat},
+      {{37, 6}, 0, false, true, kFloat},
+      {{3, 37, 5}, 1, true, true, kFloat},
+      {{300}, 0, false, true, kHalf},
+      {{2, 300}, 1, true, true, kInt32},
+      // Longer rows: blocks of 2048 positions between the per-pass launches.
+      {{2, 2049}, 1, true, true, kFloat},
+      {{1, 2049}, 1, false, true, kInt32},
+  };
+
+  unsigned seed = 20;
+  for (const RowsCase& c : cases) {
+    long n = 1;
+    for (long s : c.sizes) n *= s;
+    std::vector<float> input = SpecialFloats(n, ++seed);
+    if (c.dtype != kFloat) {
+      for (float& x : input) x = std::isfinite(x) ? std::round(x * 100.0f) : 7.0f;
+    }
+    const SortResult cpu = RunSort(input, c.sizes, c.axis, c.descending, c.with_indices, c.dtype);
+    GpuPathsForTesting gpu;
+    const SortResult group = RunSort(input, c.sizes, c.axis, c.descending, c.with_indices, c.dtype);
+    SCOPED_TRACE(::testing::Message() << "case " << seed);
+    ExpectSameBits(cpu, group, "rows vs group");
+  }
+}
+
+// Rows without NaN sort fully, infinities included where no filler key
+// takes part (filler keys tie with the infinity on their side).
+TEST(BitonicSortTest, CpuRowsInfinitiesAndLengths) {
+  for (long len : {1L, 2L, 3L, 9L, 17L, 2048L}) {
+    const bool descending = len % 2 == 0, full = BitonicExtendedLength(len) == len;
+    std::vector<float> input = SpecialFloats(static_cast<size_t>(len), 40 + len);
+    for (float& x : input) {
+      if (std::isnan(x) || (!full && x == (descending ? -INFINITY : INFINITY))) x = 1.5f;
+    }
+    CheckSorted(input, {len}, 0, descending, RunSort(input, {len}, 0, descending, true));
+  }
+}
+
+TEST(BitonicSortTest, CpuRowsInPlaceIntegers) {
+  std::vector<int32_t> values(1500);
+  for (size_t i = 0; i < values.size(); ++i)
+    values[i] = 33554432 + static_cast<int32_t>((i * 7919) % 1500);
+  Tensor x = Upload(values, {1500}, kInt32), temp = TestSession().MakeTensor({2048}, kInt32);
+  TestQueue().Enqueue(BitonicSort::Create(TestQueue(), BitonicSortOption(), x.option(), x.storage(),
+                                          temp.option(), temp.storage(), x.option(), x.storage()));
+  const std::vector<int32_t> got = Download<int32_t>(x, 1500);
+  // Keys above 2^24 tie in float: the values stay a permutation of the input.
+  std::vector<int32_t> a = got, b = values;
+  std::sort(a.begin(), a.end());
+  std::sort(b.begin(), b.end());
+  EXPECT_EQ(a, b);
+  for (size_t i = 1; i < got.size(); ++i) {
+    ASSERT_LE(static_cast<float>(got[i - 1]), static_cast<float>(got[i])) << i;
+  }
 }
 
 TEST(BitonicSortTest, StagesAndScratchMessages) {

@@ -5,7 +5,9 @@
  * the counter is (offset lo, offset hi, subsequence lo, subsequence hi), and
  * the first output block is the ten-round image of that counter. Each later
  * block is the ten-round image of the previous block. Every work item uses its
- * global id as the subsequence, so results do not depend on scheduling.
+ * global id as the subsequence, so results do not depend on scheduling (the
+ * CPU-device kernels fill runs of those streams per work item, with the same
+ * numbers).
  *
  * Floating conversions are kept free of fused multiply-adds so that every
  * device produces the same bits (and a host model can reproduce them).
@@ -197,40 +199,146 @@ RANDOM_INLINE float4 rand_log_normal4(philox4x32_state_t *state, float mean, flo
  * items, where the library calls do not; other devices use the library. */
 #ifdef NERVA_HOST_CPU_DEVICE
 /* ln u for u > 0: u = m * 2^e with m in [sqrt(1/2), sqrt(2)), ln m by the
- * atanh series in t = (m - 1) / (m + 1). */
-RANDOM_INLINE float random_log(float u) {
-  const int bits = as_int(u);
-  int e = ((bits >> 23) & 0xFF) - 127;
-  float m = as_float((bits & 0x007FFFFF) | 0x3F800000);
-  const int big = m > 1.41421356f;
-  m = big ? m * 0.5f : m;
-  e += big;
-  const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
-  const float series = t * (2.0f + t2 * (0.666666667f + t2 * (0.4f + t2 * (0.285714286f +
-                                                                          t2 * 0.222222222f))));
-  return (float)e * 0.693147181f + series;
-}
+ * atanh series in t = (m - 1) / (m + 1). Defined for float (W empty) and
+ * float16 (W = 16) from one body, so both give the same bits. */
+#define RANDOM_DEFINE_LOG(W)                                                   \
+  RANDOM_INLINE float##W random_log##W(float##W u) {                         \
+    const int##W bits = as_int##W(u);                                        \
+    const int##W e = ((bits >> 23) & 0xFF) - 127;                            \
+    const float##W m0 = as_float##W((bits & 0x007FFFFF) | 0x3F800000);       \
+    const int##W big = m0 > 1.41421356f;                                     \
+    const float##W m = select(m0, m0 * 0.5f, big);                           \
+    const float##W t = (m - 1.0f) / (m + 1.0f), t2 = t * t;                  \
+    float##W p = fma(t2, (float##W)0.222222222f, (float##W)0.285714286f);   \
+    p = fma(t2, p, (float##W)0.4f);                                          \
+    p = fma(t2, p, (float##W)0.666666667f);                                  \
+    p = fma(t2, p, (float##W)2.0f);                                          \
+    return fma(convert_float##W(select(e, e + 1, big)), (float##W)0.693147181f, t * p); \
+  }
 /* sin and cos of v in [0, 2 pi): quadrant reduction to [-pi/4, pi/4]. */
-RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
-  /* Round to nearest: adding and removing 1.5 * 2^23 leaves an integer. */
-  const float q = (v * 0.636619772f + 12582912.0f) - 12582912.0f;
-  const float x = (v - q * 1.57079625f) - q * 7.54978995e-8f;
-  const float x2 = x * x;
-  const float sx = x * (1.0f + x2 * (-0.166666667f + x2 * (8.33333333e-3f +
-                                                           x2 * (-1.98412698e-4f + x2 * 2.75573192e-6f))));
-  const float cx = 1.0f + x2 * (-0.5f + x2 * (4.16666667e-2f + x2 * (-1.38888889e-3f +
-                                                                     x2 * 2.48015873e-5f)));
-  const int k = (int)q & 3;
-  const float sv = (k & 1) ? cx : sx, cv = (k & 1) ? sx : cx;
-  *s = (k == 1 || k == 0) ? sv : -sv;
-  *c = (k == 0 || k == 3) ? cv : -cv;
-}
+#define RANDOM_DEFINE_SINCOS(W)                                                \
+  RANDOM_INLINE void random_sincos##W(float##W v, float##W *s, float##W *c) { \
+    /* Round to nearest: adding and removing 1.5 * 2^23 leaves an integer. */ \
+    const float##W q = (v * 0.636619772f + 12582912.0f) - 12582912.0f;       \
+    const float##W x = fma(-q, (float##W)7.54978995e-8f, fma(-q, (float##W)1.57079625f, v)); \
+    const float##W x2 = x * x;                                               \
+    float##W ps = fma(x2, (float##W)2.75573192e-6f, (float##W)-1.98412698e-4f); \
+    ps = fma(x2, ps, (float##W)8.33333333e-3f);                              \
+    ps = fma(x2, ps, (float##W)-0.166666667f);                               \
+    const float##W sx = fma(x * x2, ps, x);                                  \
+    float##W pc = fma(x2, (float##W)2.48015873e-5f, (float##W)-1.38888889e-3f); \
+    pc = fma(x2, pc, (float##W)4.16666667e-2f);                              \
+    pc = fma(x2, pc, (float##W)-0.5f);                                       \
+    const float##W cx = fma(x2, pc, (float##W)1.0f);                         \
+    const int##W k = convert_int##W(q) & 3;                                  \
+    const int##W odd = (k & 1) != 0;                                         \
+    const float##W sv = select(sx, cx, odd), cv = select(cx, sx, odd);       \
+    *s = select(-sv, sv, k <= 1);                                            \
+    *c = select(-cv, cv, k == 0 || k == 3);                                  \
+  }
+RANDOM_DEFINE_LOG()
+RANDOM_DEFINE_SINCOS()
 #else
 #define random_log(u) log(u)
 RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
   *s = sin(v);
   *c = cos(v);
 }
+#endif
+
+/* ---- CPU devices: eight streams per vector ----
+ * One work item fills a run of consecutive streams, eight at a time, in
+ * explicit 64-bit-lane vectors: stream j of the eight keeps its counter word
+ * w in the low half of lane j of cw (the upper half is ignored), so a round is
+ * two 32x32->64 multiplies, two shifts and two three-way xors for all eight.
+ * The numbers are those of the scalar form, bit for bit. */
+#ifdef NERVA_HOST_CPU_DEVICE
+#define RANDOM_LOW32 ((ulong8)0xFFFFFFFFul)
+RANDOM_INLINE void philox8_first_blocks(ulong seed, ulong first, ulong offset, ulong8 *c0,
+                                        ulong8 *c1, ulong8 *c2, ulong8 *c3) {
+  ulong8 w0 = (ulong8)((uint)offset), w1 = (ulong8)((uint)(offset >> 32));
+  const ulong8 sub = (ulong8)(first) + (ulong8)(0, 1, 2, 3, 4, 5, 6, 7);
+  ulong8 w2 = sub & RANDOM_LOW32, w3 = sub >> 32;
+  ulong k0 = (uint)seed, k1 = (uint)(seed >> 32);
+#pragma unroll
+  for (int r = 0; r < 10; ++r) {
+    const ulong8 pa = (w0 & RANDOM_LOW32) * (ulong)PHILOXSA;
+    const ulong8 pb = (w2 & RANDOM_LOW32) * (ulong)PHILOXSB;
+    w0 = (pb >> 32) ^ w1 ^ (ulong8)(k0);
+    w1 = pb;
+    w2 = (pa >> 32) ^ w3 ^ (ulong8)(k1);
+    w3 = pa;
+    k0 = (uint)(k0 + PHILOX10A);
+    k1 = (uint)(k1 + PHILOX10B);
+  }
+  *c0 = w0;
+  *c1 = w1;
+  *c2 = w2;
+  *c3 = w3;
+}
+
+/* The 32 words of the eight streams in stream order, 16 per vector. */
+RANDOM_INLINE void philox8_in_order(ulong8 c0, ulong8 c1, ulong8 c2, ulong8 c3, uint16 *lo,
+                                    uint16 *hi) {
+  const ulong8 a = (c0 & RANDOM_LOW32) | (c1 << 32), b = (c2 & RANDOM_LOW32) | (c3 << 32);
+  *lo = as_uint16(shuffle2(a, b, (ulong8)(0, 8, 1, 9, 2, 10, 3, 11)));
+  *hi = as_uint16(shuffle2(a, b, (ulong8)(4, 12, 5, 13, 6, 14, 7, 15)));
+}
+
+/* The low words of two counter vectors side by side. */
+RANDOM_INLINE uint16 philox8_words(ulong8 a, ulong8 b) {
+  return (uint16)(convert_uint8(a & RANDOM_LOW32), convert_uint8(b & RANDOM_LOW32));
+}
+
+/* uniform_from_word on 16 words: the unsigned conversion rounds to nearest
+ * even like word_to_float, and the scaling by 2^-32 is exact. */
+RANDOM_INLINE float16 uniform16_from_words(uint16 x) {
+  return convert_float16(x) * RAND_2POW32_INV + RAND_2POW32_INV / 2.0f;
+}
+
+RANDOM_DEFINE_LOG(16)
+RANDOM_DEFINE_SINCOS(16)
+
+/* Box-Muller on 16 word pairs (x, y): (sin(v) * s, cos(v) * s) per lane. */
+RANDOM_INLINE void box_muller16(uint16 x, uint16 y, float16 *n0, float16 *n1) {
+  const float16 u = uniform16_from_words(x);
+  const float16 v = convert_float16(y) * RAND_2POW32_INV_2PI + RAND_2POW32_INV_2PI / 2.0f;
+  const float16 s = sqrt(-2.0f * random_log16(u));
+  float16 sn, cs;
+  random_sincos16(v, &sn, &cs);
+  *n0 = sn * s;
+  *n1 = cs * s;
+}
+
+/* Sixteen floats of the output type at p, which need not be aligned. */
+typedef float random_float16u __attribute__((ext_vector_type(16), aligned(4)));
+#define RANDOM_STORE16(p, v) NERVA_CAT(RANDOM_STORE16_, OUT_DTYPE)(p, v)
+#define RANDOM_STORE16_float(p, v) (*(__global random_float16u *)(p) = (v))
+#define RANDOM_STORE16_half(p, v) vstore_half16_rte(v, 0, p)
+
+/* Element of lane l of stream g in a flat output of n elements: stream 0
+ * fills elements 0-3, later streams are shifted back so that the last one
+ * ends at n (the first two overlap when n is not a multiple of four). */
+#define RANDOM_SHIFT ((4 - VEC_SIZE_LEFTOVER) % 4)
+#define RANDOM_ELEMENT(g, l) ((g) == 0 ? (long)(l) : 4 * (long)(g) + (l)-RANDOM_SHIFT)
+
+/* The blocks of eight streams of this work item: [*first, *last). */
+RANDOM_INLINE void random_item_blocks(long n, long *first, long *last) {
+  const long blocks = ((n + 3) / 4 + 7) / 8;
+  const long per = (blocks + (long)get_global_size(0) - 1) / (long)get_global_size(0);
+  *first = (long)get_global_id(0) * per;
+  *last = min(*first + per, blocks);
+}
+/* Whether the eight streams of block b fill 32 whole elements in order. */
+#define RANDOM_BLOCK_WHOLE(b, n)                                               \
+  (((b) > 0 || RANDOM_SHIFT == 0) && 32 * (b) + 32 - RANDOM_SHIFT <= (n))
+
+/* Stores value v of lane l of stream g when its element lies in the output. */
+#define RANDOM_STORE_LANE(p, g, l, v, n)                                       \
+  {                                                                          \
+    const long e = RANDOM_ELEMENT(g, l);                                     \
+    if (e < (n)) VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + e);    \
+  }
 #endif
 
 /* Box-Muller on words (x, y) into two scalars (sin(v) * s, cos(v) * s). */

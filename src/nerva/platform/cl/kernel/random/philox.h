@@ -59,10 +59,19 @@ class RandomFillKernel : public KernelImpl {
   // Builds `program` (after "common.h" and "random.h") with `options` plus
   // VEC_SIZE, VEC_SIZE_LEFTOVER and OUT_DTYPE, binds (out, seed, offset,
   // extra...) and advances the session's offset by `advance(vec_size)`.
+  // With `cpu_kernel` on a CPU device (and the full width of 4), that kernel
+  // runs instead: it takes n after the extra arguments and each work item
+  // fills runs of whole streams, kCpuStreamsPerItem of them.
   template <typename... Extra>
   void CompileFill(const std::shared_ptr<SessionImpl>& session, const std::string& program,
                    const std::string& kernel, BuildOption options, uint64_t (*advance)(int),
                    const Extra&... extra) {
+    CompileFillWith(session, program, kernel, "", options, advance, extra...);
+  }
+  template <typename... Extra>
+  void CompileFillWith(const std::shared_ptr<SessionImpl>& session, const std::string& program,
+                       const std::string& kernel, const std::string& cpu_kernel,
+                       BuildOption options, uint64_t (*advance)(int), const Extra&... extra) {
     const long n = out_.shape().size();
     const int vec_size = AdjustedWidth();
     const Tensor flat = out_.Reshape({n});
@@ -70,12 +79,24 @@ class RandomFillKernel : public KernelImpl {
         .AddDefinitionAutoType("VEC_SIZE_LEFTOVER", static_cast<int>(n % vec_size))
         .AddDefinition("OUT_DTYPE", GetDataTypeCode(out_.dtype()));
     const PhiloxDraw draw(session, use_seed_, seed_);
-    MakeSubKernel(session, ConcatenateStrings(name(), "philox"), {"common.h", "random.h", program},
-                  options, kernel)
-        ->SetArgs(ClTensor(flat, vec_size), draw.state().seed, draw.state().offset, extra...)
-        .SetGlobal({static_cast<size_t>(n)}, {static_cast<size_t>(vec_size)});
+    const bool cpu = !cpu_kernel.empty() && vec_size == 4 && session->host_cpu();
+    auto unit =
+        MakeSubKernel(session, ConcatenateStrings(name(), "philox"),
+                      {"common.h", "random.h", program}, options, cpu ? cpu_kernel : kernel);
+    if (cpu) {
+      const size_t streams = static_cast<size_t>((n + 3) / 4);
+      unit->SetArgs(ClTensor(flat, vec_size), draw.state().seed, draw.state().offset, extra...,
+                    static_cast<int64_t>(n))
+          .SetGlobal({streams}, {kCpuStreamsPerItem})
+          .SetLocal({1});
+    } else {
+      unit->SetArgs(ClTensor(flat, vec_size), draw.state().seed, draw.state().offset, extra...)
+          .SetGlobal({static_cast<size_t>(n)}, {static_cast<size_t>(vec_size)});
+    }
     draw.Advance(advance(vec_size));
   }
+  // Streams (of four values) per work item of the CPU kernels: a multiple of 8.
+  static constexpr size_t kCpuStreamsPerItem = 512;
   int AdjustedWidth() const;
   const Tensor& out() const { return out_; }
 

@@ -47,10 +47,11 @@ void RandNormalKernel::Compile(std::shared_ptr<SessionImpl> session) {
   BuildOption options;
   options.AddOptionIf(update_arg, "-DUPDATE_ARG");
   if (update_arg) {
-    CompileFill(session, "random_normal.cl", "random_normal_philox", options, NormalOffsetAdvance,
-                option_.mean, option_.std);
+    CompileFillWith(session, "random_normal.cl", "random_normal_philox", "random_normal_philox_cpu",
+                    options, NormalOffsetAdvance, option_.mean, option_.std);
   } else {
-    CompileFill(session, "random_normal.cl", "random_normal_philox", options, NormalOffsetAdvance);
+    CompileFillWith(session, "random_normal.cl", "random_normal_philox", "random_normal_philox_cpu",
+                    options, NormalOffsetAdvance);
   }
 }
 

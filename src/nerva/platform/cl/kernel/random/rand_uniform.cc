@@ -79,11 +79,11 @@ void RandUniformKernel<kFloating, Option>::Compile(std::shared_ptr<SessionImpl> 
   if constexpr (kFloating) {
     const float low = option_.low, step = option_.high - option_.low;
     if (update_range) {
-      CompileFill(session, "random_uniform.cl", "random_uniform_philox", options,
-                  UniformOffsetAdvance, low, step);
+      CompileFillWith(session, "random_uniform.cl", "random_uniform_philox",
+                      "random_uniform_philox_cpu", options, UniformOffsetAdvance, low, step);
     } else {
-      CompileFill(session, "random_uniform.cl", "random_uniform_philox", options,
-                  UniformOffsetAdvance);
+      CompileFillWith(session, "random_uniform.cl", "random_uniform_philox",
+                      "random_uniform_philox_cpu", options, UniformOffsetAdvance);
     }
   } else {
     const long low = option_.low, step = option_.high - option_.low;

@@ -15,6 +15,10 @@ namespace {
 
 constexpr long kNoLoopMaxKeys = 2048;
 constexpr uint64_t kNoLoopLocalBytes = 2048 * 8;
+// Shortest extended row of the CPU program: one vector of 16 keys.
+constexpr long kRowsMinKeys = 16;
+// Stages that stay inside blocks of kNoLoopMaxKeys positions.
+constexpr int kBlockStages = 11;
 
 // The sorted run viewed as [outer, length, inner].
 struct SortLayout {
@@ -114,6 +118,31 @@ void AppendNoLoop(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessio
   }
 }
 
+// CPU devices: one work item per row runs the same network on the row's keys
+// in private vectors (rows of 16 to 2048 extended keys).
+void AppendRows(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
+                const BitonicSortTensors& t, const SortLayout& l) {
+  BuildOption options = SortOptions(t, l);
+  options.AddOptionIf(t.input.dtype() == kFloat, "-DKEYS_ARE_VALUES");
+  const bool axis0 = l.inner == 1;
+  auto unit =
+      kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+                           options, axis0 ? "bitonicsort_rows_axis0" : "bitonicsort_rows_axis1");
+  unit->SetArgs(SortView(t.input, l, l.length));
+  if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
+  unit->SetArg(SortView(t.out, l, l.length))
+      .SetArg(BitonicStages(l.length))
+      .SetArg(static_cast<int>(l.length));
+  const size_t outer = static_cast<size_t>(l.outer), inner = static_cast<size_t>(l.inner);
+  if (axis0) {
+    unit->SetGlobal({outer}).SetLocal({1});
+  } else if (l.outer == 1) {
+    unit->SetGlobal({inner}).SetLocal({1});
+  } else {
+    unit->SetGlobal({inner, outer}).SetLocal({1, 1});
+  }
+}
+
 void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
                  const BitonicSortTensors& t, const SortLayout& l) {
   const int stages = BitonicStages(l.length);
@@ -139,9 +168,24 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
     temp_indices.emplace(SortView(t.temp_indices, l, ext));
     indices.emplace(SortView(t.indices, l, l.length));
   }
-  for (int stage = 0; stage <= stages; ++stage) {
-    for (int pass = 0; pass <= stage; ++pass) {
-      const bool first = stage == 0, final = stage == stages && pass == stage;
+  // CPU devices, rows along x: one work item per block of 2048 positions runs
+  // stages 0-10 and, later, each stage's passes below distance 2048.
+  const bool blocks = session->host_cpu() && axis0;
+  const auto block_unit = [&](int stage) {
+    auto unit =
+        kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+                             options, "bitonicsort_blocks");
+    unit->SetArgs(src);
+    if (indices) unit->SetArg(*temp_indices).SetArg(*indices);
+    unit->SetArg(temp).SetArg(dst).SetArg(static_cast<int>(l.length)).SetArg(stage).SetArg(stages);
+    unit->SetGlobal({static_cast<size_t>(ext / kNoLoopMaxKeys), outer}).SetLocal({1, 1});
+  };
+  if (blocks) block_unit(0);
+  const int first_stage = blocks ? kBlockStages : 0;
+  for (int stage = first_stage; stage <= stages; ++stage) {
+    const int last_pass = blocks ? stage - kBlockStages : stage;
+    for (int pass = 0; pass <= last_pass; ++pass) {
+      const bool first = stage == 0, final = !blocks && stage == stages && pass == stage;
       auto unit =
           kernel.MakeSubKernel(session, "BitonicSort::loop", {"common.h", "bitonicsort.cl"},
                                final ? last : options, prefix + (first ? "_init" : "_loop"));
@@ -155,6 +199,7 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
           .SetArg(static_cast<unsigned>(stage))
           .SetGlobal(global);
     }
+    if (blocks) block_unit(stage);
   }
 }
 
@@ -209,7 +254,9 @@ void AppendBitonicSort(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& s
   const bool fits = ext <= kNoLoopMaxKeys &&
                     static_cast<size_t>(ext / 2) <= session->max_work_group_size() &&
                     session->local_mem_size() >= kNoLoopLocalBytes;
-  if (fits) {
+  if (session->host_cpu() && ext >= kRowsMinKeys && ext <= kNoLoopMaxKeys) {
+    AppendRows(kernel, session, t, l);
+  } else if (fits) {
     AppendNoLoop(kernel, session, t, l);
   } else {
     AppendLoops(kernel, session, t, l);

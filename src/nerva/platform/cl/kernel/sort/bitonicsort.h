@@ -13,11 +13,16 @@
 //
 // Rows whose extended length is at most 2048 sort in one launch in local
 // memory ("bitonicsort_noloop.cl"); longer rows take one launch per pass
-// ("bitonicsort.cl") through the scratch tensors. Those are required either
-// way: shaped like the input with the sorted dimension of length 2^(n+1),
-// n = max(ceil(log2(length / 2)), 0), temp of the input's type or float,
-// temp_indices int32 or int64. All tensors are contiguous; values have the
-// input's type and shape, indices int64 or int32. The output may be the input.
+// ("bitonicsort.cl") through the scratch tensors. On CPU devices one work item
+// per row runs the same network in private memory for rows of 16 to 2048
+// extended keys ("bitonicsort_rows.cl"), and longer rows along the innermost
+// axis run their passes below distance 2048 there, a block of 2048 positions
+// per work item, between the per-pass launches; the results are the same.
+// The scratch tensors are required either way: shaped like the input with
+// the sorted dimension of length 2^(n+1), n = max(ceil(log2(length / 2)), 0),
+// temp of the input's type or float, temp_indices int32 or int64. All
+// tensors are contiguous; values have the input's type and shape, indices
+// int64 or int32. The output may be the input.
 
 #include <memory>
 
