@@ -116,6 +116,33 @@ inline ushort ew_half_bits(float f) {
   }
 #endif
 
+/* ---- explicit 16-lane flat kernel ----
+ * EW_VEC16 builds (CPU devices, float tensors, programs that also define
+ * EW_OP16(a0, ..), their function on float16 values): item g maps elements
+ * 16 g .. 16 g + 15 with whole-register loads, EW_OP16 and a store, which
+ * beats the compiler's vectorisation across items for long expressions; the
+ * item past the whole vectors maps the last count % 16 elements with EW_OP.
+ * Each element is read and written by one item, so in place is safe. */
+#define EW_V16_LOAD(i) vload16(0, (__global const float *)in##i##_base + first)
+#define EW_APPLY16() NERVA_CAT(EW_APPLY16_, EW_ARITY)()
+#define EW_APPLY16_1() EW_OP16(EW_V16_LOAD(0))
+#define EW_APPLY16_2() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1))
+#define EW_APPLY16_3() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1), EW_V16_LOAD(2))
+#define EW_FLAT16_KERNEL(NAME)                                                \
+  __kernel void NAME(uint count EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {        \
+    const size_t first = get_global_id(0) * 16;                               \
+    if (first >= count) return;                                               \
+    EW_TENSORS(EW_FLAT_BASE)                                                  \
+    if (first + 16 <= count) {                                                \
+      vstore16(EW_APPLY16(), 0, (__global float *)out_base + first);            \
+    } else {                                                                  \
+      for (int nerva_lane = 0; first + nerva_lane < count; ++nerva_lane) {    \
+        EW_STORE_OUT(EW_APPLY(EW_FLAT_ADDR),                                  \
+                     (__global OUT_DTYPE *)out_base + first + nerva_lane);   \
+      }                                                                       \
+    }                                                                         \
+  }
+
 /* ---- strided kernel ---- */
 #define EW_STRIDED_PARAM(t) , __global uchar *t##_ptr, uint t##_offset, uint8 t##_strides
 /* The x stride of tensor t: the build's EW_XS_<t> when that is a byte count
@@ -175,7 +202,9 @@ inline ushort ew_half_bits(float f) {
 
 /* One form per build (EW_FORM: 0 flat, 1 strided, 2 list, 3 list from a
  * table), so each build compiles one kernel. */
-#if EW_FORM == 0
+#if EW_FORM == 0 && defined(EW_VEC16)
+#define EW_KERNELS(NAME) EW_FLAT16_KERNEL(NAME)
+#elif EW_FORM == 0
 #define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME)
 #elif EW_FORM == 1
 #define EW_KERNELS(NAME) EW_STRIDED_KERNEL(NAME##Strided)

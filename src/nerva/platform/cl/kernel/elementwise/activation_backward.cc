@@ -52,8 +52,9 @@ bool ActivationBackwardKernel::Verify() const {
 void ActivationBackwardKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const DataType t = ComputeType();
   const GradientBinder bind = bind_;
-  CompileElementwise(session, ElementwiseSpec{def_.program, {t, t}, t, BuildOption()},
-                     [bind, t](KernelUnit& unit) { bind(unit, t); });
+  ElementwiseSpec spec{def_.program, {t, t}, t, BuildOption()};
+  spec.op16 = def_.op16;
+  CompileElementwise(session, spec, [bind, t](KernelUnit& unit) { bind(unit, t); });
 }
 
 namespace {
@@ -171,7 +172,7 @@ NERVA_STATIC_REGISTER {
   Register<void>({"SigmoidBackward", "sigmoid_backward.cl", "output", false}, NoParams);
   Register<void>({"SiluBackward", "silu_backward.cl", "input", false}, NoParams);
   Register<void>({"TanHBackward", "tanh_backward.cl", "output", false}, NoParams);
-  Register<void>({"GeLUBackward", "gelu_backward.cl", "input", false}, NoParams);
+  Register<void>({"GeLUBackward", "gelu_backward.cl", "input", false, true}, NoParams);
   Register<void>({"HardSwishBackward", "hardswish_backward.cl", "input", false}, NoParams);
   Register<void>({"LogSigmoidBackward", "log_sigmoid_backward.cl", "input", false}, NoParams);
   Register<void>({"MishBackward", "mishbackward.cl", "input", false}, NoParams);

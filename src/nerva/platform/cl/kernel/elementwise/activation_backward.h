@@ -51,6 +51,7 @@ struct GradientDef {
   std::string program;  // device program, "relu_backward.cl"
   std::string saved;    // the second input's name in messages: "input", "output", ...
   bool integers;        // also defined for integer types (not bool)
+  bool op16 = false;    // the program also defines EW_OP16 (see elementwise.h)
 };
 
 // The program's scalar arguments (its EW_PARAMS), bound after the tensors. `type` is the

@@ -18,6 +18,8 @@ namespace {
 constexpr size_t kMaxRank = 8;
 // Work items per group of the GPU launches.
 constexpr size_t kSpreadGroup = 256;
+// Items per group of the explicit 16-lane flat kernel (CPU devices).
+constexpr size_t kVec16Group = 64;
 
 // A group of kSpreadGroup items over `global`: as many as fit along x (a
 // power of two), the rest along y, then z, so that small inner dimensions do
@@ -363,6 +365,17 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
     for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
     bind(*unit);
     unit->SetGlobal({static_cast<size_t>(stride)}).SetLocal({kSpreadGroup});
+    return;
+  }
+  bool all_float = out_.dtype() == kFloat;
+  for (DataType t : types) all_float = all_float && t == kFloat;
+  if (flat && spec.op16 && all_float) {
+    options.AddDefinitionAutoType("EW_VEC16", 1);
+    auto unit = MakeSubKernel(session, program, sources, options, name());
+    unit->SetArgs(static_cast<cl_uint>(n));
+    for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
+    bind(*unit);
+    unit->SetGlobal({static_cast<size_t>((n + 15) / 16)}).SetLocal({kVec16Group});
     return;
   }
   if (flat) {

@@ -69,6 +69,7 @@ struct ElementwiseSpec {
   DataType result_type;             // the type of the program's EW_OP value
   BuildOption options;              // the operator's own definitions (OP=...)
   bool math = true;                 // the program uses "math.h"
+  bool op16 = false;                // the program defines EW_OP16 (float16 lanes)
 };
 
 // The build definitions of an element-wise program: the operator's own, then
