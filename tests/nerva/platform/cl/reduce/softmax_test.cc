@@ -127,6 +127,47 @@ TEST(ClSoftmaxTest, InnermostRowsAroundTheOnlineForm) {
   }
 }
 
+TEST(ClSoftmaxTest, SpecialRowsAsInTorch) {
+  // Rows of 40 (two vectors and a leftover on the row form): a NaN, a +inf or
+  // only -inf make the whole row NaN; a -inf among finite values gives 0.
+  const long n = 40;
+  std::vector<double> x = RandomValues(5 * n, -4, 4, 650);
+  x[0 * n + 21] = NAN;
+  x[1 * n + 2] = INFINITY;
+  for (long k = 0; k < n; ++k) x[2 * n + k] = -INFINITY;
+  x[3 * n + 30] = -INFINITY;
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "group forms" : "row form");
+    const GpuPathsForTesting paths(gpu);
+    for (bool log_form : {false, true}) {
+      Tensor input = UploadAs(x, {5, n}, kFloat), output = MakeOutput({5, n}, kFloat);
+      TestQueue().Enqueue(
+          log_form ? LogSoftmax::Create(TestQueue(), LogSoftmaxOption{-1}, input.option(),
+                                        input.storage(), output.option(), output.storage())
+                   : Softmax::Create(TestQueue(), SoftmaxOption{-1}, input.option(),
+                                     input.storage(), output.option(), output.storage()));
+      const std::vector<double> got = DownloadAs(output);
+      for (long k = 0; k < 3 * n; ++k) ASSERT_TRUE(std::isnan(got[k])) << log_form << " at " << k;
+      std::vector<double> row3(x.begin() + 3 * n, x.begin() + 4 * n);
+      row3[30] = -1e30;  // the reference's stand-in for -inf
+      const std::vector<double> want =
+          Reference(log_form ? Op::kLogSoftmax : Op::kSoftmax, row3, {}, {1, n}, 1);
+      for (long k = 0; k < n; ++k) {
+        if (k == 30) {
+          EXPECT_EQ(got[3 * n + k], log_form ? -INFINITY : 0.0);
+          continue;
+        }
+        EXPECT_NEAR(got[3 * n + k], want[k], 1e-6 + 2e-5 * std::fabs(want[k])) << k;
+        EXPECT_NEAR(got[4 * n + k],
+                    Reference(log_form ? Op::kLogSoftmax : Op::kSoftmax,
+                              std::vector<double>(x.begin() + 4 * n, x.end()), {}, {1, n}, 1)[k],
+                    1e-6 + 2e-5 * std::fabs(got[4 * n + k]))
+            << k;
+      }
+    }
+  }
+}
+
 TEST(ClSoftmaxTest, OtherAxesAndHalf) {
   unsigned seed = 700;
   RunSoftmaxCase({Op::kSoftmax, {3, 7, 5}, 1}, seed++);

@@ -158,6 +158,9 @@ __kernel __attribute__((reqd_work_group_size(BLOCK_SIZE, 1, 1))) void NERVA_CAT(
 #else
 #define SM_ROW_KEEPS_EXP 0
 #endif
+/* The row form's maximum skips NaN lanes (a NaN still reaches every result
+ * through the sum), so x - max is never positive: the cheaper exponential. */
+#define SM_ROW_EXP(d) nerva_exp2_nonpositive((d) * NERVA_LOG2E)
 #define SM_ROW_LOAD(p) CONVERT(float, ROW_VEC, VLOAD(DTYPE, ROW_VEC, p))
 #define SM_ROW_STORE(v, p) VSTORE(DTYPE_OUT, ROW_VEC, CONVERT(DTYPE_OUT, ROW_VEC, v), p)
 __kernel void NERVA_CAT(SOFTMAX_PREFIX, _x_row)(DECL_TENSOR2D(src), DECL_TENSOR2D(dst),
@@ -169,21 +172,24 @@ __kernel void NERVA_CAT(SOFTMAX_PREFIX, _x_row)(DECL_TENSOR2D(src), DECL_TENSOR2
   __global DTYPE_OUT* qv = q + lead;
   const int vectors = length / ROW_VEC;
   NERVA_VEC(float, ROW_VEC) mv = -FLT_MAX;
-  for (int i = 0; i < vectors; ++i) mv = fmax(mv, SM_ROW_LOAD(pv + i * ROW_VEC));
+  for (int i = 0; i < vectors; ++i) {
+    const NERVA_VEC(float, ROW_VEC) v = SM_ROW_LOAD(pv + i * ROW_VEC);
+    mv = select(mv, v, v > mv);
+  }
   float row_max = LANE_FOLD(ROW_VEC, mv, SM_FMAX);
   for (int k = 0; k < lead; ++k) row_max = fmax(row_max, SM_LOAD1(p + k));
   NERVA_VEC(float, ROW_VEC) sv = 0.0f;
 #if SM_ROW_KEEPS_EXP
   for (int i = 0; i < vectors; ++i) {
-    const NERVA_VEC(float, ROW_VEC) e = NERVA_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
+    const NERVA_VEC(float, ROW_VEC) e = SM_ROW_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
     vstore16(e, i, qv);
     sv += e;
   }
 #else
-  for (int i = 0; i < vectors; ++i) sv += NERVA_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
+  for (int i = 0; i < vectors; ++i) sv += SM_ROW_EXP(SM_ROW_LOAD(pv + i * ROW_VEC) - row_max);
 #endif
   float sum = LANE_SUM(ROW_VEC, sv);
-  for (int k = 0; k < lead; ++k) sum += NERVA_EXP(SM_LOAD1(p + k) - row_max);
+  for (int k = 0; k < lead; ++k) sum += SM_ROW_EXP(SM_LOAD1(p + k) - row_max);
   const float c = SOFTMAX_SCALE(sum);
   for (int i = 0; i < vectors; ++i) {
 #if SM_ROW_KEEPS_EXP
