@@ -177,7 +177,7 @@ ColumnSplit SplitColumns(const SessionImpl& session, long items, long height) {
 }
 
 ColumnSplit SplitRows(const SessionImpl& session, long outer, long height) {
-  constexpr long kItemsPerUnit = 8, kMinRows = 16;
+  constexpr long kItemsPerUnit = 4, kMinRows = 16;
   const long target = static_cast<long>(session.compute_units()) * kItemsPerUnit;
   ColumnSplit split;
   split.splits = std::max(1L, std::min((target + outer - 1) / outer, height / kMinRows));
