@@ -103,7 +103,7 @@ void AppendNoLoop(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessio
   options.AddDefinitionAutoType("LOCAL_SIZE0", static_cast<long>(local));
   const bool axis0 = l.inner == 1;
   auto unit =
-      kernel.MakeSubKernel(session, "BitonicSort::noloop", {"common.h", "bitonicsort_noloop.cl"},
+      kernel.MakeSubKernel(session, "BitonicSort::noloop", {"common.h", "sort.h", "bitonicsort_noloop.cl"},
                            options, axis0 ? "bitonicsort_axis0" : "bitonicsort_axis1");
   unit->SetArgs(SortView(t.input, l, l.length));
   if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
@@ -126,7 +126,7 @@ void AppendRows(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
   options.AddOptionIf(t.input.dtype() == kFloat, "-DKEYS_ARE_VALUES");
   const bool axis0 = l.inner == 1;
   auto unit =
-      kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+      kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "sort.h", "bitonicsort_rows.cl"},
                            options, axis0 ? "bitonicsort_rows_axis0" : "bitonicsort_rows_axis1");
   unit->SetArgs(SortView(t.input, l, l.length));
   if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
@@ -173,7 +173,7 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
   const bool blocks = session->host_cpu() && axis0;
   const auto block_unit = [&](int stage) {
     auto unit =
-        kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "bitonicsort_rows.cl"},
+        kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "sort.h", "bitonicsort_rows.cl"},
                              options, "bitonicsort_blocks");
     unit->SetArgs(src);
     if (indices) unit->SetArg(*temp_indices).SetArg(*indices);
@@ -187,7 +187,7 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
     for (int pass = 0; pass <= last_pass; ++pass) {
       const bool first = stage == 0, final = !blocks && stage == stages && pass == stage;
       auto unit =
-          kernel.MakeSubKernel(session, "BitonicSort::loop", {"common.h", "bitonicsort.cl"},
+          kernel.MakeSubKernel(session, "BitonicSort::loop", {"common.h", "sort.h", "bitonicsort.cl"},
                                final ? last : options, prefix + (first ? "_init" : "_loop"));
       unit->SetArgs(src);
       if (indices) unit->SetArg(*temp_indices).SetArg(*indices);

@@ -14,20 +14,7 @@
  * LAST_LOOP. _axis0 sorts along x of (x, row) views, _axis1 along y.
  */
 // #include "common.h"
-
-#ifdef DESCENDING
-#define FILLER_KEY (-2147483647.0f)
-#else
-#define FILLER_KEY 2147483647.0f
-#endif
-
-inline bool bitonic_exchange(float left, float right, uint signo) {
-#ifdef DESCENDING
-  return signo ? left > right : left < right;
-#else
-  return signo ? left < right : left > right;
-#endif
-}
+// #include "sort.h"
 
 #define TEMP_REG DECL_VEC_TYPE(TEMP_DTYPE, 1)
 

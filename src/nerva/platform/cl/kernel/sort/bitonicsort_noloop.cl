@@ -12,22 +12,7 @@
  * along y of a 2-D (x, y) or, with IS_3D, 3-D (x, y, z) view.
  */
 // #include "common.h"
-
-#ifdef DESCENDING
-#define FILLER_KEY (-2147483647.0f)
-#else
-#define FILLER_KEY 2147483647.0f
-#endif
-
-/* Whether the keys at left and right are exchanged in a block of direction
- * `signo`; no comparison with NaN is true, so a NaN never moves by itself. */
-inline bool bitonic_exchange(float left, float right, uint signo) {
-#ifdef DESCENDING
-  return signo ? left > right : left < right;
-#else
-  return signo ? left < right : left > right;
-#endif
-}
+// #include "sort.h"
 
 #define IN_REG DECL_VEC_TYPE(IN_DTYPE, 1)
 

@@ -9,12 +9,7 @@
  * 16 to 2048 extended keys.
  */
 // #include "common.h"
-
-#ifdef DESCENDING
-#define FILLER_KEY (-2147483647.0f)
-#else
-#define FILLER_KEY 2147483647.0f
-#endif
+// #include "sort.h"
 
 #define IN_REG DECL_VEC_TYPE(IN_DTYPE, 1)
 #define LANE_IDS (int16)(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)
