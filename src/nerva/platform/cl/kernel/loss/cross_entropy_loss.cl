@@ -3,22 +3,10 @@
  * sum_k -w[k] lp[k], lp the log-softmax of the item's logits, found in one
  * pass with a running maximum. Weights, ignore_index and targets outside
  * [0, classes) as NllLoss. */
-#define LOSS_CLASS_PARAMS \
-  LOSS_TENSOR(x) LOSS_TENSOR(tg) LOSS_W_PARAMS, long classes, long inner, long ignore_index
-#define LOSS_CLASS_ARGS , x_ptr, x_off, tg_ptr, tg_off, w_ptr, w_off, has_w, classes, inner, ignore_index
-#define LOSS_TARGET(i) ((long)LOSS_PTR(DTYPE_T, tg_ptr, tg_off)[i])
 #define LOSS_PARAMS LOSS_CLASS_PARAMS, float smoothing
 #define LOSS_ARGS LOSS_CLASS_ARGS, smoothing
 inline float loss_item(long i, float* weight LOSS_PARAMS) {
-  const long c = LOSS_TARGET(i);
-  if (c == ignore_index) {
-    *weight = 0.0f;
-    return 0.0f;
-  }
-  if (c < 0 || c >= classes) {
-    *weight = NAN;
-    return NAN;
-  }
+  LOSS_CLASS_TARGET(c, i)
   const long base = (i / inner) * classes * inner + i % inner;
   float m = -INFINITY, s = 0.0f, wx = 0.0f, ws = 0.0f;
   for (long k = 0; k < classes; ++k) {
@@ -168,15 +156,7 @@ inline float ce_exp_sum(long base, long vl, float ref LOSS_PARAMS) {
  * summed again from its maximum (it is in cache). Sixteen lanes at a time,
  * the leftover one at a time. */
 inline float ce_row(long i, float* weight LOSS_PARAMS) {
-  const long c = LOSS_TARGET(i);
-  if (c == ignore_index) {
-    *weight = 0.0f;
-    return 0.0f;
-  }
-  if (c < 0 || c >= classes) {
-    *weight = NAN;
-    return NAN;
-  }
+  LOSS_CLASS_TARGET(c, i)
   const long base = i * classes, vl = classes / 16 * 16;
   float16 m16 = -INFINITY;
   for (long k = 0; k < min(vl, (long)CE_LEAD); k += 16) m16 = CE_MAX(m16, LOSS_LOAD16(x, base + k));

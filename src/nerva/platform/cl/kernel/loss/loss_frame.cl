@@ -38,6 +38,26 @@
 #define LOSS_W_ARGS , w_ptr, w_off, has_w
 #define LOSS_WEIGHT(i) (has_w ? LOSS_LOAD(w, i) : 1.0f)
 
+/* Class-index losses over input (outer, classes, inner) and targets of
+ * DTYPE_T: their tensors and sizes, the target of item i, and
+ * LOSS_CLASS_TARGET(c, i), which declares the target c of item i and returns
+ * from loss_item (loss 0, weight 0) for an ignored target or (NaN, NaN) for
+ * one outside [0, classes). */
+#define LOSS_CLASS_PARAMS \
+  LOSS_TENSOR(x) LOSS_TENSOR(tg) LOSS_W_PARAMS, long classes, long inner, long ignore_index
+#define LOSS_CLASS_ARGS , x_ptr, x_off, tg_ptr, tg_off, w_ptr, w_off, has_w, classes, inner, ignore_index
+#define LOSS_TARGET(i) ((long)LOSS_PTR(DTYPE_T, tg_ptr, tg_off)[i])
+#define LOSS_CLASS_TARGET(c, i)                                                \
+  const long c = LOSS_TARGET(i);                                             \
+  if (c == ignore_index) {                                                   \
+    *weight = 0.0f;                                                          \
+    return 0.0f;                                                             \
+  }                                                                          \
+  if (c < 0 || c >= classes) {                                               \
+    *weight = NAN;                                                           \
+    return NAN;                                                              \
+  }
+
 #define LOSS_SUM_STEP(d, s) \
   loss_v[d] += loss_v[s];   \
   loss_w[d] += loss_w[s];

@@ -2,7 +2,6 @@
  * target class c of each item and 0 elsewhere, g the item's grad_output
  * (go_step 1) or the single one (go_step 0), divided by the total weight
  * after 'mean'. Ignored and out-of-range targets give a zero row. */
-#define LOSS_TARGET(i) ((long)LOSS_PTR(DTYPE_T, tg_ptr, tg_off)[i])
 __kernel void nll_backward(long n LOSS_TENSOR(go), long go_step LOSS_TENSOR(tw), int mean
                            LOSS_TENSOR(gi) LOSS_TENSOR(tg) LOSS_W_PARAMS, long classes,
                            long inner, long ignore_index) {
