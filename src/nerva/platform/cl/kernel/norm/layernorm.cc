@@ -97,25 +97,33 @@ void LayerNormKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const RunSplit split = SplitRun(length);
   const bool share = RowCacheFits(*session, split.vectors * split.vec, split.vec, block);
   BuildOption options = NormBuildOption(input_.dtype(), split, block);
+  AddSwitches(options);
+  options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
+  auto unit = MakeSubKernel(session, "LayerNorm::layernorm", NormSources("layernorm.cl"), options,
+                            "layernorm");
+  if (share) unit->SetArg(LocalMemory{static_cast<size_t>(split.vectors * split.vec) * 4});
+  BindRows(*unit, rows, length, split.vectors);
+  unit->SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
+      .SetLocal({static_cast<size_t>(block), 1});
+}
+
+void LayerNormKernel::AddSwitches(BuildOption& options) const {
   options.AddDefinitionAutoType("EPS", option_.eps);
   AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
   AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");
   AddTensorSwitch(options, mean_, "SAVE_MEAN", "MEAN_DTYPE");
   AddTensorSwitch(options, rstd_, "SAVE_RSTD", "RSTD_DTYPE");
-  options.AddOptionIf(share, "-DUSE_SHARE_MEMORY");
-  auto unit = MakeSubKernel(session, "LayerNorm::layernorm", NormSources("layernorm.cl"), options,
-                            "layernorm");
-  if (share) unit->SetArg(LocalMemory{static_cast<size_t>(split.vectors * split.vec) * 4});
-  unit->SetArg(RowView(input_, rows, length));
-  if (weight_.defined()) unit->SetArg(RowView(weight_, 1, length));
-  if (bias_.defined()) unit->SetArg(RowView(bias_, 1, length));
-  if (mean_.defined()) unit->SetArg(ContiguousView(mean_, {rows}));
-  if (rstd_.defined()) unit->SetArg(ContiguousView(rstd_, {rows}));
-  unit->SetArg(RowView(output_, rows, length))
-      .SetArg(static_cast<int>(split.vectors))
-      .SetArg(1.0f / static_cast<float>(length))
-      .SetGlobal({static_cast<size_t>(block), static_cast<size_t>(rows)})
-      .SetLocal({static_cast<size_t>(block), 1});
+}
+
+void LayerNormKernel::BindRows(KernelUnit& unit, long rows, long length, long vectors) const {
+  unit.SetArg(RowView(input_, rows, length));
+  if (weight_.defined()) unit.SetArg(RowView(weight_, 1, length));
+  if (bias_.defined()) unit.SetArg(RowView(bias_, 1, length));
+  if (mean_.defined()) unit.SetArg(ContiguousView(mean_, {rows}));
+  if (rstd_.defined()) unit.SetArg(ContiguousView(rstd_, {rows}));
+  unit.SetArg(RowView(output_, rows, length))
+      .SetArg(static_cast<int>(vectors))
+      .SetArg(1.0f / static_cast<float>(length));
 }
 
 void LayerNormKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, long rows,
@@ -123,22 +131,12 @@ void LayerNormKernel::CompileRows(const std::shared_ptr<SessionImpl>& session, l
   constexpr long kRowsPerItem = 4;  // LN_ROWS in layernorm.cl
   const RunSplit split = SplitRun(length, 16);
   BuildOption options = NormBuildOption(input_.dtype(), split, 1);
-  options.AddDefinitionAutoType("EPS", option_.eps).AddOption("-DROW_ITEMS");
-  AddTensorSwitch(options, weight_, "USE_SCALE", "DTYPE_SCALE");
-  AddTensorSwitch(options, bias_, "USE_BIAS", "DTYPE_BIAS");
-  AddTensorSwitch(options, mean_, "SAVE_MEAN", "MEAN_DTYPE");
-  AddTensorSwitch(options, rstd_, "SAVE_RSTD", "RSTD_DTYPE");
+  AddSwitches(options);
+  options.AddOption("-DROW_ITEMS");
   auto unit = MakeSubKernel(session, "LayerNorm::layernorm_rows", NormSources("layernorm.cl"),
                             options, "layernorm_rows");
-  unit->SetArg(RowView(input_, rows, length));
-  if (weight_.defined()) unit->SetArg(RowView(weight_, 1, length));
-  if (bias_.defined()) unit->SetArg(RowView(bias_, 1, length));
-  if (mean_.defined()) unit->SetArg(ContiguousView(mean_, {rows}));
-  if (rstd_.defined()) unit->SetArg(ContiguousView(rstd_, {rows}));
-  unit->SetArg(RowView(output_, rows, length))
-      .SetArg(static_cast<int>(split.vectors))
-      .SetArg(1.0f / static_cast<float>(length))
-      .SetArg(static_cast<int>(rows))
+  BindRows(*unit, rows, length, split.vectors);
+  unit->SetArg(static_cast<int>(rows))
       .SetGlobal({1, static_cast<size_t>((rows + kRowsPerItem - 1) / kRowsPerItem)})
       .SetLocal({1, 1});
 }

@@ -32,6 +32,10 @@ class LayerNormKernel : public KernelImpl {
   long RowLength() const;
   // Host-CPU devices with many rows: items of a few rows, no barriers.
   void CompileRows(const std::shared_ptr<SessionImpl>& session, long rows, long length);
+  // EPS and the switches of the optional tensors, shared by both programs.
+  void AddSwitches(BuildOption& options) const;
+  // Binds input, the optional tensors, output, the vector count and 1 / length.
+  void BindRows(KernelUnit& unit, long rows, long length, long vectors) const;
 
   LayerNormOption option_;
   Tensor input_, weight_, bias_, output_, mean_, rstd_;
