@@ -184,19 +184,14 @@ void LayerNormBackwardKernel::CompileRowChunks(std::shared_ptr<SessionImpl> sess
       .SetArg(ContiguousView(rstd_, {rows_}));
   if (with_grad_input && weight_.defined()) unit->SetArg(RowView(weight_, 1, length_));
   if (with_grad_input) unit->SetArg(RowView(grad_input_, rows_, length_));
-  const long bytes = chunks * length_ * static_cast<long>(sizeof(float));
-  const Buffer dw = WritesGradWeight() ? MakeScratchBuffer(session, bytes) : Buffer();
-  const Buffer db = WritesGradBias() ? MakeScratchBuffer(session, bytes) : Buffer();
-  if (WritesGradWeight()) unit->SetArg(dw);
-  if (WritesGradBias()) unit->SetArg(db);
+  const Partials partials = BindPartials(session, *unit, chunks);
   unit->SetArg(static_cast<int>(rows_))
       .SetArg(static_cast<int>(chunk_rows))
       .SetArg(static_cast<int>(length_))
       .SetArg(static_cast<int>(split.vectors));
   if (with_grad_input) unit->SetArg(1.0f / static_cast<float>(length_));
   unit->SetGlobal({static_cast<size_t>(chunks)}).SetLocal({1});
-  if (WritesGradWeight()) AppendSplitColumnSum(*this, session, dw, chunks, length_, grad_weight_);
-  if (WritesGradBias()) AppendSplitColumnSum(*this, session, db, chunks, length_, grad_bias_);
+  MergePartials(session, partials);
 }
 
 void LayerNormBackwardKernel::CompileSplitGradWeightBias(std::shared_ptr<SessionImpl> session,
@@ -216,12 +211,7 @@ void LayerNormBackwardKernel::CompileSplitGradWeightBias(std::shared_ptr<Session
       .SetArg(RowView(input_, rows_, length_))
       .SetArg(ContiguousView(mean_, {rows_}))
       .SetArg(ContiguousView(rstd_, {rows_}));
-  // Float partial sums [splits][length] of each gradient, merged into it after.
-  const long bytes = rows.splits * length_ * static_cast<long>(sizeof(float));
-  const Buffer dw = WritesGradWeight() ? MakeScratchBuffer(session, bytes) : Buffer();
-  const Buffer db = WritesGradBias() ? MakeScratchBuffer(session, bytes) : Buffer();
-  if (WritesGradWeight()) unit->SetArg(dw);
-  if (WritesGradBias()) unit->SetArg(db);
+  const Partials partials = BindPartials(session, *unit, rows.splits);
   const long items = split.vectors + (split.leftover ? 1 : 0);
   unit->SetArg(static_cast<int>(rows_))
       .SetArg(static_cast<int>(rows.rows))
@@ -229,9 +219,27 @@ void LayerNormBackwardKernel::CompileSplitGradWeightBias(std::shared_ptr<Session
       .SetArg(static_cast<int>(items))
       .SetGlobal({static_cast<size_t>(items), static_cast<size_t>(rows.splits)})
       .SetLocal({static_cast<size_t>(kReduceBlockSize), 1});
-  if (WritesGradWeight())
-    AppendSplitColumnSum(*this, session, dw, rows.splits, length_, grad_weight_);
-  if (WritesGradBias()) AppendSplitColumnSum(*this, session, db, rows.splits, length_, grad_bias_);
+  MergePartials(session, partials);
+}
+
+LayerNormBackwardKernel::Partials LayerNormBackwardKernel::BindPartials(
+    const std::shared_ptr<SessionImpl>& session, KernelUnit& unit, long parts) const {
+  const long bytes = parts * length_ * static_cast<long>(sizeof(float));
+  Partials partials;
+  partials.parts = parts;
+  if (WritesGradWeight()) unit.SetArg(partials.weight = MakeScratchBuffer(session, bytes));
+  if (WritesGradBias()) unit.SetArg(partials.bias = MakeScratchBuffer(session, bytes));
+  return partials;
+}
+
+void LayerNormBackwardKernel::MergePartials(const std::shared_ptr<SessionImpl>& session,
+                                            const Partials& partials) {
+  if (WritesGradWeight()) {
+    AppendSplitColumnSum(*this, session, partials.weight, partials.parts, length_, grad_weight_);
+  }
+  if (WritesGradBias()) {
+    AppendSplitColumnSum(*this, session, partials.bias, partials.parts, length_, grad_bias_);
+  }
 }
 
 NERVA_STATIC_REGISTER {

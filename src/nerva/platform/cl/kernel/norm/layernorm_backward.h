@@ -45,6 +45,16 @@ class LayerNormBackwardKernel : public KernelImpl {
   bool WritesGradX() const;
   bool WritesGradWeight() const;
   bool WritesGradBias() const;
+  // Float partial rows [parts][length] of the weight and bias gradients that
+  // are written, bound to `unit` in that order, and their merge into the
+  // gradients once the unit has run.
+  struct Partials {
+    Buffer weight, bias;
+    long parts = 0;
+  };
+  Partials BindPartials(const std::shared_ptr<SessionImpl>& session, KernelUnit& unit,
+                        long parts) const;
+  void MergePartials(const std::shared_ptr<SessionImpl>& session, const Partials& partials);
 
   LayerNormBackwardOption option_;
   Tensor grad_, input_, mean_, rstd_, weight_, bias_, grad_input_, grad_weight_, grad_bias_;
