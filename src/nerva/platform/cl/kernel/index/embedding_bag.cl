@@ -10,6 +10,23 @@
 #define EB_W 16
 #define EB_VEC float16
 
+/* The index range [*start, *end) of bag b: `fixed` indices per bag when
+ * fixed > 0, else from the offsets (the last bag ends at len), clamped to
+ * [0, len]. */
+inline void eb_bag_range(ulong b, long fixed, __global const uchar *offsets, int off64, long noff,
+                         long len, long *start, long *end) {
+  long s, e;
+  if (fixed > 0) {
+    s = (long)b * fixed;
+    e = s + fixed;
+  } else {
+    s = ix_load_index(offsets, b, off64);
+    e = (long)b + 1 < noff ? ix_load_index(offsets, b + 1, off64) : len;
+  }
+  *start = clamp(s, 0L, len);
+  *end = clamp(e, *start, len);
+}
+
 __kernel void EmbeddingBag(IX_PARAM(w), IX_PARAM(idx), int is64, IX_PARAM(off), int off64,
                            IX_PARAM(psw), int has_psw, IX_PARAM(out), ulong bags, ulong dim,
                            long rows, long len, long noff, long fixed, int last_offset, int mode,
@@ -18,15 +35,7 @@ __kernel void EmbeddingBag(IX_PARAM(w), IX_PARAM(idx), int is64, IX_PARAM(off), 
   if (g >= bags * chunks) return;
   const ulong b = g / chunks, first = (g - b * chunks) * EB_W;
   long start, end;
-  if (fixed > 0) {
-    start = (long)b * fixed;
-    end = start + fixed;
-  } else {
-    start = ix_load_index(off_ptr + off_off, b, off64);
-    end = (long)b + 1 < noff ? ix_load_index(off_ptr + off_off, b + 1, off64) : len;
-  }
-  start = clamp(start, 0L, len);
-  end = clamp(end, start, len);
+  eb_bag_range(b, fixed, off_ptr + off_off, off64, noff, len, &start, &end);
   __global const DTYPE *wt = IX_BASE(w, DTYPE) + first;
   __global DTYPE *dst = IX_BASE(out, DTYPE) + b * dim + first;
   const ulong width = min((ulong)EB_W, dim - first);
@@ -148,15 +157,7 @@ __kernel void EmbeddingBag_cpu(IX_PARAM(w), IX_PARAM(idx), int is64, IX_PARAM(of
   const ulong b = get_global_id(0);
   if (b >= bags) return;
   long start, end;
-  if (fixed > 0) {
-    start = (long)b * fixed;
-    end = start + fixed;
-  } else {
-    start = ix_load_index(off_ptr + off_off, b, off64);
-    end = (long)b + 1 < noff ? ix_load_index(off_ptr + off_off, b + 1, off64) : len;
-  }
-  start = clamp(start, 0L, len);
-  end = clamp(end, start, len);
+  eb_bag_range(b, fixed, off_ptr + off_off, off64, noff, len, &start, &end);
   __global const DTYPE *wt = IX_BASE(w, DTYPE);
   __global const uchar *ix = idx_ptr + idx_off;
   __global const DTYPE *pw = IX_BASE(psw, DTYPE);
