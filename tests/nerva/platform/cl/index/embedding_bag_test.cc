@@ -1,5 +1,5 @@
 // EmbeddingBag and EmbeddingBagBackward against host loops: every mode, empty bags, padding,
-// per-sample weights, out-of-range indices.
+// per-sample weights, out-of-range indices, on the CPU and the GPU programs.
 
 #include <limits>
 
@@ -40,26 +40,31 @@ TEST(EmbeddingBagTest, EveryModeWithEmptyBagsPaddingAndOutOfRange) {
   // Bags [0,3) [3,3) [3,7) [7,9): the second is empty; index 11 and -1 are out of range.
   const std::vector<long> idx = {1, 4, 4, 10, 3, 11, 2, -1, 7};
   const std::vector<long> offsets = {0, 3, 3, 7, 9};
-  for (DataType data : {kFloat, kHalf}) {
-    const auto w = RandomValues(kRows * kDim, data, 17);
-    Tensor weight = Put(w, {kRows, kDim}, data);
-    Tensor ti = PutIndex(idx, {9}, kInt64);
-    for (EmbeddingBagMode mode :
-         {EmbeddingBagMode::kSum, EmbeddingBagMode::kMean, EmbeddingBagMode::kMax}) {
-      for (bool last : {false, true}) {
-        // Without include_last_offset the four first offsets start four bags (the last ends at
-        // 9); with it, all five offsets bound four bags: the same bags.
-        Tensor to = PutIndex(last ? offsets : std::vector<long>(offsets.begin(), offsets.end() - 1),
-                             {last ? 5L : 4L}, kInt32);
-        for (long padding : {-1L, 4L}) {
-          Guarded out({4, kDim}, data);
-          TestQueue().Enqueue(EmbeddingBag::Create(
-              TestQueue(), EmbeddingBagOption{mode, last, padding}, weight.option(),
-              weight.storage(), ti.option(), ti.storage(), to.option(), to.storage(),
-              TensorOption{Shape(), data}, Buffer(), out.option(), out.buffer()));
-          ExpectNear(out.values(),
-                     BagRef(w, idx, {0, 3, 3, 7}, {3, 3, 7, 9}, mode, nullptr, padding), data, 2);
-          EXPECT_TRUE(out.GuardsIntact());
+  for (bool gpu : {false, true}) {
+    SCOPED_TRACE(gpu ? "gpu program" : "cpu program");
+    const GpuPathsForTesting paths(gpu);
+    for (DataType data : {kFloat, kHalf}) {
+      const auto w = RandomValues(kRows * kDim, data, 17);
+      Tensor weight = Put(w, {kRows, kDim}, data);
+      Tensor ti = PutIndex(idx, {9}, kInt64);
+      for (EmbeddingBagMode mode :
+           {EmbeddingBagMode::kSum, EmbeddingBagMode::kMean, EmbeddingBagMode::kMax}) {
+        for (bool last : {false, true}) {
+          // Without include_last_offset the four first offsets start four bags (the last ends at
+          // 9); with it, all five offsets bound four bags: the same bags.
+          Tensor to =
+              PutIndex(last ? offsets : std::vector<long>(offsets.begin(), offsets.end() - 1),
+                       {last ? 5L : 4L}, kInt32);
+          for (long padding : {-1L, 4L}) {
+            Guarded out({4, kDim}, data);
+            TestQueue().Enqueue(EmbeddingBag::Create(
+                TestQueue(), EmbeddingBagOption{mode, last, padding}, weight.option(),
+                weight.storage(), ti.option(), ti.storage(), to.option(), to.storage(),
+                TensorOption{Shape(), data}, Buffer(), out.option(), out.buffer()));
+            ExpectNear(out.values(),
+                       BagRef(w, idx, {0, 3, 3, 7}, {3, 3, 7, 9}, mode, nullptr, padding), data, 2);
+            EXPECT_TRUE(out.GuardsIntact());
+          }
         }
       }
     }
