@@ -339,6 +339,34 @@ RANDOM_INLINE void random_item_blocks(long n, long *first, long *last) {
     const long e = RANDOM_ELEMENT(g, l);                                     \
     if (e < (n)) VSTORE(OUT_DTYPE, 1, CONVERT(OUT_DTYPE, 1, v), (p) + e);    \
   }
+/* The body of the CPU fill kernels over the flat output p of n elements: the
+ * item's blocks of eight streams, a whole block as WHOLE(c0, c1, c2, c3, q)
+ * (the four Philox words of the eight streams, 32 outputs from q), the others
+ * stream by stream as STREAM(w0, w1, w2, w3, v0, v1, v2, v3), which declares
+ * the stream's four float values. */
+#define RANDOM_CPU_FILL(p, n, WHOLE, STREAM)                                   \
+  {                                                                          \
+    const long rcf_streams = ((n) + 3) / 4;                                  \
+    long b, last;                                                            \
+    random_item_blocks(n, &b, &last);                                        \
+    for (; b < last; ++b) {                                                  \
+      if (RANDOM_BLOCK_WHOLE(b, n)) {                                        \
+        ulong8 c0, c1, c2, c3;                                               \
+        philox8_first_blocks(philox_args_seed, 8 * b, philox_args_offset, &c0, &c1, &c2, &c3); \
+        __global OUT_DTYPE *q = (p) + RANDOM_ELEMENT(8 * b, 0);              \
+        WHOLE(c0, c1, c2, c3, q)                                             \
+        continue;                                                            \
+      }                                                                      \
+      for (long g = 8 * b; g < min(8 * b + 8, rcf_streams); ++g) {           \
+        PHILOX_FIRST_BLOCK(philox_args_seed, g, philox_args_offset, w0, w1, w2, w3); \
+        STREAM(w0, w1, w2, w3, v0, v1, v2, v3)                               \
+        RANDOM_STORE_LANE(p, g, 0, v0, n);                                   \
+        RANDOM_STORE_LANE(p, g, 1, v1, n);                                   \
+        RANDOM_STORE_LANE(p, g, 2, v2, n);                                   \
+        RANDOM_STORE_LANE(p, g, 3, v3, n);                                   \
+      }                                                                      \
+    }                                                                        \
+  }
 #endif
 
 /* Box-Muller on words (x, y) into two scalars (sin(v) * s, cos(v) * s). */

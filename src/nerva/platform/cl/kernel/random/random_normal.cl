@@ -34,41 +34,27 @@ __kernel void random_normal_philox(DECL_TENSOR1D(out), DECL_PHILOX_STATE
 }
 
 #ifdef NERVA_HOST_CPU_DEVICE
+/* Lanes 0-7: the (w0, w1) pairs of the eight streams, lanes 8-15: (w2, w3). */
+#define NORMAL_WHOLE(c0, c1, c2, c3, q)                                        \
+  float16 sn, cs;                                                            \
+  box_muller16(philox8_words(c0, c2), philox8_words(c1, c3), &sn, &cs);      \
+  sn = SCALED(sn);                                                           \
+  cs = SCALED(cs);                                                           \
+  RANDOM_STORE16(q, shuffle2(sn, cs, (uint16)(0, 16, 8, 24, 1, 17, 9, 25, 2, 18, 10, 26, 3, 19,  \
+                                              11, 27)));                     \
+  RANDOM_STORE16((q) + 16, shuffle2(sn, cs, (uint16)(4, 20, 12, 28, 5, 21, 13, 29, 6, 22, 14, \
+                                                     30, 7, 23, 15, 31)));
+#define NORMAL_STREAM(w0, w1, w2, w3, v0, v1, v2, v3)                          \
+  BOX_MULLER(w0, w1, n0, n1);                                                \
+  BOX_MULLER(w2, w3, n2, n3);                                                \
+  const float v0 = SCALED(n0), v1 = SCALED(n1), v2 = SCALED(n2), v3 = SCALED(n3);
+
 /* Takes n, the output length, after the other arguments. */
 __kernel void random_normal_philox_cpu(DECL_TENSOR1D(out), DECL_PHILOX_STATE,
 #ifdef UPDATE_ARG
                                        float mean, float stddev,
 #endif
                                        long n) {
-  __global OUT_DTYPE *p = (__global OUT_DTYPE *)TENSOR_BASE(out);
-  const long streams = (n + 3) / 4;
-  long b, last;
-  random_item_blocks(n, &b, &last);
-  for (; b < last; ++b) {
-    if (RANDOM_BLOCK_WHOLE(b, n)) {
-      ulong8 c0, c1, c2, c3;
-      philox8_first_blocks(philox_args_seed, 8 * b, philox_args_offset, &c0, &c1, &c2, &c3);
-      /* Lanes 0-7: the (w0, w1) pairs of the eight streams, lanes 8-15: (w2, w3). */
-      float16 sn, cs;
-      box_muller16(philox8_words(c0, c2), philox8_words(c1, c3), &sn, &cs);
-      sn = SCALED(sn);
-      cs = SCALED(cs);
-      __global OUT_DTYPE *q = p + RANDOM_ELEMENT(8 * b, 0);
-      RANDOM_STORE16(q, shuffle2(sn, cs, (uint16)(0, 16, 8, 24, 1, 17, 9, 25, 2, 18, 10, 26, 3,
-                                                  19, 11, 27)));
-      RANDOM_STORE16(q + 16, shuffle2(sn, cs, (uint16)(4, 20, 12, 28, 5, 21, 13, 29, 6, 22, 14,
-                                                       30, 7, 23, 15, 31)));
-      continue;
-    }
-    for (long g = 8 * b; g < min(8 * b + 8, streams); ++g) {
-      PHILOX_FIRST_BLOCK(philox_args_seed, g, philox_args_offset, w0, w1, w2, w3);
-      BOX_MULLER(w0, w1, n0, n1);
-      BOX_MULLER(w2, w3, n2, n3);
-      RANDOM_STORE_LANE(p, g, 0, SCALED(n0), n);
-      RANDOM_STORE_LANE(p, g, 1, SCALED(n1), n);
-      RANDOM_STORE_LANE(p, g, 2, SCALED(n2), n);
-      RANDOM_STORE_LANE(p, g, 3, SCALED(n3), n);
-    }
-  }
+  RANDOM_CPU_FILL((__global OUT_DTYPE *)TENSOR_BASE(out), n, NORMAL_WHOLE, NORMAL_STREAM)
 }
 #endif

@@ -38,34 +38,20 @@ __kernel void random_uniform_philox(DECL_TENSOR1D(out), DECL_PHILOX_STATE
 #define UNIFORM16(w) uniform16_from_words(w)
 #endif
 
+#define UNIFORM_WHOLE(c0, c1, c2, c3, q)                                       \
+  uint16 lo, hi;                                                             \
+  philox8_in_order(c0, c1, c2, c3, &lo, &hi);                                \
+  RANDOM_STORE16(q, UNIFORM16(lo));                                          \
+  RANDOM_STORE16((q) + 16, UNIFORM16(hi));
+#define UNIFORM_STREAM(w0, w1, w2, w3, v0, v1, v2, v3)                         \
+  const float v0 = UNIFORM(w0), v1 = UNIFORM(w1), v2 = UNIFORM(w2), v3 = UNIFORM(w3);
+
 /* Takes n, the output length, after the other arguments. */
 __kernel void random_uniform_philox_cpu(DECL_TENSOR1D(out), DECL_PHILOX_STATE,
 #ifdef UPDATE_RANGE
                                         float low, float step,
 #endif
                                         long n) {
-  __global OUT_DTYPE *p = (__global OUT_DTYPE *)TENSOR_BASE(out);
-  const long streams = (n + 3) / 4;
-  long b, last;
-  random_item_blocks(n, &b, &last);
-  for (; b < last; ++b) {
-    if (RANDOM_BLOCK_WHOLE(b, n)) {
-      ulong8 c0, c1, c2, c3;
-      philox8_first_blocks(philox_args_seed, 8 * b, philox_args_offset, &c0, &c1, &c2, &c3);
-      uint16 lo, hi;
-      philox8_in_order(c0, c1, c2, c3, &lo, &hi);
-      __global OUT_DTYPE *q = p + RANDOM_ELEMENT(8 * b, 0);
-      RANDOM_STORE16(q, UNIFORM16(lo));
-      RANDOM_STORE16(q + 16, UNIFORM16(hi));
-      continue;
-    }
-    for (long g = 8 * b; g < min(8 * b + 8, streams); ++g) {
-      PHILOX_FIRST_BLOCK(philox_args_seed, g, philox_args_offset, w0, w1, w2, w3);
-      RANDOM_STORE_LANE(p, g, 0, UNIFORM(w0), n);
-      RANDOM_STORE_LANE(p, g, 1, UNIFORM(w1), n);
-      RANDOM_STORE_LANE(p, g, 2, UNIFORM(w2), n);
-      RANDOM_STORE_LANE(p, g, 3, UNIFORM(w3), n);
-    }
-  }
+  RANDOM_CPU_FILL((__global OUT_DTYPE *)TENSOR_BASE(out), n, UNIFORM_WHOLE, UNIFORM_STREAM)
 }
 #endif
