@@ -15,10 +15,7 @@ namespace testing {
 namespace {
 
 TEST(LayoutGpu, PermuteTransposesThroughTiles) {
-  struct Case {
-    std::vector<long> sizes, strides;
-    std::vector<int> dims;
-  } cases[] = {
+  const PermuteCase cases[] = {
       {{37, 45}, {}, {1, 0}},            // partial tiles on both edges
       {{64, 96}, {}, {1, 0}},            // whole tiles
       {{3, 33, 70}, {}, {0, 2, 1}},      // batched, ragged
@@ -28,19 +25,7 @@ TEST(LayoutGpu, PermuteTransposesThroughTiles) {
   };
   GpuPathsForTesting gpu;
   for (DataType type : {kFloat, kHalf, kInt8, kInt64}) {
-    for (const auto& c : cases) {
-      DevTensor in = RandomTensor(c.sizes, type, c.strides);
-      std::vector<long> out_sizes;
-      for (int d : c.dims) out_sizes.push_back(c.sizes[d]);
-      DevTensor out = OutTensor(out_sizes, type);
-      TestQueue().Enqueue(
-          Permute::Create(TestQueue(), PermuteOption{c.dims}, in.opt, in.buf, out.opt, out.buf));
-      ExpectMoved(out, in, [&](const std::vector<long>& o, std::vector<long>* i) {
-        i->assign(o.size(), 0);
-        for (size_t d = 0; d < o.size(); ++d) (*i)[c.dims[d]] = o[d];
-        return true;
-      });
-    }
+    for (const auto& c : cases) CheckPermute(c, type);
   }
 }
 

@@ -11,12 +11,6 @@ namespace {
 
 const DataType kTypes[] = {kFloat, kHalf, kInt8, kInt64};
 
-struct PermuteCase {
-  std::vector<long> sizes;
-  std::vector<long> strides;  // empty: contiguous
-  std::vector<int> dims;
-};
-
 TEST(LayoutPermute, MatchesReferenceForEveryType) {
   const PermuteCase cases[] = {
       {{37, 45}, {}, {1, 0}},                        // 2-D transpose, partial tiles
@@ -29,21 +23,7 @@ TEST(LayoutPermute, MatchesReferenceForEveryType) {
       {{0, 3}, {}, {1, 0}},
   };
   for (DataType type : kTypes) {
-    for (const auto& c : cases) {
-      DevTensor in = RandomTensor(c.sizes, type, c.strides);
-      std::vector<long> out_sizes;
-      std::vector<int> order;
-      for (int d : c.dims) order.push_back(d < 0 ? d + static_cast<int>(c.sizes.size()) : d);
-      for (int d : order) out_sizes.push_back(c.sizes[d]);
-      DevTensor out = OutTensor(out_sizes, type);
-      TestQueue().Enqueue(
-          Permute::Create(TestQueue(), PermuteOption{c.dims}, in.opt, in.buf, out.opt, out.buf));
-      ExpectMoved(out, in, [&](const std::vector<long>& o, std::vector<long>* i) {
-        i->assign(o.size(), 0);
-        for (size_t d = 0; d < o.size(); ++d) (*i)[order[d]] = o[d];
-        return true;
-      });
-    }
+    for (const auto& c : cases) CheckPermute(c, type);
   }
 }
 
@@ -59,20 +39,7 @@ TEST(LayoutPermute, WideTransposeBlocks) {
       {{17, 33}, {}, {1, 0}},         {{1, 300}, {}, {1, 0}}, {{300, 1}, {}, {1, 0}},
   };
   for (DataType type : {kFloat, kHalf, kInt8}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(StrCat(Shape(c.sizes), " ", type));
-      DevTensor in = RandomTensor(c.sizes, type, c.strides);
-      std::vector<long> out_sizes;
-      for (int d : c.dims) out_sizes.push_back(c.sizes[d]);
-      DevTensor out = OutTensor(out_sizes, type);
-      TestQueue().Enqueue(
-          Permute::Create(TestQueue(), PermuteOption{c.dims}, in.opt, in.buf, out.opt, out.buf));
-      ExpectMoved(out, in, [&](const std::vector<long>& o, std::vector<long>* i) {
-        i->assign(o.size(), 0);
-        for (size_t d = 0; d < o.size(); ++d) (*i)[c.dims[d]] = o[d];
-        return true;
-      });
-    }
+    for (const auto& c : cases) CheckPermute(c, type);
   }
 }
 

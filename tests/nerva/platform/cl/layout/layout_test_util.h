@@ -94,6 +94,31 @@ inline void ExpectMoved(const DevTensor& out, const DevTensor& in, const SourceM
   }
 }
 
+// A permutation case: the input's sizes, its strides (empty: contiguous) and dims.
+struct PermuteCase {
+  std::vector<long> sizes;
+  std::vector<long> strides;
+  std::vector<int> dims;
+};
+
+// Runs Permute on a random input of case `c` and compares every element.
+inline void CheckPermute(const PermuteCase& c, DataType type) {
+  SCOPED_TRACE(StrCat(Shape(c.sizes), " ", type));
+  DevTensor in = RandomTensor(c.sizes, type, c.strides);
+  std::vector<int> order;
+  std::vector<long> out_sizes;
+  for (int d : c.dims) order.push_back(d < 0 ? d + static_cast<int>(c.sizes.size()) : d);
+  for (int d : order) out_sizes.push_back(c.sizes[d]);
+  DevTensor out = OutTensor(out_sizes, type);
+  TestQueue().Enqueue(
+      Permute::Create(TestQueue(), PermuteOption{c.dims}, in.opt, in.buf, out.opt, out.buf));
+  ExpectMoved(out, in, [&](const std::vector<long>& o, std::vector<long>* i) {
+    i->assign(o.size(), 0);
+    for (size_t d = 0; d < o.size(); ++d) (*i)[order[d]] = o[d];
+    return true;
+  });
+}
+
 }  // namespace layout_util
 }  // namespace testing
 }  // namespace cl
