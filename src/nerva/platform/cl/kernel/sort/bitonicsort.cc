@@ -102,9 +102,9 @@ void AppendNoLoop(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& sessio
   BuildOption options = SortOptions(t, l);
   options.AddDefinitionAutoType("LOCAL_SIZE0", static_cast<long>(local));
   const bool axis0 = l.inner == 1;
-  auto unit =
-      kernel.MakeSubKernel(session, "BitonicSort::noloop", {"common.h", "sort.h", "bitonicsort_noloop.cl"},
-                           options, axis0 ? "bitonicsort_axis0" : "bitonicsort_axis1");
+  auto unit = kernel.MakeSubKernel(session, "BitonicSort::noloop",
+                                   {"common.h", "sort.h", "bitonicsort_noloop.cl"}, options,
+                                   axis0 ? "bitonicsort_axis0" : "bitonicsort_axis1");
   unit->SetArgs(SortView(t.input, l, l.length));
   if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
   unit->SetArg(SortView(t.out, l, l.length)).SetArg(stages).SetArg(static_cast<int>(l.length));
@@ -125,9 +125,9 @@ void AppendRows(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session,
   BuildOption options = SortOptions(t, l);
   options.AddOptionIf(t.input.dtype() == kFloat, "-DKEYS_ARE_VALUES");
   const bool axis0 = l.inner == 1;
-  auto unit =
-      kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "sort.h", "bitonicsort_rows.cl"},
-                           options, axis0 ? "bitonicsort_rows_axis0" : "bitonicsort_rows_axis1");
+  auto unit = kernel.MakeSubKernel(session, "BitonicSort::rows",
+                                   {"common.h", "sort.h", "bitonicsort_rows.cl"}, options,
+                                   axis0 ? "bitonicsort_rows_axis0" : "bitonicsort_rows_axis1");
   unit->SetArgs(SortView(t.input, l, l.length));
   if (t.indices.defined()) unit->SetArg(SortView(t.indices, l, l.length));
   unit->SetArg(SortView(t.out, l, l.length))
@@ -172,9 +172,9 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
   // stages 0-10 and, later, each stage's passes below distance 2048.
   const bool blocks = session->host_cpu() && axis0;
   const auto block_unit = [&](int stage) {
-    auto unit =
-        kernel.MakeSubKernel(session, "BitonicSort::rows", {"common.h", "sort.h", "bitonicsort_rows.cl"},
-                             options, "bitonicsort_blocks");
+    auto unit = kernel.MakeSubKernel(session, "BitonicSort::rows",
+                                     {"common.h", "sort.h", "bitonicsort_rows.cl"}, options,
+                                     "bitonicsort_blocks");
     unit->SetArgs(src);
     if (indices) unit->SetArg(*temp_indices).SetArg(*indices);
     unit->SetArg(temp).SetArg(dst).SetArg(static_cast<int>(l.length)).SetArg(stage).SetArg(stages);
@@ -186,9 +186,9 @@ void AppendLoops(KernelImpl& kernel, const std::shared_ptr<SessionImpl>& session
     const int last_pass = blocks ? stage - kBlockStages : stage;
     for (int pass = 0; pass <= last_pass; ++pass) {
       const bool first = stage == 0, final = !blocks && stage == stages && pass == stage;
-      auto unit =
-          kernel.MakeSubKernel(session, "BitonicSort::loop", {"common.h", "sort.h", "bitonicsort.cl"},
-                               final ? last : options, prefix + (first ? "_init" : "_loop"));
+      auto unit = kernel.MakeSubKernel(
+          session, "BitonicSort::loop", {"common.h", "sort.h", "bitonicsort.cl"},
+          final ? last : options, prefix + (first ? "_init" : "_loop"));
       unit->SetArgs(src);
       if (indices) unit->SetArg(*temp_indices).SetArg(*indices);
       const unsigned post_shift = static_cast<unsigned>(stage - pass);
