@@ -254,27 +254,56 @@ RANDOM_INLINE void random_sincos(float v, float *s, float *c) {
  * The numbers are those of the scalar form, bit for bit. */
 #ifdef NERVA_HOST_CPU_DEVICE
 #define RANDOM_LOW32 ((ulong8)0xFFFFFFFFul)
+/* Counter words of eight streams from `first` on, before the rounds. */
+RANDOM_INLINE void philox8_start(ulong first, ulong offset, ulong8 *w) {
+  w[0] = (ulong8)((uint)offset);
+  w[1] = (ulong8)((uint)(offset >> 32));
+  const ulong8 sub = (ulong8)(first) + (ulong8)(0, 1, 2, 3, 4, 5, 6, 7);
+  w[2] = sub & RANDOM_LOW32;
+  w[3] = sub >> 32;
+}
+
+RANDOM_INLINE void philox8_round(ulong8 *w, ulong k0, ulong k1) {
+  const ulong8 pa = (w[0] & RANDOM_LOW32) * (ulong)PHILOXSA;
+  const ulong8 pb = (w[2] & RANDOM_LOW32) * (ulong)PHILOXSB;
+  w[0] = (pb >> 32) ^ w[1] ^ (ulong8)(k0);
+  w[1] = pb;
+  w[2] = (pa >> 32) ^ w[3] ^ (ulong8)(k1);
+  w[3] = pa;
+}
+
 RANDOM_INLINE void philox8_first_blocks(ulong seed, ulong first, ulong offset, ulong8 *c0,
                                         ulong8 *c1, ulong8 *c2, ulong8 *c3) {
-  ulong8 w0 = (ulong8)((uint)offset), w1 = (ulong8)((uint)(offset >> 32));
-  const ulong8 sub = (ulong8)(first) + (ulong8)(0, 1, 2, 3, 4, 5, 6, 7);
-  ulong8 w2 = sub & RANDOM_LOW32, w3 = sub >> 32;
+  ulong8 w[4];
+  philox8_start(first, offset, w);
   ulong k0 = (uint)seed, k1 = (uint)(seed >> 32);
 #pragma unroll
   for (int r = 0; r < 10; ++r) {
-    const ulong8 pa = (w0 & RANDOM_LOW32) * (ulong)PHILOXSA;
-    const ulong8 pb = (w2 & RANDOM_LOW32) * (ulong)PHILOXSB;
-    w0 = (pb >> 32) ^ w1 ^ (ulong8)(k0);
-    w1 = pb;
-    w2 = (pa >> 32) ^ w3 ^ (ulong8)(k1);
-    w3 = pa;
+    philox8_round(w, k0, k1);
     k0 = (uint)(k0 + PHILOX10A);
     k1 = (uint)(k1 + PHILOX10B);
   }
-  *c0 = w0;
-  *c1 = w1;
-  *c2 = w2;
-  *c3 = w3;
+  *c0 = w[0];
+  *c1 = w[1];
+  *c2 = w[2];
+  *c3 = w[3];
+}
+
+/* Sixteen streams from `first` on as two sets of eight (a: the first eight),
+ * their rounds interleaved: one set's rounds form a chain of dependent
+ * multiplies, and two chains keep the vector units busy. */
+RANDOM_INLINE void philox16_first_blocks(ulong seed, ulong first, ulong offset, ulong8 *a,
+                                         ulong8 *b) {
+  philox8_start(first, offset, a);
+  philox8_start(first + 8, offset, b);
+  ulong k0 = (uint)seed, k1 = (uint)(seed >> 32);
+#pragma unroll
+  for (int r = 0; r < 10; ++r) {
+    philox8_round(a, k0, k1);
+    philox8_round(b, k0, k1);
+    k0 = (uint)(k0 + PHILOX10A);
+    k1 = (uint)(k1 + PHILOX10B);
+  }
 }
 
 /* The 32 words of the eight streams in stream order, 16 per vector. */
@@ -349,6 +378,18 @@ RANDOM_INLINE void random_item_blocks(long n, long *first, long *last) {
     const long rcf_streams = ((n) + 3) / 4;                                  \
     long b, last;                                                            \
     random_item_blocks(n, &b, &last);                                        \
+    for (; b + 1 < last && RANDOM_BLOCK_WHOLE(b + 1, n) && RANDOM_BLOCK_WHOLE(b, n); b += 2) { \
+      ulong8 ca[4], cb[4];                                                   \
+      philox16_first_blocks(philox_args_seed, 8 * b, philox_args_offset, ca, cb); \
+      {                                                                      \
+        __global OUT_DTYPE *q = (p) + RANDOM_ELEMENT(8 * b, 0);              \
+        WHOLE(ca[0], ca[1], ca[2], ca[3], q)                                 \
+      }                                                                      \
+      {                                                                      \
+        __global OUT_DTYPE *q = (p) + RANDOM_ELEMENT(8 * b + 8, 0);          \
+        WHOLE(cb[0], cb[1], cb[2], cb[3], q)                                 \
+      }                                                                      \
+    }                                                                        \
     for (; b < last; ++b) {                                                  \
       if (RANDOM_BLOCK_WHOLE(b, n)) {                                        \
         ulong8 c0, c1, c2, c3;                                               \
