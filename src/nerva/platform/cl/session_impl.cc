@@ -59,9 +59,21 @@ void SessionImpl::InitDeviceInfo() {
   local_mem_size_ = device_.getInfo<CL_DEVICE_LOCAL_MEM_SIZE>();
   compute_units_ = device_.getInfo<CL_DEVICE_MAX_COMPUTE_UNITS>();
   host_cpu_ = (device_.getInfo<CL_DEVICE_TYPE>() & CL_DEVICE_TYPE_CPU) != 0;
+  cache_size_ = device_.getInfo<CL_DEVICE_GLOBAL_MEM_CACHE_SIZE>();
+  base_align_ = device_.getInfo<CL_DEVICE_MEM_BASE_ADDR_ALIGN>() / 8;
   available_local_mem_ = local_mem_size_;
   bfloat16_supported_ = dev_supports_extension("cl_nrv_bhalf");
   fp8_supported_ = dev_supports_extension("cl_nrv_fp8");
+}
+
+bool SessionImpl::StreamStores(uint64_t bytes, uint64_t vector,
+                               std::initializer_list<uint64_t> steps) const {
+  if (!host_cpu() || vector == 0 || base_align_ % vector != 0) return false;
+  for (uint64_t step : steps) {
+    if (step % vector != 0) return false;
+  }
+  if (stream_from_testing_ != 0) return bytes >= stream_from_testing_;
+  return cache_size_ != 0 && bytes >= cache_size_ / 2;
 }
 
 bool SessionImpl::dev_supports_extension(const char* name) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,6 +52,9 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   // Test hook: makes programs that choose their layout by device class take
   // their GPU variants (true) or the device's own choice again (false).
   void TreatAsGpuForTesting(bool gpu) { treat_as_gpu_ = gpu; }
+  // Test hook: outputs of at least `bytes` take streaming stores (0: the
+  // device's own threshold again).
+  void StreamStoresFromForTesting(uint64_t bytes) { stream_from_testing_ = bytes; }
 
   // Program cache (see program.h for LoadOrBuildProgram).
   std::shared_ptr<Program> TryLoadCachedProgram(const std::string& key) const;
@@ -70,6 +74,13 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   // programs then favour long sequential loops per item over many small groups.
   bool host_cpu() const { return host_cpu_ && !treat_as_gpu_; }
   uint64_t available_local_mem() const { return available_local_mem_; }
+  // Whether a program writing `bytes` of output once should store it past the
+  // caches (host-CPU devices, outputs of at least half the device's cache):
+  // such an output would only evict its own inputs, and its old contents
+  // need not be read first. Streaming stores need aligned vectors: `vector`
+  // bytes must divide the buffers' base alignment and every byte offset or
+  // stride in `steps` that places a streamed vector.
+  bool StreamStores(uint64_t bytes, uint64_t vector, std::initializer_list<uint64_t> steps) const;
   bool bfloat16_supported() const { return bfloat16_supported_; }
   bool fp8_supported() const { return fp8_supported_; }
   uint64_t random_seed() const { return random_seed_; }
@@ -87,6 +98,9 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   uint32_t compute_units_ = 0;
   bool host_cpu_ = false;
   bool treat_as_gpu_ = false;  // test hook
+  uint64_t cache_size_ = 0;
+  uint64_t base_align_ = 0;  // bytes
+  uint64_t stream_from_testing_ = 0;  // test hook
   uint64_t available_local_mem_ = 0;
   bool bfloat16_supported_ = false;
   bool fp8_supported_ = false;

@@ -46,6 +46,16 @@ class GpuPathsForTesting {
   GpuPathsForTesting& operator=(const GpuPathsForTesting&) = delete;
 };
 
+// Makes kernels created while it lives store outputs of any size past the
+// caches where their programs can (CPU devices; large outputs only otherwise).
+class StreamStoresForTesting {
+ public:
+  StreamStoresForTesting() { TestSessionImpl()->StreamStoresFromForTesting(1); }
+  ~StreamStoresForTesting() { TestSessionImpl()->StreamStoresFromForTesting(0); }
+  StreamStoresForTesting(const StreamStoresForTesting&) = delete;
+  StreamStoresForTesting& operator=(const StreamStoresForTesting&) = delete;
+};
+
 // A device tensor of `sizes` holding `values` (byte copy of the host vector).
 template <typename T>
 Tensor Upload(const std::vector<T>& values, std::vector<long> sizes, DataType dtype) {

@@ -1,6 +1,8 @@
 // Permute, Slice, BroadcastTo, Tile, Repeat, Flip, Roll and the CPU platform
 // side by side with the OpenCL one.
 
+#include <optional>
+
 #include "nerva/platform/cl/layout/layout_test_util.h"
 #include "nerva/test_util.h"
 
@@ -29,7 +31,8 @@ TEST(LayoutPermute, MatchesReferenceForEveryType) {
 
 // Transposes on CPU devices with both sides 256 or longer move 16 x 16
 // blocks (elements of up to 4 bytes): whole and cut blocks on either edge,
-// batched, strided rows; and thin shapes beside them.
+// batched, strided rows; and thin shapes beside them. Each also with
+// streaming stores (aligned output rows stream, others fall back).
 TEST(LayoutPermute, WideTransposeBlocks) {
   const PermuteCase cases[] = {
       {{257, 300}, {}, {1, 0}},        // cut blocks on both edges
@@ -38,8 +41,12 @@ TEST(LayoutPermute, WideTransposeBlocks) {
       {{260, 270}, {280, 1}, {1, 0}},  // strided rows
       {{17, 33}, {}, {1, 0}},         {{1, 300}, {}, {1, 0}}, {{300, 1}, {}, {1, 0}},
   };
-  for (DataType type : {kFloat, kHalf, kInt8}) {
-    for (const auto& c : cases) CheckPermute(c, type);
+  for (bool stream : {false, true}) {
+    std::optional<StreamStoresForTesting> streaming;
+    if (stream) streaming.emplace();
+    for (DataType type : {kFloat, kHalf, kInt8}) {
+      for (const auto& c : cases) CheckPermute(c, type);
+    }
   }
 }
 

@@ -15,9 +15,8 @@ namespace {
 
 constexpr size_t kBlock = 8;    // the block one work item of permute_2d.cl transposes
 constexpr size_t kGroup = 256;  // blocks per work group (256 x 64 elements)
-// Permute2D16 (CPU devices): 16 x 16 blocks, 1024 per work group.
-constexpr size_t kWideBlock = 16, kWideGroup = 1024, kWideGroupX = 16;
-constexpr long kWideMin = 256;
+// Permute2D16 (CPU devices): 16 x 16 blocks, up to 16 x 16 per work group.
+constexpr size_t kWideBlock = 16, kWideGroup = 16;
 // Permute2DTile (GPUs): 32 x 32 tiles moved by 32 x 8 work items.
 constexpr size_t kTile = 32, kTileRows = 8;
 constexpr size_t kMaxGroups = 65535;  // groups along y and z a launch may have
@@ -26,6 +25,13 @@ constexpr size_t kMaxGroups = 65535;  // groups along y and z a launch may have
 size_t Pow2(size_t n) {
   size_t p = 1;
   while (p < n) p *= 2;
+  return p;
+}
+
+// The largest power of two up to `most` that divides n (n > 0).
+size_t Pow2Divisor(size_t n, size_t most) {
+  size_t p = 1;
+  while (p < most && n % (2 * p) == 0) p *= 2;
   return p;
 }
 
@@ -91,20 +97,21 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
     AddMove(session, out_, in);
     return;
   }
-  const ClTensor out_view(out_), in_view(in);
   const long batch = rank == 3 ? layout.sizes[2] : 1;
+  // CPU devices, elements of up to 4 bytes, both sides at least 16 long:
+  // whole 16 x 16 blocks, the cut edges through the walk.
+  if (session->host_cpu() && item <= 4 && layout.sizes[0] >= kWideBlock &&
+      layout.sizes[1] >= kWideBlock) {
+    AddWideTranspose(session, in, layout);
+    return;
+  }
+  const ClTensor out_view(out_), in_view(in);
   const size_t tx = Groups(layout.sizes[0], kTile), ty = Groups(layout.sizes[1], kTile);
   const bool tiled =
       !session->host_cpu() && ty <= kMaxGroups && static_cast<size_t>(batch) <= kMaxGroups;
-  // CPU devices, elements of up to 4 bytes, both sides at least 256 long:
-  // 16 x 16 blocks (narrower transposes run faster in 8 x 8 blocks).
-  const bool wide = session->host_cpu() && item <= 4 && layout.sizes[0] >= kWideMin &&
-                    layout.sizes[1] >= kWideMin;
   auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
-                            {"layout.h", "permute_2d.cl"}, MoveOptions(item),
-                            tiled  ? "Permute2DTile"
-                            : wide ? "Permute2D16"
-                                   : "Permute2D");
+                            {"common.h", "layout.h", "permute_2d.cl"}, MoveOptions(item),
+                            tiled ? "Permute2DTile" : "Permute2D");
   unit->SetArgs(static_cast<cl_uint>(layout.sizes[0]), static_cast<cl_uint>(layout.sizes[1]),
                 out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
                 static_cast<cl_uint>(rank == 3 ? os[2] : 0), in.storage(), in_view.offset(),
@@ -114,16 +121,66 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
     unit->SetLocal({kTile, kTileRows, 1});
     return;
   }
-  const size_t block = wide ? kWideBlock : kBlock;
-  const size_t bx = Groups(layout.sizes[0], block), by = Groups(layout.sizes[1], block);
+  const size_t bx = Groups(layout.sizes[0], kBlock), by = Groups(layout.sizes[1], kBlock);
   // Tiles of 32 x 8 blocks (measured best of 16, 32, 64 along x), x narrowed
-  // to the blocks there are so few work items fall outside. Blocks of 16:
-  // always 16 x 64 (one group shape, one build of the work-group loop; both
-  // sides span 16 blocks or more).
-  const size_t gx = wide ? kWideGroupX : std::min<size_t>(32, Pow2(bx));
-  const size_t gy = wide ? kWideGroup / kWideGroupX : std::min(kGroup / gx, Pow2(by));
+  // to the blocks there are so few work items fall outside.
+  const size_t gx = std::min<size_t>(32, Pow2(bx));
+  const size_t gy = std::min(kGroup / gx, Pow2(by));
   unit->SetGlobal({bx, by, static_cast<size_t>(batch)});
   unit->SetLocal({gx, gy, 1});
+}
+
+// The views of out and in over x in [x0, x1) and y in [y0, y1) of `layout`
+// (x, y, batch innermost first, byte strides), outermost first.
+std::pair<Tensor, Tensor> PermuteKernel::Part(const Tensor& in, const ElementwiseLayout& layout,
+                                              long x0, long x1, long y0, long y1) const {
+  const long item = static_cast<long>(out_.option().item_size());
+  const size_t rank = layout.sizes.size();
+  std::vector<long> sizes = {y1 - y0, x1 - x0};
+  if (rank == 3) sizes.insert(sizes.begin(), layout.sizes[2]);
+  const auto view = [&](const Tensor& t, const std::vector<long>& bytes) {
+    std::vector<long> strides = {bytes[1] / item, bytes[0] / item};
+    if (rank == 3) strides.insert(strides.begin(), bytes[2] / item);
+    return ViewOf(t, sizes, strides, x0 * strides[strides.size() - 1] + y0 * strides[rank - 2]);
+  };
+  return {view(out_, layout.strides[0]), view(in, layout.strides[1])};
+}
+
+void PermuteKernel::AddWideTranspose(const std::shared_ptr<SessionImpl>& session, const Tensor& in,
+                                     const ElementwiseLayout& layout) {
+  const long item = static_cast<long>(out_.option().item_size());
+  const auto& os = layout.strides[0];
+  const auto& is = layout.strides[1];
+  const bool batched = layout.sizes.size() == 3;
+  const long n0 = layout.sizes[0], n1 = layout.sizes[1];
+  const size_t bx = static_cast<size_t>(n0) / kWideBlock, by = static_cast<size_t>(n1) / kWideBlock;
+  const ClTensor out_view(out_), in_view(in);
+  const uint64_t row = kWideBlock * item;  // one streamed output row of a block
+  BuildOption options = MoveOptions(item);
+  options.AddDefinitionAutoType(
+      "NERVA_STREAM",
+      session->StreamStores(out_.shape().size() * item, row,
+                            {out_view.offset(), static_cast<uint64_t>(os[1]),
+                             static_cast<uint64_t>(batched ? os[2] : 0)}));
+  auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
+                            {"common.h", "layout.h", "permute_2d.cl"}, options, "Permute2D16");
+  unit->SetArgs(out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
+                static_cast<cl_uint>(batched ? os[2] : 0), in.storage(), in_view.offset(),
+                static_cast<cl_uint>(is[0]), static_cast<cl_uint>(batched ? is[2] : 0));
+  // Whole blocks only, so no work item needs a bounds check (a branch there
+  // costs PoCL's work-group loop a third of its speed); y, the input's
+  // contiguous direction, first.
+  unit->SetGlobal({by, bx, static_cast<size_t>(batched ? layout.sizes[2] : 1)});
+  unit->SetLocal({Pow2Divisor(by, kWideGroup), Pow2Divisor(bx, kWideGroup), 1});
+  const long x_cut = static_cast<long>(bx * kWideBlock), y_cut = static_cast<long>(by * kWideBlock);
+  if (x_cut < n0) {
+    const auto [out_part, in_part] = Part(in, layout, x_cut, n0, 0, n1);
+    AddMove(session, out_part, in_part);
+  }
+  if (y_cut < n1) {
+    const auto [out_part, in_part] = Part(in, layout, 0, x_cut, y_cut, n1);
+    AddMove(session, out_part, in_part);
+  }
 }
 
 NERVA_STATIC_REGISTER {

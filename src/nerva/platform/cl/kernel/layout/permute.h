@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "nerva/kernel/base.h"
 #include "nerva/platform/cl/kernel/layout/layout_frame.h"
@@ -12,8 +13,8 @@ namespace cl {
 // output dimension i is input dimension dims[i]; dims is a permutation of the
 // input's dimensions, negative entries counting from the end. After merging
 // dimensions that stay adjacent, a permutation that is a batched 2-D transpose
-// runs the tiled local-memory program permute_2d.cl; any other the strided
-// walk of permute.cl.
+// runs permute_2d.cl (on GPUs tiles through local memory, on CPU devices
+// 16 x 16 register blocks); any other the strided walk of permute.cl.
 class PermuteKernel : public LayoutKernel {
  public:
   PermuteKernel(const PermuteOption& option, const TensorOption& input_opt, const Buffer& input,
@@ -24,6 +25,11 @@ class PermuteKernel : public LayoutKernel {
 
  private:
   std::vector<int> Order() const;  // dims normalised; throws on a bad permutation
+  std::pair<Tensor, Tensor> Part(const Tensor& in, const ElementwiseLayout& layout, long x0,
+                                 long x1, long y0, long y1) const;
+  // CPU devices: whole 16 x 16 blocks in registers, the cut edges as moves.
+  void AddWideTranspose(const std::shared_ptr<SessionImpl>& session, const Tensor& in,
+                        const ElementwiseLayout& layout);
 
   PermuteOption option_;
   Tensor input_, out_;

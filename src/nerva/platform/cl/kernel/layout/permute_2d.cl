@@ -52,40 +52,66 @@ __kernel void Permute2D(uint n0, uint n1, __global uchar *out_ptr, uint out_offs
           *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
 }
 
-/* One 8 x 8 block: in at its first input row, out at its first output row. */
-inline void pt_block8(__global const uchar *in, __global uchar *out, uint in_s0, uint out_s1) {
-  PT_LOAD(0) PT_LOAD(1) PT_LOAD(2) PT_LOAD(3) PT_LOAD(4) PT_LOAD(5) PT_LOAD(6) PT_LOAD(7)
-  PT_STORE(0) PT_STORE(1) PT_STORE(2) PT_STORE(3) PT_STORE(4) PT_STORE(5) PT_STORE(6) PT_STORE(7)
-}
-
 /*
- * Permute2D16 (CPU devices): the same with 16 x 16 blocks moved as four 8 x 8
- * blocks, the two halves of each output row one after the other, so for
- * 4-byte elements every input and output cache line of the block is used
- * whole while it is in L1 (one 16 x 16 register transpose spills).
+ * Permute2D16 (CPU devices): 16 x 16 blocks, one per work item. The block's
+ * sixteen input rows are loaded whole (one 16-element vector each, whole
+ * cache lines for 4-byte elements), transposed in registers by four
+ * exchange stages, and stored as sixteen whole output rows. Built with
+ * NERVA_STREAM, the output rows are stored past the caches. The launch
+ * covers whole blocks only (the host moves the cut edges), so the work items
+ * run without a branch. Groups walk y (the input's contiguous direction)
+ * first.
  */
-__kernel void Permute2D16(uint n0, uint n1, __global uchar *out_ptr, uint out_offset, uint out_s1,
-                          uint out_sb, __global uchar *in_ptr, uint in_offset, uint in_s0,
-                          uint in_sb) {
-  const uint x0 = get_global_id(0) * 16, y0 = get_global_id(1) * 16;
-  if (x0 >= n0 || y0 >= n1) return;
+#if LY_SIZE == 1
+typedef uchar16 ly_t16;
+#elif LY_SIZE == 2
+typedef ushort16 ly_t16;
+#elif LY_SIZE == 4
+typedef uint16 ly_t16;
+#else
+typedef ulong16 ly_t16;
+#endif
+
+/* Stage b of the transpose: rows i and i + b (bit b of i clear) exchange
+ * their lane blocks of b, so that after b = 8, 4, 2, 1 row j holds column j. */
+#define PT_MASK8_LO (ly_t16)(0, 1, 2, 3, 4, 5, 6, 7, 16, 17, 18, 19, 20, 21, 22, 23)
+#define PT_MASK8_HI (ly_t16)(8, 9, 10, 11, 12, 13, 14, 15, 24, 25, 26, 27, 28, 29, 30, 31)
+#define PT_MASK4_LO (ly_t16)(0, 1, 2, 3, 16, 17, 18, 19, 8, 9, 10, 11, 24, 25, 26, 27)
+#define PT_MASK4_HI (ly_t16)(4, 5, 6, 7, 20, 21, 22, 23, 12, 13, 14, 15, 28, 29, 30, 31)
+#define PT_MASK2_LO (ly_t16)(0, 1, 16, 17, 4, 5, 20, 21, 8, 9, 24, 25, 12, 13, 28, 29)
+#define PT_MASK2_HI (ly_t16)(2, 3, 18, 19, 6, 7, 22, 23, 10, 11, 26, 27, 14, 15, 30, 31)
+#define PT_MASK1_LO (ly_t16)(0, 16, 2, 18, 4, 20, 6, 22, 8, 24, 10, 26, 12, 28, 14, 30)
+#define PT_MASK1_HI (ly_t16)(1, 17, 3, 19, 5, 21, 7, 23, 9, 25, 11, 27, 13, 29, 15, 31)
+#define PT_SWAP(i, j, b)                                                       \
+  {                                                                          \
+    const ly_t16 lo = shuffle2(r##i, r##j, PT_MASK##b##_LO);                 \
+    r##j = shuffle2(r##i, r##j, PT_MASK##b##_HI);                            \
+    r##i = lo;                                                               \
+  }
+#define PT_LOAD16(i) ly_t16 r##i = vload16(0, (__global const ly_t *)(in + (ulong)(i) * in_s0));
+#define PT_STORE16(i) NERVA_STORE_STREAM(ly_t, 16, r##i, (__global ly_t *)(out + (ulong)(i) * out_s1));
+
+__kernel void Permute2D16(__global uchar *out_ptr, uint out_offset, uint out_s1, uint out_sb,
+                          __global uchar *in_ptr, uint in_offset, uint in_s0, uint in_sb) {
+  const uint y0 = get_global_id(0) * 16, x0 = get_global_id(1) * 16;
   const ulong b = get_global_id(2);
   __global const uchar *in =
       in_ptr + (in_offset + b * in_sb + (ulong)x0 * in_s0 + (ulong)y0 * LY_SIZE);
   __global uchar *out = out_ptr + (out_offset + b * out_sb + (ulong)y0 * out_s1 + (ulong)x0 * LY_SIZE);
-  if (x0 + 16 <= n0 && y0 + 16 <= n1) {
-    const ulong in8 = 8 * (ulong)in_s0, out8 = 8 * (ulong)out_s1;
-    pt_block8(in, out, in_s0, out_s1);
-    pt_block8(in + in8, out + 8 * LY_SIZE, in_s0, out_s1);
-    pt_block8(in + 8 * LY_SIZE, out + out8, in_s0, out_s1);
-    pt_block8(in + in8 + 8 * LY_SIZE, out + out8 + 8 * LY_SIZE, in_s0, out_s1);
-    return;
-  }
-  const uint nx = min(16u, n0 - x0), ny = min(16u, n1 - y0);
-  for (uint i = 0; i < nx; ++i)
-    for (uint j = 0; j < ny; ++j)
-      *(__global ly_t *)(out + (ulong)j * out_s1 + i * LY_SIZE) =
-          *(__global const ly_t *)(in + (ulong)i * in_s0 + j * LY_SIZE);
+  PT_LOAD16(0) PT_LOAD16(1) PT_LOAD16(2) PT_LOAD16(3) PT_LOAD16(4) PT_LOAD16(5) PT_LOAD16(6)
+  PT_LOAD16(7) PT_LOAD16(8) PT_LOAD16(9) PT_LOAD16(10) PT_LOAD16(11) PT_LOAD16(12)
+  PT_LOAD16(13) PT_LOAD16(14) PT_LOAD16(15)
+  PT_SWAP(0, 8, 8) PT_SWAP(1, 9, 8) PT_SWAP(2, 10, 8) PT_SWAP(3, 11, 8)
+  PT_SWAP(4, 12, 8) PT_SWAP(5, 13, 8) PT_SWAP(6, 14, 8) PT_SWAP(7, 15, 8)
+  PT_SWAP(0, 4, 4) PT_SWAP(1, 5, 4) PT_SWAP(2, 6, 4) PT_SWAP(3, 7, 4)
+  PT_SWAP(8, 12, 4) PT_SWAP(9, 13, 4) PT_SWAP(10, 14, 4) PT_SWAP(11, 15, 4)
+  PT_SWAP(0, 2, 2) PT_SWAP(1, 3, 2) PT_SWAP(4, 6, 2) PT_SWAP(5, 7, 2)
+  PT_SWAP(8, 10, 2) PT_SWAP(9, 11, 2) PT_SWAP(12, 14, 2) PT_SWAP(13, 15, 2)
+  PT_SWAP(0, 1, 1) PT_SWAP(2, 3, 1) PT_SWAP(4, 5, 1) PT_SWAP(6, 7, 1)
+  PT_SWAP(8, 9, 1) PT_SWAP(10, 11, 1) PT_SWAP(12, 13, 1) PT_SWAP(14, 15, 1)
+  PT_STORE16(0) PT_STORE16(1) PT_STORE16(2) PT_STORE16(3) PT_STORE16(4) PT_STORE16(5)
+  PT_STORE16(6) PT_STORE16(7) PT_STORE16(8) PT_STORE16(9) PT_STORE16(10) PT_STORE16(11)
+  PT_STORE16(12) PT_STORE16(13) PT_STORE16(14) PT_STORE16(15)
 }
 
 #define PT_TILE 32
