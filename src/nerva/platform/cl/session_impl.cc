@@ -67,7 +67,7 @@ void SessionImpl::InitDeviceInfo() {
 }
 
 bool SessionImpl::StreamStores(uint64_t bytes, uint64_t vector,
-                               std::initializer_list<uint64_t> steps) const {
+                               const std::vector<uint64_t>& steps) const {
   if (!host_cpu() || vector == 0 || base_align_ % vector != 0) return false;
   for (uint64_t step : steps) {
     if (step % vector != 0) return false;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -80,7 +79,7 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   // need not be read first. Streaming stores need aligned vectors: `vector`
   // bytes must divide the buffers' base alignment and every byte offset or
   // stride in `steps` that places a streamed vector.
-  bool StreamStores(uint64_t bytes, uint64_t vector, std::initializer_list<uint64_t> steps) const;
+  bool StreamStores(uint64_t bytes, uint64_t vector, const std::vector<uint64_t>& steps) const;
   bool bfloat16_supported() const { return bfloat16_supported_; }
   bool fp8_supported() const { return fp8_supported_; }
   uint64_t random_seed() const { return random_seed_; }

@@ -106,6 +106,33 @@ TEST(LayoutConcat, ConcatThenSplitAnyDim) {
                    std::runtime_error, {"Split", "[2, 2]"});
 }
 
+// Streamed moves: pieces whose rows start on whole vectors stream (one with
+// a leftover run), the last one, off the vector grid, stores plainly.
+TEST(LayoutConcat, StreamedPieces) {
+  StreamStoresForTesting streaming;
+  const long widths[] = {16, 24, 12, 4}, total = 56, rows = 3;
+  std::vector<DevTensor> parts;
+  std::vector<TensorOption> opts;
+  std::vector<Buffer> bufs;
+  for (long w : widths) {
+    parts.push_back(RandomTensor({rows, w}, kFloat, {}, static_cast<unsigned>(w)));
+    opts.push_back(parts.back().opt);
+    bufs.push_back(parts.back().buf);
+  }
+  DevTensor out = OutTensor({rows, total}, kFloat);
+  TestQueue().Enqueue(Concat::Create(TestQueue(), ConcatOption{1}, opts, bufs, out.opt, out.buf));
+  const std::vector<uint8_t> got = Read(out);
+  long start = 0;
+  for (size_t p = 0; p < parts.size(); ++p) {
+    for (long i = 0; i < rows; ++i) {
+      const auto want = parts[p].bytes.begin() + i * widths[p] * 4;
+      ASSERT_TRUE(std::equal(want, want + widths[p] * 4, got.begin() + (i * total + start) * 4))
+          << "piece " << p << " row " << i;
+    }
+    start += widths[p];
+  }
+}
+
 TEST(LayoutScatter, ScattersAndBackwards) {
   DevTensor in = RandomTensor({4, 6, 3}, kFloat, {}, 5);
   DevTensor src = RandomTensor({2, 6, 3}, kFloat, {}, 6);

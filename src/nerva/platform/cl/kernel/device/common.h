@@ -122,8 +122,9 @@ typedef uchar fp8_e5m2;
 /* ---- streaming stores ----
  * Programs built with NERVA_STREAM 1 (the host's choice for outputs larger
  * than the caches, on CPU devices) write whole vectors past the caches:
- * NERVA_STORE_STREAM(T, N, v, p) stores the N-element vector v of the plain
- * type T at p (a __global T*) with a non-temporal store. Lines written that
+ * NERVA_STORE_STREAM(VT, N, v, p) stores v, a vector of type VT with N
+ * elements of a plain type, at p (a pointer to its elements) with a
+ * non-temporal store. Lines written that
  * way are not read first and do not displace the program's inputs. The host
  * sets NERVA_STREAM only where every such p is aligned to the vector's size
  * (a run-time check would cost more than the stores gain). */
@@ -131,10 +132,9 @@ typedef uchar fp8_e5m2;
 #define NERVA_STREAM 0
 #endif
 #if NERVA_STREAM && defined(NERVA_HOST_CPU_DEVICE)
-#define NERVA_STORE_STREAM(T, N, v, p)                                        \
-  __builtin_nontemporal_store((v), (__global NERVA_VEC(T, N) *)(p))
+#define NERVA_STORE_STREAM(VT, N, v, p) __builtin_nontemporal_store((VT)(v), (__global VT *)(p))
 #else
-#define NERVA_STORE_STREAM(T, N, v, p) NERVA_STOREN(N, v, p)
+#define NERVA_STORE_STREAM(VT, N, v, p) NERVA_STOREN(N, v, p)
 #endif
 
 /* Maps VEC consecutive elements: loads IN_T at px, converts to CONV_T,

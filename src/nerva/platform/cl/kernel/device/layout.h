@@ -172,9 +172,9 @@ inline long ly_row(uint y, uint z, uint8 sizes, int rank, uint offset, uint8 s) 
 #define LY_RUN(ONE, VEC) ONE(get_global_id(0));
 #endif
 #define LY_MOVE_ONE(k) (*LY_K(out, k) = *LY_K(in, k))
-#define LY_MOVE_VEC(f) LY_VSTORE(LY_VLOAD(0, LY_P(in) + (f)), 0, LY_P(out) + (f))
+#define LY_MOVE_VEC(f) NERVA_STORE_STREAM(ly_v, LY_VEC, LY_VLOAD(0, LY_P(in) + (f)), LY_P(out) + (f))
 #define LY_FILL_ONE(k) (*LY_K(out, k) = (ly_t)value)
-#define LY_FILL_VEC(f) LY_VSTORE((ly_v)((ly_t)value), 0, LY_P(out) + (f))
+#define LY_FILL_VEC(f) NERVA_STORE_STREAM(ly_v, LY_VEC, (ly_v)((ly_t)value), LY_P(out) + (f))
 
 #define LY_MOVE_KERNELS(NAME)                                                  \
   __kernel void NAME(uint8 sizes, int rank, LY_VIEW(out), LY_VIEW(in)) {       \

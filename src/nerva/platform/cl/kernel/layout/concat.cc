@@ -94,6 +94,7 @@ void ConcatKernel::Compile(std::shared_ptr<SessionImpl> session) {
   if (joined.empty() || out_.shape().size() == 0) return;
   const int dim = Axis(option_.dim, joined[0].shape().ndim());
   if (!session->host_cpu() && CompileRows(session, joined, dim)) return;
+  SetWrittenBytes(out_.shape().size() * out_.option().item_size());
   long start = 0;
   for (const Tensor& t : joined) {
     const long n = t.shape().sizes()[dim];

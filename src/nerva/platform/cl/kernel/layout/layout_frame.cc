@@ -188,8 +188,15 @@ void LayoutKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, co
   const size_t item = out.option().item_size();
   const bool xc =
       out_strides[0] == static_cast<long>(item) && in_strides[0] == static_cast<long>(item);
+  // Streaming stores of the x-run vectors: every row start aligned to one.
+  uint64_t moved = item;
+  for (long s : sizes) moved *= static_cast<uint64_t>(s);
+  std::vector<uint64_t> steps = {static_cast<uint64_t>(out_offset)};
+  steps.insert(steps.end(), out_strides.begin() + 1, out_strides.end());
+  const bool stream = xc && session->StreamStores(std::max(written_bytes_, moved),
+                                                  MoveVector(item) * item, steps);
   auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
-                            MoveOptions(item, xc, sizes.size() > 3), entry_);
+                            MoveOptions(item, xc, sizes.size() > 3, stream), entry_);
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), out.storage(),
                 Field(out_offset, name()), Lanes(out_strides, 0), in.storage(),
                 Field(in_offset, name()), Lanes(in_strides, 0));
@@ -242,16 +249,17 @@ void LayoutKernel::AddFill(const std::shared_ptr<SessionImpl>& session, const Te
   unit->SetGlobal(MoveGlobal(sizes, xc ? MoveVector(item) : 1));
 }
 
-BuildOption LayoutKernel::MoveOptions(size_t item, bool xc, bool deep) const {
+BuildOption LayoutKernel::MoveOptions(size_t item, bool xc, bool deep, bool stream) const {
   BuildOption options;
   options.AddDefinitionAutoType("LY_SIZE", static_cast<int>(item))
       .AddDefinitionAutoType("LY_XC", xc)
       .AddDefinitionAutoType("LY_DEEP", deep);
+  if (stream) options.AddDefinitionAutoType("NERVA_STREAM", true);
   return options;
 }
 
 std::vector<std::string> LayoutKernel::MoveSources() const {
-  return {"layout.h", program_};
+  return {"common.h", "layout.h", program_};
 }
 
 std::string LayoutKernel::ProgramName() const {

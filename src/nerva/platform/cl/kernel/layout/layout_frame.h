@@ -83,9 +83,14 @@ class LayoutKernel : public KernelImpl {
   void AddFill(const std::shared_ptr<SessionImpl>& session, const Tensor& out, uint64_t bits);
 
   // The program's build options for elements of `item` bytes; `xc` when
-  // both x strides are one element, `deep` for walks of rank above 3.
-  BuildOption MoveOptions(size_t item, bool xc = false, bool deep = false) const;
-  // "layout.h" then the program.
+  // both x strides are one element, `deep` for walks of rank above 3,
+  // `stream` for streaming vector stores.
+  BuildOption MoveOptions(size_t item, bool xc = false, bool deep = false,
+                          bool stream = false) const;
+  // The bytes the whole kernel writes, where its moves write parts of one
+  // output (Concat): the size that decides streaming stores.
+  void SetWrittenBytes(uint64_t bytes) { written_bytes_ = bytes; }
+  // "common.h", "layout.h" then the program.
   std::vector<std::string> MoveSources() const;
   // The program's cache name (shared by every operator using the same text).
   std::string ProgramName() const;
@@ -94,6 +99,7 @@ class LayoutKernel : public KernelImpl {
  private:
   std::string program_;
   std::string entry_;
+  uint64_t written_bytes_ = 0;
 };
 
 // A layout kernel with one input and one output of the input's type.

@@ -89,7 +89,7 @@ typedef ulong16 ly_t16;
     r##i = lo;                                                               \
   }
 #define PT_LOAD16(i) ly_t16 r##i = vload16(0, (__global const ly_t *)(in + (ulong)(i) * in_s0));
-#define PT_STORE16(i) NERVA_STORE_STREAM(ly_t, 16, r##i, (__global ly_t *)(out + (ulong)(i) * out_s1));
+#define PT_STORE16(i) NERVA_STORE_STREAM(ly_t16, 16, r##i, (__global ly_t *)(out + (ulong)(i) * out_s1));
 
 __kernel void Permute2D16(__global uchar *out_ptr, uint out_offset, uint out_s1, uint out_sb,
                           __global uchar *in_ptr, uint in_offset, uint in_s0, uint in_sb) {
