@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <ostream>
 #include <sstream>
@@ -52,6 +53,13 @@ std::string ConcatenateStrings(const Args&... parts) {
   bool first = true;
   ((out += first ? "" : "::", out += std::string(parts), first = false), ...);
   return out;
+}
+
+// The largest power of two, at most `most`, that divides n (1 for n = 0).
+inline size_t PowerOfTwoDivisor(size_t n, size_t most) {
+  size_t p = 1;
+  while (2 * p <= most && n != 0 && n % (2 * p) == 0) p *= 2;
+  return p;
 }
 
 // The value of an environment variable, or nothing when it is unset.

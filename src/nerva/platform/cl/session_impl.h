@@ -98,7 +98,7 @@ class SessionImpl : public ISessionImpl, public std::enable_shared_from_this<Ses
   bool host_cpu_ = false;
   bool treat_as_gpu_ = false;  // test hook
   uint64_t cache_size_ = 0;
-  uint64_t base_align_ = 0;  // bytes
+  uint64_t base_align_ = 0;           // bytes
   uint64_t stream_from_testing_ = 0;  // test hook
   uint64_t available_local_mem_ = 0;
   bool bfloat16_supported_ = false;

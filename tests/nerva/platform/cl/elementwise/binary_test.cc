@@ -2,6 +2,7 @@
 // references written from PyTorch's definitions.
 
 #include <cmath>
+#include <optional>
 #include <stdexcept>
 
 #include "nerva/platform/cl/elementwise/ew_test_util.h"
@@ -263,6 +264,21 @@ TEST(BinaryTest, CpuGroupShapes) {
           44);
   Check({B::kAdd, kHalf, kHalf, kHalf, {32, 48}, {32, 48}, Layout::kTransposed}, 45);
   Check({B::kAdd, kFloat, kFloat, kFloat, {48, 32}, {32}, Layout::kTransposed}, 46);
+}
+
+// Float ADD, SUB, MUL, DIV, FMAX, FMIN and COPYSIGN on CPU devices: whole
+// 16-element vectors then the rest, flat and per row (broadcast, rank 3),
+// with plain and streaming stores.
+TEST(BinaryTest, CpuSixteenLaneForms) {
+  for (bool stream : {false, true}) {
+    std::optional<StreamStoresForTesting> streaming;
+    if (stream) streaming.emplace();
+    for (B op : {B::kAdd, B::kSub, B::kDiv, B::kFmax, B::kCopysign})
+      Check({op, kFloat, kFloat, kFloat, {4097}, {4097}}, 47);
+    Check({B::kMul, kFloat, kFloat, kFloat, {16}, {16}}, 48);
+    Check({B::kFmin, kFloat, kFloat, kFloat, {5, 37}, {37}}, 49);
+    Check({B::kAdd, kFloat, kFloat, kFloat, {3, 4, 32}, {3, 1, 32}}, 50);
+  }
 }
 
 // The GPU variants: spread lanes over every length, fixed groups over ragged

@@ -119,9 +119,10 @@ inline ushort ew_half_bits(float f) {
 /* ---- explicit 16-lane flat kernel ----
  * EW_VEC16 builds (CPU devices, float tensors, programs that also define
  * EW_OP16(a0, ..), their function on float16 values): item g maps elements
- * 16 g .. 16 g + 15 with whole-register loads, EW_OP16 and a store, which
- * beats the compiler's vectorisation across items for long expressions; the
- * item past the whole vectors maps the last count % 16 elements with EW_OP.
+ * base + 16 g .. base + 16 g + 15 with whole-register loads, EW_OP16 and a
+ * store (past the caches in NERVA_STREAM builds), which beats the compiler's
+ * vectorisation across items. The launch covers whole vectors only, without
+ * a branch; the host maps the last count % 16 elements with the flat kernel.
  * Each element is read and written by one item, so in place is safe. */
 #define EW_V16_LOAD(i) vload16(0, (__global const float *)in##i##_base + first)
 #define EW_APPLY16() NERVA_CAT(EW_APPLY16_, EW_ARITY)()
@@ -129,18 +130,10 @@ inline ushort ew_half_bits(float f) {
 #define EW_APPLY16_2() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1))
 #define EW_APPLY16_3() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1), EW_V16_LOAD(2))
 #define EW_FLAT16_KERNEL(NAME)                                                \
-  __kernel void NAME(uint count EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {        \
-    const size_t first = get_global_id(0) * 16;                               \
-    if (first >= count) return;                                               \
+  __kernel void NAME(uint base EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
+    const size_t first = base + get_global_id(0) * 16;                        \
     EW_TENSORS(EW_FLAT_BASE)                                                  \
-    if (first + 16 <= count) {                                                \
-      vstore16(EW_APPLY16(), 0, (__global float *)out_base + first);            \
-    } else {                                                                  \
-      for (int nerva_lane = 0; first + nerva_lane < count; ++nerva_lane) {    \
-        EW_STORE_OUT(EW_APPLY(EW_FLAT_ADDR),                                  \
-                     (__global OUT_DTYPE *)out_base + first + nerva_lane);   \
-      }                                                                       \
-    }                                                                         \
+    NERVA_STORE_STREAM(float16, 16, EW_APPLY16(), (__global float *)out_base + first); \
   }
 
 /* ---- strided kernel ---- */
@@ -200,12 +193,34 @@ inline ushort ew_half_bits(float f) {
     EW_STORE_OUT(EW_APPLY(EW_STRIDED_ADDR), (__global OUT_DTYPE *)(out_ptr + out_at)); \
   }
 
+/* EW_VEC16 strided builds (CPU devices, float tensors contiguous along x,
+ * rank up to 3): item (g, y, z) maps the 16 elements from x = 16 g of row
+ * (y, z), with the 16-lane loads, EW_OP16 and store of the flat form. The
+ * launch covers whole vectors of every row; the host maps the rows' last
+ * elements with the strided kernel. */
+#define EW_ROW16_START(t)                                                     \
+  const size_t t##_at = t##_offset + x * 4 + y * t##_strides.s1 + z * t##_strides.s2;
+#define EW_ROW16_LOAD(i) vload16(0, (__global const float *)(in##i##_ptr + in##i##_at))
+#define EW_APPLY_ROW16() NERVA_CAT(EW_APPLY_ROW16_, EW_ARITY)()
+#define EW_APPLY_ROW16_1() EW_OP16(EW_ROW16_LOAD(0))
+#define EW_APPLY_ROW16_2() EW_OP16(EW_ROW16_LOAD(0), EW_ROW16_LOAD(1))
+#define EW_APPLY_ROW16_3() EW_OP16(EW_ROW16_LOAD(0), EW_ROW16_LOAD(1), EW_ROW16_LOAD(2))
+#define EW_ROW16_KERNEL(NAME)                                                 \
+  __kernel void NAME(uint8 dims, int rank EW_TENSORS(EW_STRIDED_PARAM) EW_PARAMS) { \
+    const size_t x = get_global_id(0) * 16, y = get_global_id(1), z = get_global_id(2); \
+    EW_TENSORS(EW_ROW16_START)                                                \
+    NERVA_STORE_STREAM(float16, 16, EW_APPLY_ROW16(),                         \
+                       (__global float *)(out_ptr + out_at));                 \
+  }
+
 /* One form per build (EW_FORM: 0 flat, 1 strided, 2 list, 3 list from a
  * table), so each build compiles one kernel. */
 #if EW_FORM == 0 && defined(EW_VEC16)
 #define EW_KERNELS(NAME) EW_FLAT16_KERNEL(NAME)
 #elif EW_FORM == 0
 #define EW_KERNELS(NAME) EW_FLAT_KERNEL(NAME)
+#elif EW_FORM == 1 && defined(EW_VEC16)
+#define EW_KERNELS(NAME) EW_ROW16_KERNEL(NAME##Strided)
 #elif EW_FORM == 1
 #define EW_KERNELS(NAME) EW_STRIDED_KERNEL(NAME##Strided)
 #else

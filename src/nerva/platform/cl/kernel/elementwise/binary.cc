@@ -130,6 +130,10 @@ ElementwiseSpec BinaryKernel::Spec(BinaryType op, DataType a, DataType b) {
       "binary.cl", {types.first.first, types.first.second}, types.second, BuildOption()};
   spec.options.AddDefinition("OP", OpName(op))
       .AddDefinitionAutoType("EW_SIGNED", TypeTraitsHelper::IsSigned(types.first.first));
+  // Float expressions that hold for float16 lanes as written (EW_OP16).
+  spec.op16 = op == BinaryType::kAdd || op == BinaryType::kSub || op == BinaryType::kMul ||
+              op == BinaryType::kDiv || op == BinaryType::kFmax || op == BinaryType::kFmin ||
+              op == BinaryType::kCopysign;
   return spec;
 }
 

@@ -11,6 +11,9 @@
 #define EW_ARITY 2
 #define EW_PARAMS , float alpha
 #define EW_OP(a, b) NERVA_CAT(BI_, OP)(a, b)
+/* The float forms of ADD, SUB, MUL, DIV, FMAX, FMIN and COPYSIGN also hold
+ * for float16 lanes (the host builds EW_VEC16 only for those). */
+#define EW_OP16(a, b) NERVA_CAT(BI_, OP)(a, b)
 #define T EW_T0
 
 #if EW_INT

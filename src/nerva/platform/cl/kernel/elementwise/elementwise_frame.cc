@@ -37,12 +37,6 @@ std::vector<size_t> SpreadLocal(const std::vector<size_t>& global) {
 }
 
 // Largest power of two up to `most` that divides `n`.
-size_t PowerOfTwoDivisor(size_t n, size_t most) {
-  size_t l = 1;
-  while (2 * l <= most && n % (2 * l) == 0) l *= 2;
-  return l;
-}
-
 // Groups of the strided launch on CPU devices, which run a group as a loop
 // over x vectorised across items. Streaming layouts take runs of up to 1024
 // items along x (PoCL's own choice is far slower); a layout where some tensor
@@ -369,59 +363,90 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   }
   bool all_float = out_.dtype() == kFloat;
   for (DataType t : types) all_float = all_float && t == kFloat;
-  if (flat && spec.op16 && all_float) {
-    options.AddDefinitionAutoType("EW_VEC16", 1);
-    auto unit = MakeSubKernel(session, program, sources, options, name());
-    unit->SetArgs(static_cast<cl_uint>(n));
+  // One flat launch from element `base` on: `items` items of `step` elements.
+  const auto add_flat = [&](const BuildOption& build, long base, long items, long step) {
+    auto unit = MakeSubKernel(session, program, sources, build, name());
+    unit->SetArgs(static_cast<cl_uint>(base));
     for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
     bind(*unit);
-    unit->SetGlobal({static_cast<size_t>((n + 15) / 16)}).SetLocal({kVec16Group});
+    unit->SetGlobal({static_cast<size_t>(items)});
+    const size_t group = PowerOfTwoDivisor(
+        static_cast<size_t>(items),
+        std::min<size_t>(step == 16 ? kVec16Group : 1024, session->max_work_group_size()));
+    if (group >= 16) unit->SetLocal({group});
+  };
+  if (flat && spec.op16 && all_float && n >= 16) {
+    // Whole 16-element vectors, then the rest element by element.
+    BuildOption vec16 = options;
+    vec16.AddDefinitionAutoType("EW_VEC16", 1);
+    if (session->StreamStores(n * 4, 64, {views[0].offset()})) {
+      vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
+    }
+    add_flat(vec16, 0, n / 16, 16);
+    if (n % 16 != 0) add_flat(options, n / 16 * 16, n % 16, 1);
     return;
   }
   if (flat) {
-    auto unit = MakeSubKernel(session, program, sources, options, name());
-    unit->SetArgs(static_cast<cl_uint>(0));
-    for (const ClTensor& v : views) unit->SetArg(EwFlatArg{v.mem(), v.offset(), v.buffer()});
-    bind(*unit);
-    unit->SetGlobal({static_cast<size_t>(n)});
-    const size_t group = PowerOfTwoDivisor(static_cast<size_t>(n),
-                                           std::min<size_t>(1024, session->max_work_group_size()));
-    if (group >= 16) unit->SetLocal({group});
+    add_flat(options, 0, n, 1);
     return;
   }
-  auto unit = MakeSubKernel(session, program, sources, options, name() + "Strided");
+  // One strided launch over x in [x0, x0 + nx) of every row, `step`
+  // elements per item along x.
   const size_t rank = layout.sizes.size();
-  EwDims dims{};
-  for (size_t d = 0; d < 8; ++d)
-    dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(layout.sizes[d]) : 1;
-  unit->SetArgs(dims, static_cast<int>(rank));
-  size_t extent = 1;
-  for (size_t d = 2; d < rank; ++d) extent *= static_cast<size_t>(layout.sizes[d]);
-  if (spread) unit->SetArg(static_cast<cl_uint>(extent));
-  for (size_t t = 0; t < views.size(); ++t) {
-    EwStridedArg arg{views[t].mem(), views[t].offset(), {}, views[t].buffer()};
-    for (size_t d = 0; d < rank; ++d) arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
-    unit->SetArg(arg);
-  }
-  bind(*unit);
-  std::vector<size_t> global;
-  for (size_t d = 0; d < std::min<size_t>(rank, 3); ++d) {
-    global.push_back(static_cast<size_t>(layout.sizes[d]));
-  }
-  for (size_t d = 3; d < rank; ++d) global[2] *= static_cast<size_t>(layout.sizes[d]);
-  unit->SetGlobal(global);
-  if (spread) {
-    unit->SetLocal(SpreadLocal(global));
-    return;
-  }
   bool tiled = false;
   for (size_t t = 0; t < tensors.size(); ++t) {
     const long x = layout.strides[t][0];
     tiled = tiled || (x != 0 && x != static_cast<long>(tensors[t].option().item_size()));
   }
-  const std::vector<size_t> local =
-      CpuStridedLocal(global, tiled && rank > 1, session->max_work_group_size());
-  if (!local.empty()) unit->SetLocal(local);
+  const auto add_strided = [&](const BuildOption& build, long x0, long nx, long step) {
+    auto unit = MakeSubKernel(session, program, sources, build, name() + "Strided");
+    EwDims dims{};
+    for (size_t d = 0; d < 8; ++d)
+      dims.sizes.s[d] = d < rank ? static_cast<cl_uint>(d ? layout.sizes[d] : nx) : 1;
+    unit->SetArgs(dims, static_cast<int>(rank));
+    size_t extent = 1;
+    for (size_t d = 2; d < rank; ++d) extent *= static_cast<size_t>(layout.sizes[d]);
+    if (spread) unit->SetArg(static_cast<cl_uint>(extent));
+    for (size_t t = 0; t < views.size(); ++t) {
+      const long offset = views[t].offset() + x0 * layout.strides[t][0];
+      EwStridedArg arg{views[t].mem(), static_cast<cl_uint>(offset), {}, views[t].buffer()};
+      for (size_t d = 0; d < rank; ++d)
+        arg.strides.s[d] = static_cast<cl_uint>(layout.strides[t][d]);
+      unit->SetArg(arg);
+    }
+    bind(*unit);
+    std::vector<size_t> global = {static_cast<size_t>(nx / step)};
+    for (size_t d = 1; d < std::min<size_t>(rank, 3); ++d) {
+      global.push_back(static_cast<size_t>(layout.sizes[d]));
+    }
+    for (size_t d = 3; d < rank; ++d) global[2] *= static_cast<size_t>(layout.sizes[d]);
+    unit->SetGlobal(global);
+    if (spread) {
+      unit->SetLocal(SpreadLocal(global));
+      return;
+    }
+    const std::vector<size_t> local =
+        CpuStridedLocal(global, tiled && rank > 1, session->max_work_group_size());
+    if (!local.empty()) unit->SetLocal(local);
+  };
+  // CPU devices, float tensors all contiguous along x, rank up to 3: rows
+  // in whole 16-element vectors, then the rows' last elements.
+  bool rows16 = session->host_cpu() && spec.op16 && all_float && rank <= 3 && layout.sizes[0] >= 16;
+  for (size_t t = 0; rows16 && t < tensors.size(); ++t) rows16 = layout.strides[t][0] == 4;
+  if (rows16) {
+    const long whole = layout.sizes[0] / 16 * 16;
+    BuildOption vec16 = options;
+    vec16.AddDefinitionAutoType("EW_VEC16", 1);
+    std::vector<uint64_t> steps = {views[0].offset()};
+    for (size_t d = 1; d < rank; ++d) steps.push_back(layout.strides[0][d]);
+    if (session->StreamStores(Count(out_.shape().sizes()) * 4, 64, steps)) {
+      vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
+    }
+    add_strided(vec16, 0, whole, 16);
+    if (whole < layout.sizes[0]) add_strided(options, whole, layout.sizes[0] - whole, 1);
+    return;
+  }
+  add_strided(options, 0, layout.sizes[0], 1);
 }
 
 cl_int SetKernelArg(cl_kernel kernel, unsigned& index, const EwFlatArg& arg) {

@@ -36,12 +36,6 @@ bool Packed(const MatrixView& view) {
           view.batch_stride == view.rows * view.cols * item);
 }
 
-long LargestPowerOfTwoDividing(long value, long limit) {
-  long tile = 1;
-  while (tile * 2 <= limit && value % (tile * 2) == 0) tile *= 2;
-  return tile;
-}
-
 }  // namespace
 
 bool TcMatMul::IsSupport(const SessionImpl& session, const MatMulOption& /*option*/,
@@ -107,7 +101,7 @@ void TcMatMul::CreateClKernel(KernelImpl& kernel, std::shared_ptr<SessionImpl> s
         .SetLocal({kBlock, 1, 1});
     return;
   }
-  const long tile_m = LargestPowerOfTwoDividing(m, 64);
+  const long tile_m = static_cast<long>(PowerOfTwoDivisor(static_cast<size_t>(m), 64));
   const bool ab2atb = tile_m % 4 == 0 && k % 4 == 0 &&
                       static_cast<uint64_t>(tile_m * k * ItemSize(mat1.dtype)) * 2 <=
                           session->available_local_mem();

@@ -193,8 +193,8 @@ void LayoutKernel::AddMoveLayout(const std::shared_ptr<SessionImpl>& session, co
   for (long s : sizes) moved *= static_cast<uint64_t>(s);
   std::vector<uint64_t> steps = {static_cast<uint64_t>(out_offset)};
   steps.insert(steps.end(), out_strides.begin() + 1, out_strides.end());
-  const bool stream = xc && session->StreamStores(std::max(written_bytes_, moved),
-                                                  MoveVector(item) * item, steps);
+  const bool stream =
+      xc && session->StreamStores(std::max(written_bytes_, moved), MoveVector(item) * item, steps);
   auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
                             MoveOptions(item, xc, sizes.size() > 3, stream), entry_);
   unit->SetArgs(Lanes(sizes, 1), static_cast<int>(sizes.size()), out.storage(),

@@ -28,13 +28,6 @@ size_t Pow2(size_t n) {
   return p;
 }
 
-// The largest power of two up to `most` that divides n (n > 0).
-size_t Pow2Divisor(size_t n, size_t most) {
-  size_t p = 1;
-  while (p < most && n % (2 * p) == 0) p *= 2;
-  return p;
-}
-
 size_t Groups(long n, size_t tile) {
   return (static_cast<size_t>(n) + tile - 1) / tile;
 }
@@ -158,10 +151,9 @@ void PermuteKernel::AddWideTranspose(const std::shared_ptr<SessionImpl>& session
   const uint64_t row = kWideBlock * item;  // one streamed output row of a block
   BuildOption options = MoveOptions(item);
   options.AddDefinitionAutoType(
-      "NERVA_STREAM",
-      session->StreamStores(out_.shape().size() * item, row,
-                            {out_view.offset(), static_cast<uint64_t>(os[1]),
-                             static_cast<uint64_t>(batched ? os[2] : 0)}));
+      "NERVA_STREAM", session->StreamStores(out_.shape().size() * item, row,
+                                            {out_view.offset(), static_cast<uint64_t>(os[1]),
+                                             static_cast<uint64_t>(batched ? os[2] : 0)}));
   auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
                             {"common.h", "layout.h", "permute_2d.cl"}, options, "Permute2D16");
   unit->SetArgs(out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
@@ -171,7 +163,7 @@ void PermuteKernel::AddWideTranspose(const std::shared_ptr<SessionImpl>& session
   // costs PoCL's work-group loop a third of its speed); y, the input's
   // contiguous direction, first.
   unit->SetGlobal({by, bx, static_cast<size_t>(batched ? layout.sizes[2] : 1)});
-  unit->SetLocal({Pow2Divisor(by, kWideGroup), Pow2Divisor(bx, kWideGroup), 1});
+  unit->SetLocal({PowerOfTwoDivisor(by, kWideGroup), PowerOfTwoDivisor(bx, kWideGroup), 1});
   const long x_cut = static_cast<long>(bx * kWideBlock), y_cut = static_cast<long>(by * kWideBlock);
   if (x_cut < n0) {
     const auto [out_part, in_part] = Part(in, layout, x_cut, n0, 0, n1);
