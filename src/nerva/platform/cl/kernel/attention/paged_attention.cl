@@ -82,6 +82,23 @@ __kernel __attribute__((reqd_work_group_size(WG, 1, 1))) void paged_attention(
     long bi = c0 / block_size;
     int off = (int)(c0 - bi * block_size);
     long blk = load_index(block_tables, bt64, (long)s * max_blocks + bi);
+#ifdef NERVA_HOST_CPU_DEVICE
+    /* The next chunk's key and value rows (those in its first block) are
+     * requested now: the blocks lie anywhere, so the hardware cannot guess
+     * them, and each is a page of its own. */
+    const long n0 = c0 + (long)WG * TB;
+    if (n0 < end) {
+      const long nbi = n0 / block_size, nblk = load_index(block_tables, bt64,
+                                                          (long)s * max_blocks + nbi);
+      const int noff = (int)(n0 - nbi * block_size);
+      if (nblk >= 0 && nblk < num_blocks) {
+        const long at = ((nblk * kv_heads + hk) * block_size + noff) * HEAD_DIM;
+        const long bytes = (long)min(TB, block_size - noff) * HEAD_DIM * (long)sizeof(DTYPE);
+        NERVA_PREFETCH_BYTES(kc + at, bytes);
+        NERVA_PREFETCH_BYTES(vc + at, bytes);
+      }
+    }
+#endif
     for (int j = 0; j < TB; ++j) {
       const long t = c0 + j;
       const long row = t < end && blk >= 0 && blk < num_blocks

@@ -119,6 +119,21 @@ typedef uchar fp8_e5m2;
 #define NERVA_LANES(VEC) VEC
 #endif
 
+/* ---- prefetch ----
+ * NERVA_PREFETCH(p): a hint that the cache line at p is read soon, into the
+ * outer caches (locality 1: more misses stay in flight than with the first
+ * level as target). Latency-bound reads on CPUs (random rows, pages of a
+ * cache) keep several lines in flight that way. Nothing on other devices. */
+#if defined(NERVA_HOST_CPU_DEVICE) && defined(__clang__)
+#define NERVA_PREFETCH(p) __builtin_prefetch(p, 0, 1)
+#else
+#define NERVA_PREFETCH(p)
+#endif
+/* Every line of the n bytes at p. */
+#define NERVA_PREFETCH_BYTES(p, n)                                            \
+  for (ulong nerva_at = 0; nerva_at < (ulong)(n); nerva_at += 64)            \
+  NERVA_PREFETCH((__global const uchar *)(p) + nerva_at)
+
 /* ---- streaming stores ----
  * Programs built with NERVA_STREAM 1 (the host's choice for outputs larger
  * than the caches, on CPU devices) write whole vectors past the caches:

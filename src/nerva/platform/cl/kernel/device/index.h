@@ -76,16 +76,10 @@ inline void ix_copy_bytes(__global uchar *d, __global const uchar *s, ulong n) {
   }
 }
 
-/* A hint that the first (up to four) cache lines of n bytes at p are read
- * soon. Random rows are latency bound on CPUs: asking for the row a few work
- * items ahead keeps several in flight. Into the outer caches only (locality
- * 1): more misses stay in flight than with the first-level cache as target.
- * No access happens on other devices. */
-#if defined(NERVA_HOST_CPU_DEVICE) && defined(__clang__)
-#define IX_PREFETCH(p) __builtin_prefetch(p, 0, 1)
-#else
-#define IX_PREFETCH(p)
-#endif
+/* The first (up to four) cache lines of n bytes at p are read soon: random
+ * rows are latency bound on CPUs, and asking for the row a few work items
+ * ahead keeps several in flight. */
+#define IX_PREFETCH(p) NERVA_PREFETCH(p)
 #define IX_AHEAD 32
 inline void ix_prefetch(__global const uchar *p, ulong n) {
   IX_PREFETCH(p);
