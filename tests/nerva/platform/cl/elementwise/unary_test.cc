@@ -101,6 +101,16 @@ TEST(UnaryTest, EveryOperatorOnFloat) {
   for (const UnaryCase& c : Cases()) CheckCase(c, kFloat, {1003}, Layout::kContiguous, 1);
 }
 
+// The operators with a 16-lane form, storing past the caches.
+TEST(UnaryTest, StreamedSixteenLaneForms) {
+  const StreamStoresForTesting streaming;
+  for (const UnaryCase& c : Cases()) {
+    if (UnaryKernel::Spec(c.op, kFloat).op16) {
+      CheckCase(c, kFloat, {1003}, Layout::kContiguous, 5);
+    }
+  }
+}
+
 TEST(UnaryTest, SpecialFloatValues) {
   const std::vector<double> values = {NAN, INFINITY, -INFINITY, 0.0, -0.0, 2.5, -2.5, 0.5, 1.5, -7};
   const Operand in = MakeOperand({10}, kFloat, values);

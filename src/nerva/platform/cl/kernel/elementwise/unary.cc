@@ -98,6 +98,10 @@ ElementwiseSpec UnaryKernel::Spec(UnaryType op, DataType input) {
   const auto types = Types(op, input);
   ElementwiseSpec spec{"unary.cl", {types.first}, types.second, BuildOption()};
   spec.options.AddDefinition("OP", OpName(op)).AddDefinitionAutoType("BOOL_ARG", input == kBool);
+  // Float expressions that hold for float16 lanes as written (EW_OP16).
+  spec.op16 = op == UnaryType::kAbs || op == UnaryType::kNeg || op == UnaryType::kExp ||
+              op == UnaryType::kExp2 || op == UnaryType::kSqrt || op == UnaryType::kReciprocal ||
+              op == UnaryType::kSquare;
   return spec;
 }
 

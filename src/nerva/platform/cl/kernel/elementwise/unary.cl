@@ -10,6 +10,9 @@
 #define EW_ARITY 1
 #define EW_PARAMS
 #define EW_OP(x) NERVA_CAT(UN_, OP)(x)
+/* The float forms of ABS, NEG, EXP, EXP2, SQRT, RECIPROCAL and SQUARE also
+ * hold for float16 lanes (the host builds EW_VEC16 only for those). */
+#define EW_OP16(x) NERVA_CAT(UN_, OP)(x)
 
 /* erfinv for |x| < 1 (single precision, Giles' approximation refined by
  * two Newton steps on erf); +-1 give +-inf, outside NaN. */
