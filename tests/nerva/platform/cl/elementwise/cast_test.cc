@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 
 #include "nerva/platform/cl/elementwise/ew_test_util.h"
 #include "nerva/platform/cl/kernel/elementwise/copy.h"
@@ -91,7 +92,8 @@ uint16_t HalfBitsRef(float v) {
 
 // Float to half bit for bit: ties in normal and subnormal range, overflow at
 // 65520, infinities, NaN, signed zeros, float subnormals, random values, over
-// lengths and layouts of every launch kind, on both device classes.
+// lengths and layouts of every launch kind, on both device classes (and the
+// CPU's streaming stores).
 TEST(CastTest, HalfRoundingExact) {
   std::vector<float> specials = {1.0f + std::ldexp(1.0f, -11),      // tie, rounds down to even
                                  1.0f + 3 * std::ldexp(1.0f, -11),  // tie, rounds up to even
@@ -113,9 +115,12 @@ TEST(CastTest, HalfRoundingExact) {
                                  std::ldexp(1.0f, -140),
                                  -1e-30f};
   const std::vector<float> random = RandomFloats(4097, -70000.0f, 70000.0f, 61);
-  for (bool gpu : {false, true}) {
+  for (int mode : {0, 1, 2}) {  // CPU programs, GPU programs, CPU with streaming stores
+    const bool gpu = mode == 1;
     const GpuPathsForTesting paths(gpu);
-    for (long n : {1L, 3L, 5L, 17L, 19L, 4097L}) {
+    std::optional<StreamStoresForTesting> streaming;
+    if (mode == 2) streaming.emplace();
+    for (long n : {1L, 3L, 5L, 17L, 19L, 64L, 4097L}) {
       std::vector<float> values(random.begin(), random.begin() + n);
       for (long i = 0; i < n && i < static_cast<long>(specials.size()); ++i)
         values[i] = specials[i];

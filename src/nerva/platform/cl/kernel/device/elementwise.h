@@ -52,19 +52,30 @@
  * compiler from vectorising across work items; the same rounding (to nearest,
  * ties to even; overflow to infinity, NaN to a quiet NaN of its sign) in
  * integer arithmetic vectorises. */
-inline ushort ew_half_bits(float f) {
-  const uint x = as_uint(f);
-  const uint sign = (x >> 16) & 0x8000u;
-  const uint ax = x & 0x7fffffffu;
-  /* normal results: rebias the exponent, round the mantissa to 10 bits */
-  const uint normal = (ax + 0xc8000fffu + ((ax >> 13) & 1u)) >> 13;
-  /* below 2^-14: adding 0.5 leaves the half's subnormal units (2^-24) in the
-   * float's low mantissa bits, rounded to even by the addition itself */
-  const uint small = as_uint(as_float(ax) + 0.5f) - 0x3f000000u;
-  uint h = ax < 0x38800000u ? small : normal;
-  h = ax >= 0x47800000u ? 0x7c00u : h;
-  h = ax > 0x7f800000u ? 0x7e00u : h;
-  return (ushort)(sign | h);
+#define EW_DEFINE_HALF_BITS(NAME, F, U)                                        \
+  inline U NAME(F f) {                                                       \
+    const U x = as_##U(f);                                                   \
+    const U sign = (x >> 16) & 0x8000u;                                      \
+    const U ax = x & 0x7fffffffu;                                            \
+    /* normal results: rebias the exponent, round the mantissa to 10 bits */ \
+    const U normal = (ax + 0xc8000fffu + ((ax >> 13) & 1u)) >> 13;           \
+    /* below 2^-14: adding 0.5 leaves the half's subnormal units (2^-24) in  \
+     * the float's low mantissa bits, rounded to even by the addition */     \
+    const U small = as_##U(as_##F(ax) + 0.5f) - 0x3f000000u;                 \
+    U h = ax < 0x38800000u ? small : normal;                                 \
+    h = ax >= 0x47800000u ? (U)0x7c00u : h;                                  \
+    h = ax > 0x7f800000u ? (U)0x7e00u : h;                                   \
+    return sign | h;                                                         \
+  }
+EW_DEFINE_HALF_BITS(ew_half_word, float, uint)
+EW_DEFINE_HALF_BITS(ew_half_words16, float16, uint16)
+inline ushort ew_half_bits(float f) { return (ushort)ew_half_word(f); }
+/* The half bits of a0 .. a15, b0 .. b15 packed two per word, in order. */
+inline uint16 ew_half_pack32(float16 a, float16 b) {
+  const uint16 ha = ew_half_words16(a), hb = ew_half_words16(b);
+  return shuffle2(ha, hb, (uint16)(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30)) |
+         (shuffle2(ha, hb, (uint16)(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31))
+          << 16);
 }
 #define EW_STORE_OUT(v, p) \
   (*(__global ushort *)(p) = ew_half_bits(EW_CVT(OUT_CVT, OUT_DTYPE, v)))
@@ -117,24 +128,46 @@ inline ushort ew_half_bits(float f) {
 #endif
 
 /* ---- explicit 16-lane flat kernel ----
- * EW_VEC16 builds (CPU devices, float tensors, programs that also define
- * EW_OP16(a0, ..), their function on float16 values): item g maps elements
- * base + 16 g .. base + 16 g + 15 with whole-register loads, EW_OP16 and a
+ * EW_VEC16 builds (CPU devices, float inputs, a float output (or a half
+ * one for flat launches), programs that also define EW_OP16(a0, ..), their
+ * function on float16 values): item g maps elements base + 16 g .. base +
+ * 16 g + 15 (32 for a half output) with whole-register loads, EW_OP16 and a
  * store (past the caches in NERVA_STREAM builds), which beats the compiler's
  * vectorisation across items. The launch covers whole vectors only, without
- * a branch; the host maps the last count % 16 elements with the flat kernel.
+ * a branch; the host maps the last elements with the flat kernel.
  * Each element is read and written by one item, so in place is safe. */
 #define EW_V16_LOAD(i) vload16(0, (__global const float *)in##i##_base + first)
 #define EW_APPLY16() NERVA_CAT(EW_APPLY16_, EW_ARITY)()
 #define EW_APPLY16_1() EW_OP16(EW_V16_LOAD(0))
 #define EW_APPLY16_2() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1))
 #define EW_APPLY16_3() EW_OP16(EW_V16_LOAD(0), EW_V16_LOAD(1), EW_V16_LOAD(2))
+#if NERVA_CAT(EW_IS_HALF_, OUT_DTYPE) && defined(NERVA_HOST_CPU_DEVICE)
+/* A half output: 32 elements per item, so that the packed half bits fill one
+ * whole-register store. */
+#define EW_FLAT16_KERNEL(NAME)                                                \
+  __kernel void NAME(uint base EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
+    const size_t first0 = base + get_global_id(0) * 32;                       \
+    EW_TENSORS(EW_FLAT_BASE)                                                  \
+    float16 lo, hi;                                                           \
+    {                                                                         \
+      const size_t first = first0;                                            \
+      lo = EW_APPLY16();                                                      \
+    }                                                                         \
+    {                                                                         \
+      const size_t first = first0 + 16;                                       \
+      hi = EW_APPLY16();                                                      \
+    }                                                                         \
+    NERVA_STORE_STREAM(uint16, 16, ew_half_pack32(lo, hi),                    \
+                       (__global uint *)((__global ushort *)out_base + first0)); \
+  }
+#else
 #define EW_FLAT16_KERNEL(NAME)                                                \
   __kernel void NAME(uint base EW_TENSORS(EW_FLAT_PARAM) EW_PARAMS) {         \
     const size_t first = base + get_global_id(0) * 16;                        \
     EW_TENSORS(EW_FLAT_BASE)                                                  \
     NERVA_STORE_STREAM(float16, 16, EW_APPLY16(), (__global float *)out_base + first); \
   }
+#endif
 
 /* ---- strided kernel ---- */
 #define EW_STRIDED_PARAM(t) , __global uchar *t##_ptr, uint t##_offset, uint8 t##_strides

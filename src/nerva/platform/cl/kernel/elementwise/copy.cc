@@ -19,8 +19,9 @@ bool CastKernel::Verify() const {
 
 void CastKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const DataType in = input_type(0);
-  CompileElementwise(session, ElementwiseSpec{"copy.cl", {in}, in, BuildOption(), false},
-                     [](KernelUnit&) {});
+  ElementwiseSpec spec{"copy.cl", {in}, in, BuildOption(), false};
+  spec.op16 = true;  // float to float or half in whole vectors on CPU devices
+  CompileElementwise(session, spec, [](KernelUnit&) {});
 }
 
 NERVA_STATIC_REGISTER {

@@ -8,5 +8,6 @@
 #define EW_ARITY 1
 #define EW_PARAMS
 #define EW_OP(x) (x)
+#define EW_OP16(x) (x)
 
 EW_KERNELS(Copy)

@@ -363,6 +363,8 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   }
   bool all_float = out_.dtype() == kFloat;
   for (DataType t : types) all_float = all_float && t == kFloat;
+  bool float_to_half = out_.dtype() == kHalf && session->host_cpu();
+  for (DataType t : types) float_to_half = float_to_half && t == kFloat;
   // One flat launch from element `base` on: `items` items of `step` elements.
   const auto add_flat = [&](const BuildOption& build, long base, long items, long step) {
     auto unit = MakeSubKernel(session, program, sources, build, name());
@@ -375,15 +377,18 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
         std::min<size_t>(step == 16 ? kVec16Group : 1024, session->max_work_group_size()));
     if (group >= 16) unit->SetLocal({group});
   };
-  if (flat && spec.op16 && all_float && n >= 16) {
-    // Whole 16-element vectors, then the rest element by element.
+  // Whole vectors of 16 elements (32 into half, one 64-byte store), then the
+  // rest element by element.
+  const long step = float_to_half ? 32 : 16;
+  if (flat && spec.op16 && (all_float || float_to_half) && n >= step) {
     BuildOption vec16 = options;
     vec16.AddDefinitionAutoType("EW_VEC16", 1);
-    if (session->StreamStores(n * 4, 64, {views[0].offset()})) {
+    const uint64_t item = out_.option().item_size();
+    if (session->StreamStores(n * item, 64, {views[0].offset()})) {
       vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
     }
-    add_flat(vec16, 0, n / 16, 16);
-    if (n % 16 != 0) add_flat(options, n / 16 * 16, n % 16, 1);
+    add_flat(vec16, 0, n / step, 16);
+    if (n % step != 0) add_flat(options, n / step * step, n % step, 1);
     return;
   }
   if (flat) {
