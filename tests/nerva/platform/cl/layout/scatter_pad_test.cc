@@ -42,6 +42,52 @@ TEST(LayoutPad, EveryModeWithCrop) {
                    std::runtime_error, {"Pad", "reflect", "[2, 3]"});
 }
 
+// Contiguous tensors padded on their last two dims (CPU devices write whole
+// planes): every mode, rows with a 16-element middle and a rest, only the
+// last dim padded, rank 4.
+TEST(LayoutPad, WholePlanes) {
+  const float value = -1.5f;
+  std::vector<uint8_t> fill(4);
+  std::memcpy(fill.data(), &value, 4);
+  struct Case {
+    std::vector<long> sizes, pad;
+  } cases[] = {{{3, 5, 21}, {2, 3, 1, 2}}, {{2, 2, 4, 6}, {3, 0, 0, 3}}, {{4, 7}, {0, 5}}};
+  for (const Case& c : cases) {
+    const size_t rank = c.sizes.size();
+    for (int mode = 0; mode < 4; ++mode) {
+      SCOPED_TRACE(StrCat(Shape(c.sizes), " pad ", c.pad, " mode ", mode));
+      std::vector<long> before(rank, 0), out_sizes = c.sizes;
+      for (size_t k = 0; k < c.pad.size() / 2; ++k) {
+        before[rank - 1 - k] = c.pad[2 * k];
+        out_sizes[rank - 1 - k] += c.pad[2 * k] + c.pad[2 * k + 1];
+      }
+      DevTensor in = RandomTensor(c.sizes, kFloat);
+      DevTensor out = OutTensor(out_sizes, kFloat);
+      TestQueue().Enqueue(Pad::Create(TestQueue(),
+                                      PadOption{c.pad, static_cast<PadMode>(mode), value}, in.opt,
+                                      in.buf, out.opt, out.buf));
+      const auto map = [&](long i, long n) -> long {
+        if (i >= 0 && i < n) return i;
+        if (mode == 0) return -1;
+        if (mode == 1) return i < 0 ? -i : 2 * (n - 1) - i;
+        if (mode == 2) return std::clamp(i, 0L, n - 1);
+        return ((i % n) + n) % n;
+      };
+      ExpectMoved(
+          out, in,
+          [&](const std::vector<long>& o, std::vector<long>* i) {
+            *i = o;
+            for (size_t d = rank - 2; d < rank; ++d) {
+              (*i)[d] = map(o[d] - before[d], c.sizes[d]);
+              if ((*i)[d] < 0) return false;
+            }
+            return true;
+          },
+          fill);
+    }
+  }
+}
+
 TEST(LayoutShuffle, DepthToSpaceAndBack) {
   const long r = 2, C = 3, H = 3, W = 5;
   DevTensor in = RandomTensor({2, C * r * r, H, W}, kHalf);

@@ -83,6 +83,7 @@ void PadKernel::Compile(std::shared_ptr<SessionImpl> session) {
     CompileGeneric(session, before);
     return;
   }
+  if (CompileRows(session, before, after, cropped)) return;
   // The interior: a plain move of the input's overlap with the output.
   const auto& n = input_.shape().sizes();
   const auto& out_sizes = out_.shape().sizes();
@@ -147,6 +148,34 @@ void PadKernel::Compile(std::shared_ptr<SessionImpl> session) {
     }
     start[d] = 0, sizes[d] = out_sizes[d];  // this dim is now whole
   }
+}
+
+bool PadKernel::CompileRows(const std::shared_ptr<SessionImpl>& session,
+                            const std::vector<long>& before, const std::vector<long>& after,
+                            bool cropped) {
+  const size_t rank = input_.shape().ndim();
+  if (!session->host_cpu() || cropped || rank < 2 || !input_.is_contiguous() ||
+      !out_.is_contiguous() || out_.shape().size() > 0xFFFFFFFFL || input_.shape().size() == 0) {
+    return false;
+  }
+  for (size_t d = 0; d + 2 < rank; ++d) {
+    if (before[d] != 0 || after[d] != 0) return false;
+  }
+  const auto& n = input_.shape().sizes();
+  const auto& out_sizes = out_.shape().sizes();
+  long planes = 1;
+  for (size_t d = 0; d + 2 < rank; ++d) planes *= n[d];
+  const ClTensor out_view(out_), in_view(input_);
+  auto unit = MakeSubKernel(session, ProgramName(), MoveSources(),
+                            MoveOptions(out_.option().item_size()), "PadRows");
+  unit->SetArgs(static_cast<cl_uint>(n[rank - 1]), static_cast<cl_uint>(n[rank - 2]),
+                static_cast<cl_uint>(out_sizes[rank - 1]),
+                static_cast<cl_uint>(out_sizes[rank - 2]), static_cast<int>(before[rank - 1]),
+                static_cast<int>(before[rank - 2]), static_cast<int>(option_.mode), out_.storage(),
+                out_view.offset(), input_.storage(), in_view.offset(),
+                static_cast<cl_ulong>(ElementBits(option_.value, out_.dtype())));
+  unit->SetGlobal({static_cast<size_t>(planes)}).SetLocal({1});
+  return true;
 }
 
 void PadKernel::CompileGeneric(const std::shared_ptr<SessionImpl>& session,

@@ -6,7 +6,8 @@
  * PadMove and PadMoveFill are the plain moves and fills of the interior and
  * the border slabs. Pad walks the output over (x, y, z); PadFlat (GPUs) takes
  * one work item per output element in row-major order, so consecutive items
- * write consecutive elements of the contiguous output rows.
+ * write consecutive elements of the contiguous output rows. PadRows (CPU
+ * devices) writes whole planes.
  */
 // #include "layout.h"
 
@@ -62,4 +63,50 @@ __kernel void PadFlat(PAD_ARGS, uint total) {
   }
   pad_one(c, in_sizes, before, mode, out_ptr, out_offset, out_strides, in_ptr, in_offset,
           in_strides, value);
+}
+
+/* Input position of output position c - before (= i) on a dimension of n
+ * under `mode`, or -1 where constant mode writes `value`. */
+inline int pad_index(int i, int n, int mode) {
+  if (i >= 0 && i < n) return i;
+  if (mode == 0) return -1;
+  if (mode == 1) return i < 0 ? -i : 2 * (n - 1) - i;
+  if (mode == 2) return clamp(i, 0, n - 1);
+  i %= n;
+  return i < 0 ? i + n : i;
+}
+
+/*
+ * PadRows (CPU devices; contiguous tensors padded on their last two dims,
+ * none negative): work item p writes plane p of the output (ho rows of wo),
+ * row by row from its source row of the input's plane p (h rows of w): the
+ * row's middle moved 16 elements at a time, then the left and right borders
+ * element by element. Every output line is written once, in order.
+ */
+__kernel void PadRows(uint w, uint h, uint wo, uint ho, int left, int top, int mode,
+                      __global uchar *out_ptr, uint out_offset, __global uchar *in_ptr,
+                      uint in_offset, ulong value) {
+  const ulong p = get_global_id(0);
+  __global ly_t *out = (__global ly_t *)(out_ptr + out_offset) + p * wo * ho;
+  __global const ly_t *in = (__global const ly_t *)(in_ptr + in_offset) + p * w * h;
+  for (uint r = 0; r < ho; ++r) {
+    __global ly_t *o = out + (ulong)r * wo;
+    const int hs = pad_index((int)r - top, (int)h, mode);
+    if (hs < 0) {
+      for (uint j = 0; j < wo; ++j) o[j] = (ly_t)value;
+      continue;
+    }
+    __global const ly_t *src = in + (ulong)hs * w;
+    uint j = 0;
+    for (; j + 16 <= w; j += 16) vstore16(vload16(0, src + j), 0, o + left + j);
+    for (; j < w; ++j) o[left + j] = src[j];
+    for (int c = 0; c < left; ++c) {
+      const int k = pad_index(c - left, (int)w, mode);
+      o[c] = k < 0 ? (ly_t)value : src[k];
+    }
+    for (uint c = left + w; c < wo; ++c) {
+      const int k = pad_index((int)c - left, (int)w, mode);
+      o[c] = k < 0 ? (ly_t)value : src[k];
+    }
+  }
 }

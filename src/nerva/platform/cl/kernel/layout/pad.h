@@ -30,6 +30,10 @@ class PadKernel : public UnaryMoveKernel {
   // Every output element from the per-element mapping of pad.cl (for
   // crops in the modes other than constant); `before` in tensor order.
   void CompileGeneric(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& before);
+  // CPU devices: contiguous tensors padded on their last two dims only, one
+  // work item per plane; false where that does not apply.
+  bool CompileRows(const std::shared_ptr<SessionImpl>& session, const std::vector<long>& before,
+                   const std::vector<long>& after, bool cropped);
 
   // GPUs: one PadFlat launch, a work item per output element in row-major
   // order (unpadded outer dims merged); `before` in tensor order.
