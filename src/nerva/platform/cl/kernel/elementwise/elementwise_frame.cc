@@ -36,7 +36,6 @@ std::vector<size_t> SpreadLocal(const std::vector<size_t>& global) {
   return local;
 }
 
-// Largest power of two up to `most` that divides `n`.
 // Groups of the strided launch on CPU devices, which run a group as a loop
 // over x vectorised across items. Streaming layouts take runs of up to 1024
 // items along x (PoCL's own choice is far slower); a layout where some tensor
@@ -377,17 +376,20 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
         std::min<size_t>(step == 16 ? kVec16Group : 1024, session->max_work_group_size()));
     if (group >= 16) unit->SetLocal({group});
   };
+  // The 16-lane build: its 64-byte stores stream when the output is large and
+  // `steps` (the output's offset and row strides) keep them aligned.
+  const auto vec16_options = [&](const std::vector<uint64_t>& steps) {
+    BuildOption vec16 = options;
+    vec16.AddDefinitionAutoType("EW_VEC16", 1);
+    const uint64_t bytes = Count(out_.shape().sizes()) * out_.option().item_size();
+    if (session->StreamStores(bytes, 64, steps)) vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
+    return vec16;
+  };
   // Whole vectors of 16 elements (32 into half, one 64-byte store), then the
   // rest element by element.
   const long step = float_to_half ? 32 : 16;
   if (flat && spec.op16 && (all_float || float_to_half) && n >= step) {
-    BuildOption vec16 = options;
-    vec16.AddDefinitionAutoType("EW_VEC16", 1);
-    const uint64_t item = out_.option().item_size();
-    if (session->StreamStores(n * item, 64, {views[0].offset()})) {
-      vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
-    }
-    add_flat(vec16, 0, n / step, 16);
+    add_flat(vec16_options({views[0].offset()}), 0, n / step, 16);
     if (n % step != 0) add_flat(options, n / step * step, n % step, 1);
     return;
   }
@@ -440,14 +442,9 @@ void ElementwiseKernel::CompileElementwise(const std::shared_ptr<SessionImpl>& s
   for (size_t t = 0; rows16 && t < tensors.size(); ++t) rows16 = layout.strides[t][0] == 4;
   if (rows16) {
     const long whole = layout.sizes[0] / 16 * 16;
-    BuildOption vec16 = options;
-    vec16.AddDefinitionAutoType("EW_VEC16", 1);
     std::vector<uint64_t> steps = {views[0].offset()};
     for (size_t d = 1; d < rank; ++d) steps.push_back(layout.strides[0][d]);
-    if (session->StreamStores(Count(out_.shape().sizes()) * 4, 64, steps)) {
-      vec16.AddDefinitionAutoType("NERVA_STREAM", 1);
-    }
-    add_strided(vec16, 0, whole, 16);
+    add_strided(vec16_options(steps), 0, whole, 16);
     if (whole < layout.sizes[0]) add_strided(options, whole, layout.sizes[0] - whole, 1);
     return;
   }

@@ -17,25 +17,33 @@ LY_MOVE_KERNELS(PadMove)
   uint8 sizes, int rank, int8 in_sizes, int8 before, int mode, LY_VIEW(out), LY_VIEW(in), \
       ulong value
 
+/* Input position of i = c - before on a dimension of n under `mode`, lane by
+ * lane for int8 (i is returned unchanged in constant mode). */
+#define PAD_DEFINE_MAP(T)                                                      \
+  inline T __attribute__((overloadable)) pad_map(T i, T n, int mode) {        \
+    if (mode == 1) {                                                         \
+      i = select(i, -i, i < 0);                                              \
+      return select(i, 2 * (n - 1) - i, i >= n);                             \
+    }                                                                        \
+    if (mode == 2) return clamp(i, (T)(0), n - 1);                           \
+    if (mode == 3) {                                                         \
+      i = i % n;                                                             \
+      return select(i, i + n, i < 0);                                        \
+    }                                                                        \
+    return i;                                                                \
+  }
+PAD_DEFINE_MAP(int)
+PAD_DEFINE_MAP(int8)
+
 inline void pad_one(uint8 c, int8 in_sizes, int8 before, int mode, LY_VIEW(out), LY_VIEW(in),
                     ulong value) {
-  int8 i = convert_int8(c) - before;
-  const int8 n = in_sizes;
-  if (mode == 0) {
-    if (any((i < 0) | (i >= n))) {
-      LY_AT(out_ptr, LY_ADDR(out, c)) = (ly_t)value;
-      return;
-    }
-  } else if (mode == 1) {
-    i = select(i, -i, i < 0);
-    i = select(i, 2 * (n - 1) - i, i >= n);
-  } else if (mode == 2) {
-    i = clamp(i, (int8)(0), n - 1);
-  } else {
-    i = i % n;
-    i = select(i, i + n, i < 0);
+  const int8 i = convert_int8(c) - before;
+  if (mode == 0 && any((i < 0) | (i >= in_sizes))) {
+    LY_AT(out_ptr, LY_ADDR(out, c)) = (ly_t)value;
+    return;
   }
-  LY_AT(out_ptr, LY_ADDR(out, c)) = LY_AT(in_ptr, LY_ADDR(in, convert_uint8(i)));
+  LY_AT(out_ptr, LY_ADDR(out, c)) =
+      LY_AT(in_ptr, LY_ADDR(in, convert_uint8(pad_map(i, in_sizes, mode))));
 }
 
 __kernel void Pad(PAD_ARGS) {
@@ -65,15 +73,9 @@ __kernel void PadFlat(PAD_ARGS, uint total) {
           in_strides, value);
 }
 
-/* Input position of output position c - before (= i) on a dimension of n
- * under `mode`, or -1 where constant mode writes `value`. */
+/* pad_map on one dimension, -1 where constant mode writes `value`. */
 inline int pad_index(int i, int n, int mode) {
-  if (i >= 0 && i < n) return i;
-  if (mode == 0) return -1;
-  if (mode == 1) return i < 0 ? -i : 2 * (n - 1) - i;
-  if (mode == 2) return clamp(i, 0, n - 1);
-  i %= n;
-  return i < 0 ? i + n : i;
+  return mode == 0 && (i < 0 || i >= n) ? -1 : pad_map(i, n, mode);
 }
 
 /*

@@ -102,9 +102,7 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const size_t tx = Groups(layout.sizes[0], kTile), ty = Groups(layout.sizes[1], kTile);
   const bool tiled =
       !session->host_cpu() && ty <= kMaxGroups && static_cast<size_t>(batch) <= kMaxGroups;
-  auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
-                            {"common.h", "layout.h", "permute_2d.cl"}, MoveOptions(item),
-                            tiled ? "Permute2DTile" : "Permute2D");
+  auto unit = Permute2DUnit(session, MoveOptions(item), tiled ? "Permute2DTile" : "Permute2D");
   unit->SetArgs(static_cast<cl_uint>(layout.sizes[0]), static_cast<cl_uint>(layout.sizes[1]),
                 out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
                 static_cast<cl_uint>(rank == 3 ? os[2] : 0), in.storage(), in_view.offset(),
@@ -121,6 +119,13 @@ void PermuteKernel::Compile(std::shared_ptr<SessionImpl> session) {
   const size_t gy = std::min(kGroup / gx, Pow2(by));
   unit->SetGlobal({bx, by, static_cast<size_t>(batch)});
   unit->SetLocal({gx, gy, 1});
+}
+
+std::shared_ptr<KernelUnit> PermuteKernel::Permute2DUnit(
+    const std::shared_ptr<SessionImpl>& session, const BuildOption& options,
+    const std::string& entry) {
+  return MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
+                       {"common.h", "layout.h", "permute_2d.cl"}, options, entry);
 }
 
 // The views of out and in over x in [x0, x1) and y in [y0, y1) of `layout`
@@ -149,13 +154,10 @@ void PermuteKernel::AddWideTranspose(const std::shared_ptr<SessionImpl>& session
   const size_t bx = static_cast<size_t>(n0) / kWideBlock, by = static_cast<size_t>(n1) / kWideBlock;
   const ClTensor out_view(out_), in_view(in);
   const uint64_t row = kWideBlock * item;  // one streamed output row of a block
-  BuildOption options = MoveOptions(item);
-  options.AddDefinitionAutoType(
-      "NERVA_STREAM", session->StreamStores(out_.shape().size() * item, row,
+  const bool stream = session->StreamStores(out_.shape().size() * item, row,
                                             {out_view.offset(), static_cast<uint64_t>(os[1]),
-                                             static_cast<uint64_t>(batched ? os[2] : 0)}));
-  auto unit = MakeSubKernel(session, ConcatenateStrings("permute_2d.cl", "layout"),
-                            {"common.h", "layout.h", "permute_2d.cl"}, options, "Permute2D16");
+                                             static_cast<uint64_t>(batched ? os[2] : 0)});
+  auto unit = Permute2DUnit(session, MoveOptions(item, false, false, stream), "Permute2D16");
   unit->SetArgs(out_.storage(), out_view.offset(), static_cast<cl_uint>(os[1]),
                 static_cast<cl_uint>(batched ? os[2] : 0), in.storage(), in_view.offset(),
                 static_cast<cl_uint>(is[0]), static_cast<cl_uint>(batched ? is[2] : 0));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "nerva/kernel/base.h"
@@ -27,6 +28,9 @@ class PermuteKernel : public LayoutKernel {
   std::vector<int> Order() const;  // dims normalised; throws on a bad permutation
   std::pair<Tensor, Tensor> Part(const Tensor& in, const ElementwiseLayout& layout, long x0,
                                  long x1, long y0, long y1) const;
+  // A unit of the permute_2d.cl program.
+  std::shared_ptr<KernelUnit> Permute2DUnit(const std::shared_ptr<SessionImpl>& session,
+                                            const BuildOption& options, const std::string& entry);
   // CPU devices: whole 16 x 16 blocks in registers, the cut edges as moves.
   void AddWideTranspose(const std::shared_ptr<SessionImpl>& session, const Tensor& in,
                         const ElementwiseLayout& layout);
